@@ -1,0 +1,96 @@
+"""Includes never run upward: platform/ knows nothing of PfeNat/ or agent/, PfeNat/ nothing of agent/; what lies outside
+of PfeNat/ includes its faces only; and each layer names no library but those it may depend on.
+
+An include is followed to the file it names, so neither "../" nor a second spelling gets past.
+"""
+
+import re
+
+import _tree
+
+STANDARD = set(
+    """
+    algorithm any array atomic barrier bit bitset cassert cctype cerrno cfenv cfloat charconv chrono cinttypes climits
+    clocale cmath compare complex concepts condition_variable coroutine csetjmp csignal cstdarg cstddef cstdint cstdio
+    cstdlib cstring ctime cuchar cwchar cwctype deque exception execution filesystem format forward_list fstream
+    functional future initializer_list iomanip ios iosfwd iostream istream iterator latch limits list locale map memory
+    memory_resource mutex new numbers numeric optional ostream queue random ranges ratio regex scoped_allocator
+    semaphore set shared_mutex source_location span sstream stack stdexcept stop_token streambuf string string_view
+    strstream syncstream system_error thread tuple type_traits typeindex typeinfo unordered_map unordered_set utility
+    valarray variant vector version
+    """.split()
+)
+FLAT_CONTAINERS = re.compile(r"boost/(unordered|container_hash)/")
+TEST_LIBRARIES = re.compile(r"(gtest|gmock|rapidcheck|benchmark)(/|\.h)")
+
+# A layer may include itself and these.
+MAY_INCLUDE = {
+    "platform": {"platform"},
+    "PfeNat": {"platform", "PfeNat"},
+    "agent": {"platform", "PfeNat", "agent"},
+    "tests": {"platform", "PfeNat", "agent", "tests"},
+    # Measures the libraries; the tests' support is not compiled into it.
+    "bench": {"platform", "PfeNat", "agent", "bench"},
+}
+
+INCLUDE = re.compile(r"^\s*#\s*include\b\s*(.*)$")
+NAMED = re.compile(r'[<"]([^>"]+)[>"]')
+
+
+def target_of(top, includer, name):
+    """The project file that the compiler would find, relative to `top`; None for a header of somebody else."""
+    for place in ((top / includer).parent, top, top / "platform"):
+        path = (place / name).resolve()
+        if path.is_file() and path.is_relative_to(top):
+            return path.relative_to(top)
+    return None
+
+
+def fault_inside(includer, target):
+    """What is wrong with `includer` naming the project's file `target`, or None."""
+    layer, other = includer.parts[0], target.parts[0]
+    if other not in MAY_INCLUDE[layer]:
+        return f"{layer}/ must not include {other}/"
+    if other != "PfeNat" or layer == "PfeNat" or includer.parts[:2] == ("tests", "unit"):
+        return None
+    if len(target.parts) == 2 and target.stem in _tree.UNITS:
+        return None
+    return "only the four faces of PfeNat/ may be included from outside of it"
+
+
+def fault_outside(includer, name):
+    """What is wrong with `includer` naming the foreign header `name`, or None."""
+    layer = includer.parts[0]
+    if name.startswith("boost/"):
+        # The benchmarks' floor is written with the same bare containers that the framework uses.
+        if layer in ("platform", "bench") and FLAT_CONTAINERS.match(name):
+            return None
+        return "of Boost only the flat containers are used, and only in platform/ and bench/"
+    if layer in ("platform", "PfeNat") and name not in STANDARD:
+        return f"neither found in the project nor a header of the standard library, which is all that {layer}/ may use"
+    if layer == "agent" and TEST_LIBRARIES.match(name):
+        return "test libraries belong to tests/ and bench/"
+    return None
+
+
+def main():
+    top = _tree.root()
+    faults, looked_at = [], 0
+    for includer in _tree.files(top, _tree.FOLDERS, {".h", ".cpp"}):
+        for number, line in enumerate((top / includer).read_text().splitlines(), 1):
+            include = INCLUDE.match(line)
+            if not include:
+                continue
+            looked_at += 1
+            named = NAMED.match(include.group(1))
+            if not named:
+                faults.append(f"{includer}:{number}: an include must name its file")
+                continue
+            target = target_of(top, includer, named.group(1))
+            fault = fault_inside(includer, target) if target else fault_outside(includer, named.group(1))
+            if fault:
+                faults.append(f"{includer}:{number}: {named.group(1)}: {fault}")
+    _tree.finish("include direction", faults, looked_at)
+
+
+main()
