@@ -1,4 +1,4 @@
-# Sourced by run.sh, test.sh and bench.sh: what each of them needs, and how it is installed and built.
+# Sourced by run.sh, test.sh, bench.sh and tools/tidy.sh: what each of them needs, and how it is installed and built.
 # Everything here writes to standard error, so that the output of what is run stays clean.
 
 project_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -7,6 +7,7 @@ run_packages=(g++ cmake ninja-build libboost1.81-dev libcli11-dev nlohmann-json3
 test_packages=("${run_packages[@]}" clang-16 clang-format-16 libclang-rt-16-dev llvm-16
    libgtest-dev libgmock-dev librapidcheck-dev libbenchmark-dev python3)
 bench_packages=("${run_packages[@]}" libbenchmark-dev)
+tidy_packages=("${run_packages[@]}" clang-16 clang-tidy-16)
 
 # Installs those of the named packages that are missing; touches neither network nor system when none is.
 ensure_packages() {
