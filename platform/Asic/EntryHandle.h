@@ -1,0 +1,92 @@
+// Handles of table rows: whoever holds one keeps a referenced row in its table.
+#pragma once
+
+#include <Asic/EntryState.h>
+#include <Orla/Ptr.h>
+#include <Vexa/Types.h>
+
+#include <memory>
+#include <ostream>
+#include <vector>
+
+namespace [[gnu::visibility( "default" )]] Asic {
+
+class EntryHandle {
+ public:
+   using PtrConst = Orla::Ptr< EntryHandle const >;
+
+   EntryHandle( EntryHandle const & ) = delete;
+   EntryHandle & operator=( EntryHandle const & ) = delete;
+
+   EntryState state() const { return state_; }
+
+   // Whether the hardware holds a version of the row now.
+   virtual bool heldByHardware() const = 0;
+
+   // The row's key, for people.
+   virtual void describe( std::ostream & out ) const = 0;
+
+   void newUser() const { ++users_; }
+   void userGone() const {
+      if ( --users_ == 0 ) {
+         lastUserGone();
+      }
+   }
+
+ protected:
+   EntryHandle() = default;
+   virtual ~EntryHandle() = default;
+   virtual void lastUserGone() const = 0;
+
+   mutable U32 users_ = 0;
+   EntryState state_ = EntryState::none;
+};
+
+// The egress handles of an ingress entry, in order. One, the common case, is held inside.
+class HandleList {
+ public:
+   HandleList() = default;
+   HandleList( HandleList && ) noexcept = default;
+   HandleList & operator=( HandleList && ) noexcept = default;
+
+   void push( EntryHandle::PtrConst const & handle, bool failureCounts ) {
+      if ( !first_.handle ) {
+         first_ = { handle, failureCounts };
+      } else {
+         if ( !more_ ) {
+            more_ = std::make_unique< std::vector< Held > >();
+         }
+         more_->push_back( { handle, failureCounts } );
+      }
+   }
+
+   std::size_t count() const { return ( first_.handle ? 1 : 0 ) + ( more_ ? more_->size() : 0 ); }
+
+   template< class Function > void forEach( Function && function ) const {
+      if ( first_.handle ) {
+         function( first_.handle, first_.failureCounts );
+      }
+      if ( more_ ) {
+         for ( auto const & held : *more_ ) {
+            function( held.handle, held.failureCounts );
+         }
+      }
+   }
+
+   friend bool operator==( HandleList const & a, HandleList const & b ) {
+      return a.first_ == b.first_ && ( a.more_ && b.more_ ? *a.more_ == *b.more_ : a.count() == b.count() );
+   }
+   friend std::ostream & operator<<( std::ostream & out, HandleList const & list );
+
+ private:
+   struct Held {
+      EntryHandle::PtrConst handle;
+      bool failureCounts = false;
+      friend bool operator==( Held const &, Held const & ) = default;
+   };
+
+   Held first_;
+   std::unique_ptr< std::vector< Held > > more_;
+};
+
+}  // namespace Asic

@@ -1,0 +1,91 @@
+// The hardware below the software tables: what has been asked of it and is not settled yet, and how it behaves.
+#pragma once
+
+#include <Asic/SwTableBase.h>
+
+#include <memory>
+#include <vector>
+
+namespace [[gnu::visibility( "default" )]] Asic {
+
+// Decides when and how operations settle. The default accepts everything, in request order, at the next settle.
+class HardwarePolicy {
+ public:
+   // A write or removal whose turn has come.
+   struct Request {
+      SwTableBase const & table;
+      EntryHandle const & row;
+      bool addsRow;      // the hardware holds no version of the row yet
+      U64 turnsWaited;  // settles since it was asked for
+   };
+
+   virtual ~HardwarePolicy() = default;
+
+   virtual bool isReady( Request const & ) { return true; }
+   // settled, failed or full.
+   virtual EntryState outcomeOfWrite( Request const & ) { return EntryState::settled; }
+   virtual bool refusesRemoval( Request const & ) { return false; }
+   // A policy that reorders is asked which of the `count` operations that may settle now is the next.
+   virtual bool reorders() const { return false; }
+   virtual std::size_t choose( std::size_t /* count */ ) { return 0; }
+};
+
+// The outstanding operations of all tables of one chip.
+//
+// Operations of a row settle in the order in which they were asked for, and never before an older one of a row that
+// theirs refers to. All of them reach the hardware; only the newest of a row reports. Nothing settles but inside
+// settle() and settleNext(); a response may ask for more, and may drop the last reference to anything.
+class Hardware : public Orla::Entity {
+ public:
+   using Ptr = Orla::Ptr< Hardware >;
+
+   Hardware() = default;
+
+   // Null restores the default.
+   void policyIs( std::shared_ptr< HardwarePolicy > policy ) { policy_ = std::move( policy ); }
+
+   // One turn: tries refused removals again, then settles until nothing else is ready, what responses asked for
+   // included.
+   void settle();
+
+   // Settles the operation that is next in request order, by hand. A removal takes settled as done, all else as refused.
+   void settleNext( EntryState outcome );
+
+   // Operations not settled yet, and removals that the hardware refused.
+   std::size_t outstanding() const { return queued_ + refused_.size(); }
+
+   // Sends every row again whose newest write failed: rows without handles, then other referenced rows, then committed
+   // ones as they were asked for. Refused removals are not among them.
+   void retryFailed();
+
+   std::vector< SwTableBase * > const & tables() const { return tables_; }
+
+   Vexa::TypeData const & typeData() const override;
+
+ private:
+   friend class SwTableBase;
+   friend class Row;
+
+   void queue( Row & row, Version * version, Operation::Kind kind );
+   void unlink( Operation & operation );
+   void settleOperation( Operation & operation, EntryState outcome );
+   void settleWrite( Operation const & operation, EntryState outcome );
+   void settleRemoval( Operation const & operation, EntryState outcome );
+   EntryState outcomeOf( Operation const & operation ) const;
+   HardwarePolicy::Request requestOf( Operation const & operation ) const;
+   Operation * nextReady() const;
+   bool maySettle( Operation const & operation ) const;
+   void tryRefusedRemovalsAgain();
+   void refusalIsOver( Row & row );
+
+   std::shared_ptr< HardwarePolicy > policy_;
+   std::vector< SwTableBase * > tables_;
+   std::vector< Row * > refused_;
+   Operation * first_ = nullptr;
+   Operation * last_ = nullptr;
+   std::size_t queued_ = 0;
+   U64 asked_ = 0;
+   U64 turn_ = 0;
+};
+
+}  // namespace Asic

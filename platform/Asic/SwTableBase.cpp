@@ -1,0 +1,268 @@
+#include <Asic/SwTableBase.h>
+
+#include <Asic/Hardware.h>
+#include <Vexa/Assert.h>
+
+#include <utility>
+
+namespace [[gnu::visibility( "default" )]] Asic {
+
+namespace {
+
+void hold( Version * version ) {
+   if ( version ) {
+      ++version->reasons;
+   }
+}
+
+void letGo( Version * version ) {
+   if ( version && --version->reasons == 0 ) {
+      delete version;
+   }
+}
+
+}  // namespace
+
+void Row::lastUserGone() const {
+   auto & self = const_cast< Row & >( *this );
+   if ( table && newest && !committed && !removalRefused ) {
+      table->remove( self );
+   } else {
+      SwTableBase::eraseIfOver( self );
+   }
+}
+
+SwTableBase::SwTableBase( std::string_view name, Orla::Ptr< Hardware > hardware )
+    : name_( name ), hardware_( std::move( hardware ) ) {
+   hardware_->tables_.push_back( this );
+}
+
+SwTableBase::~SwTableBase() {
+   std::erase( hardware_->tables_, this );
+}
+
+Version * SwTableBase::newestIs( Row & row, Version * version ) {
+   rowCount_ += ( version != nullptr ) - ( row.newest != nullptr );
+   hold( version );
+   return std::exchange( row.newest, version );
+}
+
+Version * SwTableBase::inHardwareIs( Row & row, Version * version ) {
+   hardwareRowCount_ += ( version != nullptr ) - ( row.inHardware != nullptr );
+   hold( version );
+   return std::exchange( row.inHardware, version );
+}
+
+void SwTableBase::write( Row & row, Version * version ) {
+   hardware_->refusalIsOver( row );
+   auto * const replaced = newestIs( row, version );
+   row.state_ = EntryState::pending;
+   hardware_->queue( row, version, Operation::Kind::write );
+   version->number = row.lastOperation->number;
+   letGo( replaced );
+}
+
+void SwTableBase::remove( Row & row ) {
+   hardware_->refusalIsOver( row );
+   auto * const removed = newestIs( row, nullptr );
+   hardware_->queue( row, removed, Operation::Kind::removal );
+   letGo( removed );
+}
+
+void SwTableBase::abandon( Row & row ) {
+   row.table->hardware_->refusalIsOver( row );
+   row.table = nullptr;
+   row.lastOperation = nullptr;
+   auto * const newest = std::exchange( row.newest, nullptr );
+   auto * const inHardware = std::exchange( row.inHardware, nullptr );
+   letGo( newest );
+   letGo( inHardware );
+   eraseIfOver( row );
+}
+
+void SwTableBase::dropOperations() {
+   for ( auto * operation = hardware_->first_; operation; ) {
+      auto * const next = operation->next;
+      if ( operation->row->table == this ) {
+         hardware_->unlink( *operation );
+         --operation->row->outstanding;
+         letGo( operation->version );
+         delete operation;
+      }
+      operation = next;
+   }
+}
+
+void SwTableBase::eraseIfOver( Row & row ) {
+   if ( row.users_ == 0 && row.outstanding == 0 && !row.newest && !row.inHardware ) {
+      if ( row.table ) {
+         row.table->erase( row );
+      } else {
+         delete &row;
+      }
+   }
+}
+
+// --- Hardware --------------------------------------------------------------------------------------------------------
+
+void Hardware::queue( Row & row, Version * version, Operation::Kind kind ) {
+   hold( version );
+   auto * const operation = new Operation;
+   operation->row = &row;
+   operation->version = version;
+   operation->previous = last_;
+   operation->next = nullptr;
+   operation->number = asked_++;
+   operation->turn = turn_;
+   operation->kind = kind;
+   ( last_ ? last_->next : first_ ) = operation;
+   last_ = operation;
+   ++queued_;
+   ++row.outstanding;
+   row.lastOperation = operation;
+}
+
+void Hardware::unlink( Operation & operation ) {
+   ( operation.previous ? operation.previous->next : first_ ) = operation.next;
+   ( operation.next ? operation.next->previous : last_ ) = operation.previous;
+   --queued_;
+}
+
+HardwarePolicy::Request Hardware::requestOf( Operation const & operation ) const {
+   auto const & row = *operation.row;
+   return { .table = *row.table, .row = row, .addsRow = !row.inHardware, .turnsWaited = turn_ - operation.turn };
+}
+
+// Eligible beside older operations: none of them is of the same row, or of a row that this one refers to.
+bool Hardware::maySettle( Operation const & operation ) const {
+   for ( auto const * older = first_; older != &operation; older = older->next ) {
+      if ( older->row == operation.row ||
+           ( operation.kind == Operation::Kind::write && operation.version->refersTo( older->row ) ) ) {
+         return false;
+      }
+   }
+   return true;
+}
+
+Operation * Hardware::nextReady() const {
+   if ( !policy_ || !first_ ) {
+      return first_;
+   }
+   if ( !policy_->reorders() ) {
+      return policy_->isReady( requestOf( *first_ ) ) ? first_ : nullptr;
+   }
+   std::vector< Operation * > eligible;
+   for ( auto * operation = first_; operation; operation = operation->next ) {
+      if ( policy_->isReady( requestOf( *operation ) ) && maySettle( *operation ) ) {
+         eligible.push_back( operation );
+      }
+   }
+   return eligible.empty() ? nullptr : eligible.at( policy_->choose( eligible.size() ) );
+}
+
+EntryState Hardware::outcomeOf( Operation const & operation ) const {
+   if ( operation.kind == Operation::Kind::removal ) {
+      bool const refused = policy_ && operation.row->inHardware && policy_->refusesRemoval( requestOf( operation ) );
+      return refused ? EntryState::failed : EntryState::settled;
+   }
+   if ( !operation.version->sendable() ) {
+      return EntryState::failed;
+   }
+   return policy_ ? policy_->outcomeOfWrite( requestOf( operation ) ) : EntryState::settled;
+}
+
+void Hardware::settle() {
+   Ptr const self( this );
+   ++turn_;
+   tryRefusedRemovalsAgain();
+   while ( auto * const operation = nextReady() ) {
+      settleOperation( *operation, outcomeOf( *operation ) );
+   }
+}
+
+void Hardware::settleNext( EntryState outcome ) {
+   Ptr const self( this );
+   VEXA_ASSERT( first_ && "nothing is outstanding" );
+   auto & operation = *first_;
+   bool const sent = operation.kind == Operation::Kind::removal ? operation.row->heldByHardware()
+                                                                : operation.version->sendable();
+   auto const notSent = operation.kind == Operation::Kind::removal ? EntryState::settled : EntryState::failed;
+   settleOperation( operation, sent ? outcome : notSent );
+}
+
+// Table, row and response stay until the response has run: the operation counts as outstanding until then, and the
+// versions are given up after it. The response may clear the table, which takes the row's versions itself.
+void Hardware::settleOperation( Operation & operation, EntryState outcome ) {
+   auto & row = *operation.row;
+   Orla::Ptr< SwTableBase > const table( row.table );
+   auto * const version = operation.version;
+   bool const reports = row.lastOperation == &operation;
+   unlink( operation );
+
+   Version * replaced = nullptr;
+   if ( operation.kind == Operation::Kind::write ) {
+      if ( outcome == EntryState::settled ) {
+         replaced = table->inHardwareIs( row, version );
+      }
+   } else if ( outcome == EntryState::settled || !row.inHardware ) {
+      replaced = table->inHardwareIs( row, nullptr );
+   } else if ( reports ) {
+      table->newestIs( row, row.inHardware );
+      row.removalRefused = true;
+      refused_.push_back( &row );
+   }
+
+   if ( reports ) {
+      row.lastOperation = nullptr;
+      row.state_ = outcome;
+      if ( auto const & response = version->entryBase().writeResponse ) {
+         response( outcome );
+      }
+   }
+
+   letGo( replaced );
+   letGo( version );
+   delete &operation;
+   --row.outstanding;
+   SwTableBase::eraseIfOver( row );
+}
+
+void Hardware::tryRefusedRemovalsAgain() {
+   auto const refused = refused_;
+   for ( auto * const row : refused ) {
+      row->table->remove( *row );
+   }
+}
+
+void Hardware::refusalIsOver( Row & row ) {
+   if ( row.removalRefused ) {
+      row.removalRefused = false;
+      std::erase( refused_, &row );
+   }
+}
+
+void Hardware::retryFailed() {
+   struct Retry {
+      int rank;
+      U64 number;
+      Row * row;
+   };
+   std::vector< Retry > retries;
+   for ( auto * const table : tables_ ) {
+      table->forEachRow(
+         []( void * context, Row & row ) {
+            if ( row.newest && isFailure( row.state_ ) && !row.removalRefused ) {
+               int const rank = row.committed ? 2 : row.newest->refersTo( nullptr ) ? 1 : 0;
+               static_cast< std::vector< Retry > * >( context )->push_back( { rank, row.newest->number, &row } );
+            }
+         },
+         &retries );
+   }
+   std::ranges::sort( retries, {}, []( Retry const & r ) { return std::pair( r.rank, r.number ); } );
+   for ( auto const & retry : retries ) {
+      retry.row->state_ = EntryState::pending;
+      queue( *retry.row, retry.row->newest, Operation::Kind::write );
+   }
+}
+
+}  // namespace Asic

@@ -1,0 +1,126 @@
+// Software tables: what all of them share, whatever their keys and entries.
+#pragma once
+
+#include <Asic/Entry.h>
+#include <Asic/EntryHandle.h>
+#include <Asic/Pool.h>
+#include <Orla/Entity.h>
+#include <Orla/Ptr.h>
+#include <Vexa/Types.h>
+
+#include <string_view>
+
+namespace [[gnu::visibility( "default" )]] Asic {
+
+class Hardware;
+class SwTableBase;
+struct Operation;
+
+// One version of a row: the data of one write. It keeps its entry, and so the handles in it, while it is the newest
+// asked for, while the hardware holds it, and while an operation on it is outstanding.
+class Version {
+ public:
+   Version() = default;
+   Version( Version const & ) = delete;
+   Version & operator=( Version const & ) = delete;
+   virtual ~Version() = default;
+
+   virtual EntryBase const & entryBase() const = 0;
+
+   // False while a row that the entry needs is failed or missing in the hardware.
+   virtual bool sendable() const = 0;
+
+   // Whether the entry holds that handle; null asks for any.
+   virtual bool refersTo( EntryHandle const * handle ) const = 0;
+
+   U32 reasons = 0;
+   U64 number = 0;  // of the write that asked for it
+};
+
+// One key of a table, from its first write until nothing of it is left: neither look-ups nor the hardware nor an
+// outstanding operation nor a handle. It is the handle that callers hold.
+class Row : public EntryHandle {
+ public:
+   bool heldByHardware() const override { return inHardware != nullptr; }
+
+   SwTableBase * table = nullptr;  // null once the table is cleared or gone
+   Version * newest = nullptr;     // as look-ups see it; null while they do not see the row
+   Version * inHardware = nullptr;
+   Operation * lastOperation = nullptr;  // the newest one outstanding
+   U32 outstanding = 0;
+   U32 hash = 0;
+   bool committed = false;      // stays until removed; else as long as somebody holds its handle
+   bool removalRefused = false;  // visible only because the hardware did not let it go
+
+ protected:
+   void lastUserGone() const override;
+
+   friend class Hardware;
+   friend class SwTableBase;
+};
+
+// A write or a removal on its way to the hardware, in the list of its Hardware.
+struct Operation : Pooled< Operation > {
+   enum class Kind : U8 { write, removal };
+
+   Row * row;
+   Version * version;  // what is written; for a removal the removed version, whose response reports it
+   Operation * previous;
+   Operation * next;
+   U64 number;  // counts all operations in the order in which they were asked for
+   U64 turn;
+   Kind kind;
+};
+
+class SwTableBase : public Orla::Entity {
+ public:
+   using EntryState = Asic::EntryState;
+   using EntryHandle = Asic::EntryHandle;
+
+   std::string_view name() const { return name_; }
+
+   // Rows that look-ups see.
+   std::size_t rowCount() const { return rowCount_; }
+   std::size_t hardwareRowCount() const { return hardwareRowCount_; }
+
+   // Rows that look-ups see in a failed state, refused removals among them. Looks at every row.
+   virtual std::size_t failedRowCount() const = 0;
+
+   // Drops everything without calling anybody back.
+   virtual void clear() = 0;
+
+   // Calls function( row ) for every row of which something is left. The function changes nothing.
+   virtual void forEachRow( void ( *function )( void * context, Row & row ), void * context ) = 0;
+
+ protected:
+   SwTableBase( std::string_view name, Orla::Ptr< Hardware > hardware );
+   ~SwTableBase() override;
+
+   // Makes `version` the newest of `row` and queues its write.
+   void write( Row & row, Version * version );
+   // Takes the row out of look-ups and queues its removal.
+   void remove( Row & row );
+   // For a row that is out of its table: gives up its versions, and the row itself unless somebody still holds it.
+   static void abandon( Row & row );
+   // Takes the operations of this table's rows off the queue.
+   void dropOperations();
+
+   virtual void erase( Row & row ) = 0;
+
+   std::string_view name_;
+   Orla::Ptr< Hardware > hardware_;
+   std::size_t rowCount_ = 0;
+   std::size_t hardwareRowCount_ = 0;
+
+ private:
+   // Gives the row up when nothing of it is left.
+   static void eraseIfOver( Row & row );
+   // Changes what look-ups see of the row, or what the hardware holds; returns what was there before, with its reason.
+   Version * newestIs( Row & row, Version * version );
+   Version * inHardwareIs( Row & row, Version * version );
+
+   friend class Hardware;
+   friend class Row;
+};
+
+}  // namespace Asic

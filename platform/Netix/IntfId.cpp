@@ -1,0 +1,72 @@
+#include <Netix/IntfId.h>
+
+#include <algorithm>
+#include <array>
+
+namespace [[gnu::visibility( "default" )]] Netix {
+
+namespace {
+
+using namespace std::string_view_literals;
+
+struct KindName {
+   IntfKind kind;
+   std::string_view name;
+   std::string_view shortName;
+};
+
+constexpr std::array kindNames{ KindName{ IntfKind::none, "none"sv, "none"sv },
+                                KindName{ IntfKind::ethernet, "ethernet"sv, "eth"sv },
+                                KindName{ IntfKind::vlan, "vlan"sv, "vl"sv },
+                                KindName{ IntfKind::portChannel, "port-channel"sv, "po"sv },
+                                KindName{ IntfKind::loopback, "loopback"sv, "lo"sv },
+                                KindName{ IntfKind::tunnel, "tunnel"sv, "tu"sv } };
+
+constexpr std::string_view nameCharacters = "abcdefghijklmnopqrstuvwxyz-0123456789";
+
+KindName const & nameOf( IntfKind kind ) {
+   return kindNames[ static_cast< std::size_t >( kind ) ];
+}
+
+std::ostream & write( std::ostream & out, IntfId intf, std::string_view kindName ) {
+   out << kindName;
+   return intf.kind() == IntfKind::none ? out : out << intf.number();
+}
+
+}  // namespace
+
+IntfId::IntfId( Vexa::CharRange & text ) {
+   auto const name = text.rest().substr( 0, text.rest().find_first_not_of( nameCharacters ) );
+   auto const intf = name == nameOf( IntfKind::none ).name ? IntfId() : fromName( name );
+   if ( !intf ) {
+      throw Vexa::ParseException( "unknown interface \"" + std::string( name ) + "\"" );
+   }
+   *this = *intf;
+   text.advance( name.size() );
+}
+
+std::optional< IntfId > IntfId::fromName( std::string_view name ) {
+   auto const digits = name.find_first_of( "0123456789" );
+   auto const kind = std::ranges::find( kindNames, name.substr( 0, digits ), &KindName::name );
+   if ( digits == name.npos || kind == kindNames.end() || kind->kind == IntfKind::none ) {
+      return std::nullopt;
+   }
+   auto const text = name.substr( digits );
+   U32 number = 0;
+   auto const [ end, error ] = std::from_chars( text.data(), text.data() + text.size(), number );
+   if ( error != std::errc{} || end != text.data() + text.size() || number > maxNumber ||
+        ( text.size() > 1 && text[ 0 ] == '0' ) ) {
+      return std::nullopt;
+   }
+   return IntfId( kind->kind, number );
+}
+
+std::ostream & operator<<( std::ostream & out, IntfId intf ) {
+   return write( out, intf, nameOf( intf.kind() ).name );
+}
+
+std::ostream & operator<<( std::ostream & out, ShortName name ) {
+   return write( out, name.intf, nameOf( name.intf.kind() ).shortName );
+}
+
+}  // namespace Netix

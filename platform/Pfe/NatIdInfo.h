@@ -1,0 +1,30 @@
+// The NAT id of every match key: the one thing that survives a restart of the agent.
+#pragma once
+
+#include <Orla/Entity.h>
+#include <Orla/Ptr.h>
+#include <Pfe/NatId.h>
+#include <Pfe/NatMatchKey.h>
+#include <Vexa/HashMap.h>
+
+namespace [[gnu::visibility( "default" )]] Pfe {
+
+// Owned by the agent, which fills it from its store before a programmer is initialised and watches it to write it back.
+class NatIdInfo final : public Orla::Entity {
+ public:
+   using Ptr = Orla::Ptr< NatIdInfo >;
+   using PtrConst = Orla::Ptr< NatIdInfo const >;
+   using MatchKeyToNatId = Vexa::HashMap< NatMatchKey, NatId, 0x540EAFC5 >;
+
+   // The id under a key: matchKeyToNatId().find( key ), null when there is none.
+   MatchKeyToNatId const & matchKeyToNatId() const { return matchKeyToNatId_; }
+   void matchKeyToNatIdIs( NatMatchKey const & matchKey, NatId natId ) { matchKeyToNatId_.is( matchKey, natId ); }
+   void matchKeyToNatIdDel( NatMatchKey const & matchKey ) { matchKeyToNatId_.del( matchKey ); }
+
+   Vexa::TypeData const & typeData() const override;
+
+ private:
+   MatchKeyToNatId matchKeyToNatId_;
+};
+
+}  // namespace Pfe

@@ -1,0 +1,56 @@
+// The programmer's output: what became of each rule. A rule without an entry has no result yet.
+#pragma once
+
+#include <Orla/Entity.h>
+#include <Orla/Ptr.h>
+#include <Pfe/NatProgrammerEntries.h>
+#include <Pfe/NatProgrammerKeys.h>
+#include <PfeHelper/NatHwResult.h>
+#include <Vexa/HashMap.h>
+
+namespace [[gnu::visibility( "default" )]] Pfe {
+
+// A result, and the entry that it was written for.
+template< class ProgrammerEntry > struct NatProgrammerStatusEntry {
+   PfeHelper::NatHwResult result = PfeHelper::NatHwResult::pending;
+   Orla::Ptr< ProgrammerEntry const > entry;
+};
+using NatProgrammerStaticStatusEntry = NatProgrammerStatusEntry< NatProgrammerStaticEntry >;
+using NatProgrammerTwiceStatusEntry = NatProgrammerStatusEntry< NatProgrammerTwiceEntry >;
+using NatProgrammerDynamicStatusEntry = NatProgrammerStatusEntry< NatProgrammerDynamicEntry >;
+
+class NatProgrammerStatus final : public Orla::Entity {
+ public:
+   using Ptr = Orla::Ptr< NatProgrammerStatus >;
+   using StaticStatus = Vexa::HashMap< NatProgrammerStaticKey, NatProgrammerStaticStatusEntry, 0x299F31D0 >;
+   using TwiceStatus = Vexa::HashMap< NatProgrammerTwiceKey, NatProgrammerTwiceStatusEntry, 0x082EFA98 >;
+   using DynamicStatus = Vexa::HashMap< NatProgrammerDynamicKey, NatProgrammerDynamicStatusEntry, 0xEC4E6C89 >;
+
+   // The entry under a key: staticStatus().find( key ), null when there is none.
+   StaticStatus const & staticStatus() const { return staticStatus_; }
+   void staticStatusIs( NatProgrammerStaticKey const & key, NatProgrammerStaticStatusEntry entry ) {
+      staticStatus_.is( key, std::move( entry ) );
+   }
+   void staticStatusDel( NatProgrammerStaticKey const & key ) { staticStatus_.del( key ); }
+
+   TwiceStatus const & twiceStatus() const { return twiceStatus_; }
+   void twiceStatusIs( NatProgrammerTwiceKey const & key, NatProgrammerTwiceStatusEntry entry ) {
+      twiceStatus_.is( key, std::move( entry ) );
+   }
+   void twiceStatusDel( NatProgrammerTwiceKey const & key ) { twiceStatus_.del( key ); }
+
+   DynamicStatus const & dynamicStatus() const { return dynamicStatus_; }
+   void dynamicStatusIs( NatProgrammerDynamicKey const & key, NatProgrammerDynamicStatusEntry entry ) {
+      dynamicStatus_.is( key, std::move( entry ) );
+   }
+   void dynamicStatusDel( NatProgrammerDynamicKey const & key ) { dynamicStatus_.del( key ); }
+
+   Vexa::TypeData const & typeData() const override;
+
+ private:
+   StaticStatus staticStatus_;
+   TwiceStatus twiceStatus_;
+   DynamicStatus dynamicStatus_;
+};
+
+}  // namespace Pfe

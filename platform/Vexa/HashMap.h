@@ -1,0 +1,222 @@
+// The framework's hash collections.
+#pragma once
+
+#include <Vexa/Hash.h>
+#include <Vexa/Value.h>
+
+#include <boost/unordered/unordered_flat_map.hpp>
+#include <boost/unordered/unordered_flat_set.hpp>
+
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace [[gnu::visibility( "default" )]] Vexa {
+
+// Hashes keys for one collection: the process's seed mixed with a constant of the collection's own, so that no two
+// collections share bucket patterns.
+template< class Key, U32 seedConstant > struct KeyHash {
+   std::size_t operator()( Key const & key ) const { return hash( key, processHashSeed ^ seedConstant ); }
+};
+
+// Is told of every change of one key of a map, after it, with the values that the key had before and has now (null:
+// none). Both last for the call, `current` until the map changes again. The map must outlive the watching, or the
+// watcher be taken off first.
+template< class Key, class Value > class KeyWatcher {
+ public:
+   KeyWatcher() = default;
+   KeyWatcher( KeyWatcher const & ) = delete;
+   KeyWatcher & operator=( KeyWatcher const & ) = delete;
+   virtual void onKey( Key const & key, Value const * previous, Value const * current ) = 0;
+
+ protected:
+   ~KeyWatcher() = default;
+};
+
+// A map with the operations of a framework collection. References into it last until the next insertion.
+template< class Key, class Value, U32 seedConstant > class HashMap {
+ public:
+   using Watcher = KeyWatcher< Key, Value >;
+
+   HashMap() = default;
+   HashMap( HashMap const & ) = delete;
+   HashMap & operator=( HashMap const & ) = delete;
+
+   std::size_t count() const { return entries_.size(); }
+   bool has( Key const & key ) const { return entries_.contains( key ); }
+
+   // Null when the key is absent.
+   Value const * find( Key const & key ) const {
+      auto const found = entries_.find( key );
+      return found == entries_.end() ? nullptr : &found->second;
+   }
+   Value * find( Key const & key ) { return const_cast< Value * >( std::as_const( *this ).find( key ) ); }
+
+   // A copy; the type's default when the key is absent.
+   Value valueOr( Key const & key, Value const & absent = Value() ) const {
+      auto const * const value = find( key );
+      return value ? *value : absent;
+   }
+
+   // Inserts or replaces, then tells the watchers.
+   void is( Key const & key, Value value ) {
+      if ( watchers_.empty() ) {
+         entries_.insert_or_assign( key, std::move( value ) );
+         return;
+      }
+      auto const [ place, inserted ] = entries_.try_emplace( key );
+      auto const previous = std::exchange( place->second, std::move( value ) );
+      tell( place->first, inserted ? nullptr : &previous, &place->second );
+   }
+
+   // The value under `key`, inserted as the type's default when absent, and whether that happened. Tells nobody.
+   std::pair< Value &, bool > refOrEmplace( Key const & key ) {
+      auto const [ place, inserted ] = entries_.try_emplace( key );
+      return { place->second, inserted };
+   }
+
+   // Removes the key, then tells the watchers. False when it was absent.
+   bool del( Key const & key ) {
+      auto const found = entries_.find( key );
+      if ( found == entries_.end() ) {
+         return false;
+      }
+      auto const [ goneKey, previous ] = std::move( *found );
+      entries_.erase( found );
+      tell( goneKey, &previous, nullptr );
+      return true;
+   }
+
+   void delAll() {
+      auto const gone = std::exchange( entries_, {} );
+      for ( auto const & [ key, value ] : gone ) {
+         tell( key, &value, nullptr );
+      }
+   }
+
+   // Calls function( key, value ) for every entry in iteration order. The function may remove the entry that it is
+   // called for, and change values; it may not insert.
+   template< class Function > void forEach( Function && function ) const {
+      for ( auto next = entries_.begin(); next != entries_.end(); ) {
+         auto const current = next++;
+         function( current->first, current->second );
+      }
+   }
+
+   auto begin() const { return entries_.begin(); }
+   auto end() const { return entries_.end(); }
+
+   // Watching does not change a map, so a read-only map can be watched.
+   void watcherIs( Watcher & watcher ) const { watchers_.push_back( &watcher ); }
+   void watcherDel( Watcher & watcher ) const { std::erase( watchers_, &watcher ); }
+
+ private:
+   // A watcher may take itself off while it is told.
+   void tell( Key const & key, Value const * previous, Value const * current ) {
+      for ( std::size_t i = 0; i < watchers_.size(); ) {
+         auto * const watcher = watchers_[ i ];
+         watcher->onKey( key, previous, current );
+         i += i < watchers_.size() && watchers_[ i ] == watcher;
+      }
+   }
+
+   boost::unordered_flat_map< Key, Value, KeyHash< Key, seedConstant > > entries_;
+   mutable std::vector< Watcher * > watchers_;
+};
+
+// A set of keys. One member, the common case, is held inside; a table is made for the second.
+template< class Key, U32 seedConstant > class HashSet {
+ public:
+   HashSet() = default;
+   HashSet( HashSet const & other ) { *this = other; }
+   HashSet( HashSet && ) noexcept = default;
+   HashSet & operator=( HashSet && ) noexcept = default;
+   HashSet & operator=( HashSet const & other ) {
+      if ( auto const * const table = other.table() ) {
+         held_ = std::make_unique< Table >( *table );
+      } else if ( auto const * const key = std::get_if< Key >( &other.held_ ) ) {
+         held_ = *key;
+      } else {
+         held_ = std::monostate{};
+      }
+      return *this;
+   }
+
+   std::size_t count() const { return table() ? table()->size() : held_.index(); }
+
+   bool has( Key const & key ) const {
+      auto const * const only = std::get_if< Key >( &held_ );
+      return only ? *only == key : table() && table()->contains( key );
+   }
+
+   // False when the key was there already.
+   bool is( Key const & key ) {
+      if ( auto const * const only = std::get_if< Key >( &held_ ) ) {
+         if ( *only == key ) {
+            return false;
+         }
+         auto both = std::make_unique< Table >();
+         both->insert( *only );
+         both->insert( key );
+         held_ = std::move( both );
+         return true;
+      }
+      if ( table() ) {
+         return std::get< TablePtr >( held_ )->insert( key ).second;
+      }
+      held_ = key;
+      return true;
+   }
+
+   // False when the key was absent.
+   bool del( Key const & key ) {
+      if ( auto const * const only = std::get_if< Key >( &held_ ) ) {
+         if ( *only != key ) {
+            return false;
+         }
+         held_ = std::monostate{};
+         return true;
+      }
+      if ( !table() || std::get< TablePtr >( held_ )->erase( key ) == 0 ) {
+         return false;
+      }
+      if ( table()->size() == 1 ) {
+         held_ = Key( *table()->begin() );
+      }
+      return true;
+   }
+
+   void delAll() { held_ = std::monostate{}; }
+
+   template< class Function > void forEach( Function && function ) const {
+      if ( auto const * const only = std::get_if< Key >( &held_ ) ) {
+         function( *only );
+      } else if ( table() ) {
+         for ( auto const & key : *table() ) {
+            function( key );
+         }
+      }
+   }
+
+   friend bool operator==( HashSet const & a, HashSet const & b ) {
+      bool equal = a.count() == b.count();
+      a.forEach( [ & ]( Key const & key ) { equal = equal && b.has( key ); } );
+      return equal;
+   }
+
+ private:
+   using Table = boost::unordered_flat_set< Key, KeyHash< Key, seedConstant > >;
+   using TablePtr = std::unique_ptr< Table >;
+
+   Table const * table() const {
+      auto const * const pointer = std::get_if< TablePtr >( &held_ );
+      return pointer ? pointer->get() : nullptr;
+   }
+
+   // In this order the index is the number of members while there is no table.
+   std::variant< std::monostate, Key, TablePtr > held_;
+};
+
+}  // namespace Vexa
