@@ -23,7 +23,9 @@ struct EntryBase {
 struct ReferringEntry : EntryBase {
    // The entry's write counts as failed while the row of a handle that was given with `failureCounts` is failed or
    // missing in the hardware.
-   void egrHandleIs( EntryHandle::PtrConst const & handle, bool failureCounts ) { egrHdl.push( handle, failureCounts ); }
+   void egrHandleIs( EntryHandle::PtrConst const & handle, bool failureCounts ) {
+      egrHdl.push( handle, failureCounts );
+   }
 
    HandleList egrHdl;
    // The fragment twin, or the don't-care handle. Its failure does not count.

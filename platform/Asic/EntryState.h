@@ -14,8 +14,6 @@ enum class EntryState : U8 {
    full = 5,    // no space left
 };
 
-constexpr bool isFailure( EntryState state ) {
-   return state == EntryState::failed || state == EntryState::full;
-}
+constexpr bool isFailure( EntryState state ) { return state == EntryState::failed || state == EntryState::full; }
 
 }  // namespace Asic

@@ -15,7 +15,7 @@ class HardwarePolicy {
    struct Request {
       SwTableBase const & table;
       EntryHandle const & row;
-      bool addsRow;      // the hardware holds no version of the row yet
+      bool addsRow;     // the hardware holds no version of the row yet
       U64 turnsWaited;  // settles since it was asked for
    };
 
@@ -48,7 +48,8 @@ class Hardware : public Orla::Entity {
    // included.
    void settle();
 
-   // Settles the operation that is next in request order, by hand. A removal takes settled as done, all else as refused.
+   // Settles the operation that is next in request order, by hand. A removal takes settled as done, all else as
+   // refused.
    void settleNext( EntryState outcome );
 
    // Operations not settled yet, and removals that the hardware refused.

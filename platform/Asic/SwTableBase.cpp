@@ -33,13 +33,11 @@ void Row::lastUserGone() const {
 }
 
 SwTableBase::SwTableBase( std::string_view name, Orla::Ptr< Hardware > hardware )
-    : name_( name ), hardware_( std::move( hardware ) ) {
+   : name_( name ), hardware_( std::move( hardware ) ) {
    hardware_->tables_.push_back( this );
 }
 
-SwTableBase::~SwTableBase() {
-   std::erase( hardware_->tables_, this );
-}
+SwTableBase::~SwTableBase() { std::erase( hardware_->tables_, this ); }
 
 Version * SwTableBase::newestIs( Row & row, Version * version ) {
    rowCount_ += ( version != nullptr ) - ( row.newest != nullptr );
@@ -184,8 +182,8 @@ void Hardware::settleNext( EntryState outcome ) {
    Ptr const self( this );
    VEXA_ASSERT( first_ && "nothing is outstanding" );
    auto & operation = *first_;
-   bool const sent = operation.kind == Operation::Kind::removal ? operation.row->heldByHardware()
-                                                                : operation.version->sendable();
+   bool const sent =
+      operation.kind == Operation::Kind::removal ? operation.row->heldByHardware() : operation.version->sendable();
    auto const notSent = operation.kind == Operation::Kind::removal ? EntryState::settled : EntryState::failed;
    settleOperation( operation, sent ? outcome : notSent );
 }

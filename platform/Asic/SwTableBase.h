@@ -49,7 +49,7 @@ class Row : public EntryHandle {
    Operation * lastOperation = nullptr;  // the newest one outstanding
    U32 outstanding = 0;
    U32 hash = 0;
-   bool committed = false;      // stays until removed; else as long as somebody holds its handle
+   bool committed = false;       // stays until removed; else as long as somebody holds its handle
    bool removalRefused = false;  // visible only because the hardware did not let it go
 
  protected:

@@ -14,7 +14,7 @@ constexpr U64 allSet = ~U64{ 0 };
 }  // namespace
 
 HBitmap::HBitmap( U64 firstBit, U32 lastBit, BitState initialBitState )
-    : firstBit_( firstBit ), lastBit_( lastBit ), initialBitState_( initialBitState ) {
+   : firstBit_( firstBit ), lastBit_( lastBit ), initialBitState_( initialBitState ) {
    VEXA_ASSERT( firstBit <= lastBit );
    auto bits = static_cast< std::size_t >( lastBit - firstBit ) + 1;
    bool const filled = initialBitState == BitState::set;

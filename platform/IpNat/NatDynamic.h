@@ -34,7 +34,8 @@ struct DynamicKey {
 
    static constexpr std::string_view typeName = "Ip::Nat::DynamicKey";
    static constexpr auto attributes() {
-      return std::tuple( Vexa::attr< &DynamicKey::aclName >( "aclName" ), Vexa::attr< &DynamicKey::poolId >( "poolId" ) );
+      return std::tuple( Vexa::attr< &DynamicKey::aclName >( "aclName" ),
+                         Vexa::attr< &DynamicKey::poolId >( "poolId" ) );
    }
    friend auto operator<=>( DynamicKey const &, DynamicKey const & ) = default;
 

@@ -1,5 +1,7 @@
 #include <Netix/IntfId.h>
 
+#include <Vexa/HashMap.h>
+
 #include <algorithm>
 #include <array>
 
@@ -15,18 +17,14 @@ struct KindName {
    std::string_view shortName;
 };
 
-constexpr std::array kindNames{ KindName{ IntfKind::none, "none"sv, "none"sv },
-                                KindName{ IntfKind::ethernet, "ethernet"sv, "eth"sv },
-                                KindName{ IntfKind::vlan, "vlan"sv, "vl"sv },
-                                KindName{ IntfKind::portChannel, "port-channel"sv, "po"sv },
-                                KindName{ IntfKind::loopback, "loopback"sv, "lo"sv },
-                                KindName{ IntfKind::tunnel, "tunnel"sv, "tu"sv } };
+constexpr std::array kindNames{
+   KindName{ IntfKind::none, "none"sv, "none"sv },       KindName{ IntfKind::ethernet, "ethernet"sv, "eth"sv },
+   KindName{ IntfKind::vlan, "vlan"sv, "vl"sv },         KindName{ IntfKind::portChannel, "port-channel"sv, "po"sv },
+   KindName{ IntfKind::loopback, "loopback"sv, "lo"sv }, KindName{ IntfKind::tunnel, "tunnel"sv, "tu"sv } };
 
 constexpr std::string_view nameCharacters = "abcdefghijklmnopqrstuvwxyz-0123456789";
 
-KindName const & nameOf( IntfKind kind ) {
-   return kindNames[ static_cast< std::size_t >( kind ) ];
-}
+KindName const & nameOf( IntfKind kind ) { return kindNames[ static_cast< std::size_t >( kind ) ]; }
 
 std::ostream & write( std::ostream & out, IntfId intf, std::string_view kindName ) {
    out << kindName;
@@ -61,9 +59,17 @@ std::optional< IntfId > IntfId::fromName( std::string_view name ) {
    return IntfId( kind->kind, number );
 }
 
-std::ostream & operator<<( std::ostream & out, IntfId intf ) {
-   return write( out, intf, nameOf( intf.kind() ).name );
+Orla::String const & IntfId::name() const {
+   // Every rule asks for it; a switch has few interfaces. Never destroyed, as strings may be asked for at exit.
+   static auto * const names = new Vexa::HashMap< IntfId, Orla::String, 0x6C9E0E8B >;
+   auto const [ text, isNew ] = names->refOrEmplace( *this );
+   if ( isNew ) {
+      text = Orla::String( Vexa::stringOf( *this ) );
+   }
+   return text;
 }
+
+std::ostream & operator<<( std::ostream & out, IntfId intf ) { return write( out, intf, nameOf( intf.kind() ).name ); }
 
 std::ostream & operator<<( std::ostream & out, ShortName name ) {
    return write( out, name.intf, nameOf( name.intf.kind() ).shortName );

@@ -10,7 +10,8 @@ namespace {
 std::optional< U32 > takeOctet( Vexa::CharRange & text ) {
    auto const rest = text.rest();
    U32 octet = 0;
-   auto const [ end, error ] = std::from_chars( rest.data(), rest.data() + std::min< std::size_t >( rest.size(), 3 ), octet );
+   auto const [ end, error ] =
+      std::from_chars( rest.data(), rest.data() + std::min< std::size_t >( rest.size(), 3 ), octet );
    auto const length = static_cast< std::size_t >( end - rest.data() );
    if ( error != std::errc{} || octet > 255 || ( length > 1 && rest[ 0 ] == '0' ) ) {
       return std::nullopt;

@@ -75,9 +75,7 @@ template< class T > class Ptr {
    T * object_ = nullptr;
 };
 
-template< class T, class U > bool operator==( Ptr< T > const & a, Ptr< U > const & b ) {
-   return a.ptr() == b.ptr();
-}
+template< class T, class U > bool operator==( Ptr< T > const & a, Ptr< U > const & b ) { return a.ptr() == b.ptr(); }
 
 // The framework's `...Is` constructors create through here.
 template< class T, class... Arguments > Ptr< T > make( Arguments &&... arguments ) {

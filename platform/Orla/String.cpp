@@ -25,9 +25,7 @@ U32 hashOfText( std::string_view text ) {
 
 constexpr std::string_view hexDigits = "0123456789abcdef";
 
-bool isControl( char c ) {
-   return static_cast< unsigned char >( c ) < 0x20 || c == 0x7f;
-}
+bool isControl( char c ) { return static_cast< unsigned char >( c ) < 0x20 || c == 0x7f; }
 
 }  // namespace
 

@@ -105,7 +105,8 @@ class NatProgrammerTrapEntry final : public Orla::Entity {
  public:
    using PtrConst = Orla::Ptr< NatProgrammerTrapEntry const >;
 
-   NatProgrammerTrapEntry( U32 vrfId, Ip::Nat::NatDynamicTrapRule rule ) : vrfId_( vrfId ), rule_( std::move( rule ) ) {}
+   NatProgrammerTrapEntry( U32 vrfId, Ip::Nat::NatDynamicTrapRule rule )
+      : vrfId_( vrfId ), rule_( std::move( rule ) ) {}
 
    U32 vrfId() const { return vrfId_; }
    Ip::Nat::NatDynamicTrapRule const & rule() const { return rule_; }

@@ -15,7 +15,8 @@
 
 namespace [[gnu::visibility( "default" )]] Trace {
 
-// The type by which a ring message names one of its values. Specialised beside a value type that has one; texts are "p".
+// The type by which a ring message names one of its values. Specialised beside a value type that has one; texts are
+// "p".
 template< class T > inline constexpr char const * ringType = nullptr;
 template<> inline constexpr char const * ringType< char const * > = "p";
 
@@ -69,8 +70,17 @@ class RingTrace {
       }
    };
 
+   // A key that has a short text for traces shows it here as well.
+   template< class Part > static void writePart( std::ostream & out, Part const & part ) {
+      if constexpr ( requires { part.stringValue(); } ) {
+         out << part.stringValue();
+      } else {
+         Vexa::write( out, part );
+      }
+   }
+
    template< class Stored > static void writeParts( std::ostream & out, void const * parts ) {
-      std::apply( [ & ]( auto const &... part ) { ( Vexa::write( out, part ), ... ); },
+      std::apply( [ & ]( auto const &... part ) { ( writePart( out, part ), ... ); },
                   *static_cast< Stored const * >( parts ) );
    }
 

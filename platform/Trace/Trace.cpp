@@ -16,13 +16,9 @@ Sink & currentSink() {
 
 }  // namespace
 
-void enabledLevelIs( U8 level ) {
-   enabledLevel = level;
-}
+void enabledLevelIs( U8 level ) { enabledLevel = level; }
 
-void sinkIs( Sink sink ) {
-   currentSink() = std::move( sink );
-}
+void sinkIs( Sink sink ) { currentSink() = std::move( sink ); }
 
 void Handle::deliver( U8 level, std::string const & line ) const {
    if ( auto const & sink = currentSink() ) {

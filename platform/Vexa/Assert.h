@@ -12,7 +12,10 @@ namespace [[gnu::visibility( "default" )]] Vexa {
 // The diagnostic that a literal compared with nullptr would raise is meant for code, not for a message.
 #define VEXA_ASSERT( ... )                                                                                             \
    do {                                                                                                                \
-      _Pragma( "GCC diagnostic push" ) _Pragma( "GCC diagnostic ignored \"-Waddress\"" ) if ( !( __VA_ARGS__ ) )       \
-         [[unlikely]]::Vexa::stop( #__VA_ARGS__ );                                                                     \
-      _Pragma( "GCC diagnostic pop" )                                                                                  \
+      _Pragma( "GCC diagnostic push" );                                                                                \
+      _Pragma( "GCC diagnostic ignored \"-Waddress\"" );                                                               \
+      if ( !( __VA_ARGS__ ) ) [[unlikely]] {                                                                           \
+         ::Vexa::stop( #__VA_ARGS__ );                                                                                 \
+      }                                                                                                                \
+      _Pragma( "GCC diagnostic pop" );                                                                                 \
    } while ( false )

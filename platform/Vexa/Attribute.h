@@ -40,8 +40,8 @@ template< class C, class R, class... A > struct MemberTraits< R ( C::* )( A... )
    using Result = R;
    using Arguments = std::tuple< std::remove_cvref_t< A >... >;
 };
-template< class C, class R, class... A > struct MemberTraits< R ( C::* )( A... ) const >
-    : MemberTraits< R ( C::* )( A... ) > {};
+template< class C, class R, class... A >
+struct MemberTraits< R ( C::* )( A... ) const > : MemberTraits< R ( C::* )( A... ) > {};
 
 // Calls a member function with arguments taken out of std::any; false when number or types do not fit.
 template< auto function, class Class, std::size_t... index >
@@ -50,8 +50,8 @@ bool invoke( Class & object, AttrArguments arguments, std::any & result, std::in
    if ( arguments.size() != sizeof...( index ) ) {
       return false;
    }
-   auto const pointers =
-      std::tuple( std::any_cast< std::tuple_element_t< index, typename Traits::Arguments > >( &arguments[ index ] )... );
+   auto const pointers = std::tuple(
+      std::any_cast< std::tuple_element_t< index, typename Traits::Arguments > >( &arguments[ index ] )... );
    if ( !( ... && std::get< index >( pointers ) ) ) {
       return false;
    }
@@ -59,12 +59,14 @@ bool invoke( Class & object, AttrArguments arguments, std::any & result, std::in
       ( object.*function )( *std::get< index >( pointers )... );
       result.reset();
    } else {
-      result = std::remove_cvref_t< typename Traits::Result >( ( object.*function )( *std::get< index >( pointers )... ) );
+      result =
+         std::remove_cvref_t< typename Traits::Result >( ( object.*function )( *std::get< index >( pointers )... ) );
    }
    return true;
 }
 
-template< auto function, class Object > AttrResult callThunk( Object & object, AttrArguments arguments, std::any & result ) {
+template< auto function, class Object >
+AttrResult callThunk( Object & object, AttrArguments arguments, std::any & result ) {
    using Traits = MemberTraits< decltype( function ) >;
    using Indices = std::make_index_sequence< std::tuple_size_v< typename Traits::Arguments > >;
    auto & self = static_cast< typename Traits::Class & >( object );
@@ -108,8 +110,8 @@ template< class Object, auto lookUp > constexpr Attribute< Object > collectionAt
 }
 
 // Read as a value; a call creates what it holds from the arguments.
-template< class Object, auto getter, auto create > constexpr Attribute< Object > instantiatingAttribute(
-   std::string_view name ) {
+template< class Object, auto getter, auto create >
+constexpr Attribute< Object > instantiatingAttribute( std::string_view name ) {
    return { .name = name,
             .kind = AttrKind::instantiating,
             .read = &detail::readThunk< getter, Object >,
@@ -128,7 +130,8 @@ constexpr std::optional< U32 > attributeId( std::span< Attribute< Object > const
 }
 
 template< class Object >
-AttrResult attributeRead( std::span< Attribute< Object > const > table, Object const & object, U32 id, std::any & value ) {
+AttrResult attributeRead( std::span< Attribute< Object > const > table, Object const & object, U32 id,
+                          std::any & value ) {
    if ( id == 0 || id > table.size() ) {
       return AttrResult::noSuchAttribute;
    }
@@ -137,7 +140,8 @@ AttrResult attributeRead( std::span< Attribute< Object > const > table, Object c
 }
 
 template< class Object >
-AttrResult attributeWrite( std::span< Attribute< Object > const > table, Object & object, U32 id, std::any const & value ) {
+AttrResult attributeWrite( std::span< Attribute< Object > const > table, Object & object, U32 id,
+                           std::any const & value ) {
    if ( id == 0 || id > table.size() ) {
       return AttrResult::noSuchAttribute;
    }
@@ -146,8 +150,8 @@ AttrResult attributeWrite( std::span< Attribute< Object > const > table, Object 
 }
 
 template< class Object >
-AttrResult attributeCall( std::span< Attribute< Object > const > table, Object & object, U32 id, AttrArguments arguments,
-                          std::any & result ) {
+AttrResult attributeCall( std::span< Attribute< Object > const > table, Object & object, U32 id,
+                          AttrArguments arguments, std::any & result ) {
    if ( id == 0 || id > table.size() ) {
       return AttrResult::noSuchAttribute;
    }

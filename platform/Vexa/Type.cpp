@@ -19,7 +19,7 @@ struct Found {
 };
 
 Found attributeOf( TypeData const & type, std::string_view name ) {
-   for ( auto const * t = &type; t; t = t->base ) {
+   for ( auto const * t = &type; t; t = t->base ? &t->base() : nullptr ) {
       if ( auto const id = attributeId( t->attributes, name ) ) {
          return { t, *id };
       }
@@ -29,17 +29,11 @@ Found attributeOf( TypeData const & type, std::string_view name ) {
 
 }  // namespace
 
-ModuleRegistration::ModuleRegistration( Module const & module ) : module_( module ) {
-   modules().push_back( &module );
-}
+ModuleRegistration::ModuleRegistration( Module const & module ) : module_( module ) { modules().push_back( &module ); }
 
-ModuleRegistration::~ModuleRegistration() {
-   std::erase( modules(), &module_ );
-}
+ModuleRegistration::~ModuleRegistration() { std::erase( modules(), &module_ ); }
 
-ModuleRegistration vexaModuleIs( Module const & module ) {
-   return ModuleRegistration( module );
-}
+ModuleRegistration vexaModuleIs( Module const & module ) { return ModuleRegistration( module ); }
 
 Module const * moduleOf( std::string_view moduleName ) {
    auto const found = std::ranges::find( modules(), moduleName, &Module::name );

@@ -14,7 +14,7 @@ namespace [[gnu::visibility( "default" )]] Vexa {
 // Describes one class of entities. Lives in static storage of the library that defines the class.
 struct TypeData {
    std::string_view name;
-   TypeData const * base = nullptr;
+   TypeData const & ( *base )() = nullptr;  // null: none
    std::span< Attribute< Orla::Entity > const > attributes = {};
    // Creates an object from the arguments of its `...Is` constructor; null pointer when they do not fit. Null for
    // abstract classes.
@@ -75,7 +75,7 @@ template< class Result, class... Arguments > struct Constructor< Result ( * )( A
 }  // namespace detail
 
 // The construct-from-arguments entry of a class whose `...Is` constructor is `create`.
-template< auto create > inline constexpr auto constructFromArguments =
-   &detail::Constructor< decltype( create ) >::template construct< create >;
+template< auto create >
+inline constexpr auto constructFromArguments = &detail::Constructor< decltype( create ) >::template construct< create >;
 
 }  // namespace Vexa

@@ -104,8 +104,8 @@ template< class Names, class... Alternatives > Union< Names, Alternatives... >::
       ( tryAlternative( std::integral_constant< std::size_t, index >{} ), ... );
    }( std::index_sequence_for< Alternatives... >{} );
    if ( !parsed ) {
-      throw RangeException( "Invalid string rep for " + std::string( Names::shortName ) +
-                            ":  unknown alternative " + std::string( name ) );
+      throw RangeException( "Invalid string rep for " + std::string( Names::shortName ) + ":  unknown alternative " +
+                            std::string( name ) );
    }
    text.require( ")" );
 }

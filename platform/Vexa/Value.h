@@ -36,9 +36,7 @@ template< auto memberPointer > struct Attr {
    char const * name;
 };
 
-template< auto memberPointer > constexpr Attr< memberPointer > attr( char const * name ) {
-   return { name };
-}
+template< auto memberPointer > constexpr Attr< memberPointer > attr( char const * name ) { return { name }; }
 
 template< class T >
 concept Described = requires {
@@ -52,8 +50,7 @@ struct ConvertsToAnything {
    template< class T > operator T() const;
 };
 
-template< class T, std::size_t... index >
-constexpr bool initialisableWith( std::index_sequence< index... > ) {
+template< class T, std::size_t... index > constexpr bool initialisableWith( std::index_sequence< index... > ) {
    return requires { T{ ( static_cast< void >( index ), ConvertsToAnything{} )... }; };
 }
 
@@ -65,16 +62,24 @@ template< class T, std::size_t count = 0 > constexpr std::size_t memberCount() {
    }
 }
 
+template< class Wanted, class... Listed >
+inline constexpr bool isAmongOnce = ( ... + static_cast< int >( std::is_same_v< Wanted, Listed > ) ) == 1;
+
 }  // namespace detail
 
-// Whether the description lists as many members as the aggregate has. A base class that is no part of the value
-// announces itself by a constant undescribedBases.
+// Whether the description lists as many members as the aggregate has, none of them twice. A base class that is no part
+// of the value announces itself by a constant undescribedBases.
 template< Described T > constexpr bool everyMemberIsDescribed() {
    std::size_t described = std::tuple_size_v< decltype( T::attributes() ) >;
    if constexpr ( requires { T::undescribedBases; } ) {
       described += T::undescribedBases;
    }
-   return std::is_aggregate_v< T > && detail::memberCount< T >() == described;
+   bool const distinct = std::apply(
+      []( auto... attribute ) {
+         return ( ... && detail::isAmongOnce< decltype( attribute ), decltype( attribute )... > );
+      },
+      T::attributes() );
+   return std::is_aggregate_v< T > && distinct && detail::memberCount< T >() == described;
 }
 template< Described T > inline constexpr bool describesEveryMember = everyMemberIsDescribed< T >();
 
@@ -145,7 +150,7 @@ class HashPacker {
    unsigned pendingBits_ = 0;
 };
 
-template< class T > constexpr U32 hash( T const & value, U32 seed ) {
+template< class T > constexpr U32 hash( T const & value, U32 seed = 0 ) {
    if constexpr ( HashesItself< T > ) {
       return value.hash( seed );
    } else {
@@ -157,9 +162,7 @@ template< class T > constexpr U32 hash( T const & value, U32 seed ) {
 
 // --- Equality --------------------------------------------------------------------------------------------------------
 
-template< class T > constexpr bool isEq( T const & a, T const & b ) {
-   return &a == &b || a == b;
-}
+template< class T > constexpr bool isEq( T const & a, T const & b ) { return &a == &b || a == b; }
 
 // --- Text ------------------------------------------------------------------------------------------------------------
 
@@ -197,9 +200,9 @@ template< class T > T parse( CharRange & text );
 namespace detail {
 
 template< Scalar T > T parseScalar( CharRange & text ) {
-   using Number = typename std::conditional_t< std::is_same_v< T, bool >, std::type_identity< U8 >,
-                                               std::conditional_t< std::is_enum_v< T >, std::underlying_type< T >,
-                                                                   std::type_identity< T > > >::type;
+   using Number = typename std::conditional_t<
+      std::is_same_v< T, bool >, std::type_identity< U8 >,
+      std::conditional_t< std::is_enum_v< T >, std::underlying_type< T >, std::type_identity< T > > >::type;
    auto const rest = text.rest();
    Number number{};
    auto const [ end, error ] = std::from_chars( rest.data(), rest.data() + rest.size(), number );

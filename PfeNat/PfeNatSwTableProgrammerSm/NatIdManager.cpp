@@ -1,0 +1,134 @@
+#include "PfeNat/PfeNatSwTableProgrammerSm/NatIdManager.h"
+
+#include "PfeNat/PfeNatSwTableProgrammerSm/UnitGlobals.h"
+
+#include <Trace/RingTrace.h>
+#include <Vexa/Assert.h>
+#include <Vexa/Type.h>
+
+namespace [[gnu::visibility( "default" )]] Pfe {
+
+namespace {
+
+constexpr U64 firstNatIdBit = 0;
+constexpr U32 lastNatIdBit = 65535;
+
+}  // namespace
+
+NatIdManager::NatIdManager( NatIdInfo::Ptr const & natIdInfo ) : natIdInfo_( natIdInfo ) {
+   handleInitialized();
+}
+
+void NatIdManager::handleInitialized() {
+   TRACE( traceHandle(), 6, "NatIdManager:: ", "handleInitialized" );
+   natIdBitmapIs( firstNatIdBit, lastNatIdBit, Brix::BitState::clear );
+   natIdBitmap_->setBit( 0 );  // 0 is no NAT id
+   if ( !natIdInfo_ ) {
+      return;
+   }
+   natIdInfo_->matchKeyToNatId().forEach( [ & ]( NatMatchKey const & matchKey, NatId natId ) {
+      TRACE( traceHandle(), 8, "handleInitialized", " Reserving natId ", natId, " for matchKey ", matchKey );
+      natIdBitmap_->setBit( natId.value() );
+   } );
+}
+
+Orla::Ptr< Brix::HBitmap > NatIdManager::natIdBitmapIs( U64 firstBit, U32 lastBit, Brix::BitState initialBitState ) {
+   if ( !natIdBitmap_ || natIdBitmap_->firstBit() != firstBit || natIdBitmap_->lastBit() != lastBit ||
+        natIdBitmap_->initialBitState() != initialBitState ) {
+      natIdBitmap_ = Orla::make< Brix::HBitmap >( firstBit, lastBit, initialBitState );
+   }
+   return natIdBitmap_;
+}
+
+NatId const * NatIdManager::persistedId( NatMatchKey const & matchKey ) const {
+   return natIdInfo_ ? natIdInfo_->matchKeyToNatId().find( matchKey ) : nullptr;
+}
+
+NatId NatIdManager::allocateNatId( IngNatTableKey const & ingKey, NatMatchKey const & matchKey ) {
+   NatId natId;
+   auto const * const persisted = persistedId( matchKey );
+   if ( !persisted ) {
+      // A full pool answers null, which is out of range for an id.
+      natId = NatId( natIdBitmap_->findBitInClearState( Brix::IndexPreference::lowest ) );
+      VEXA_ASSERT( natId != Brix::HBitmap::null() && "Unable to allocate natId" );
+      natIdBitmap_->setBit( natId.value() );
+      natIdInfo_->matchKeyToNatIdIs( matchKey, natId );
+      TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " newly assigned to natId: ", natId );
+   } else {
+      natId = *persisted;
+   }
+
+   auto const [ ingKeySet, isFirstHolder ] = matchKeyToIngKeySet_.refOrEmplace( matchKey );
+   if ( persisted && isFirstHolder ) {
+      TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " has cached natId: ", natId, ".",
+             " Rebuilding natId->IngKey map for restart" );
+   } else if ( persisted ) {
+      TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " already assigned to natId: ", natId );
+   }
+   ingKeySet.entryIs( ingKey );
+   TRACE( traceHandle(), 8, "matchKey ", matchKey, ", natId: ", natId, ", new refCount: ", ingKeySet.entrys() );
+   return natId;
+}
+
+NatId NatIdManager::getNatId( NatMatchKey const & matchKey ) const {
+   auto const * const persisted = persistedId( matchKey );
+   auto const natId = persisted ? *persisted : NatId();
+   VEXA_ASSERT( natId != 0 && "natId not allocated" );
+   return natId;
+}
+
+void NatIdManager::freeNatId( IngNatTableKey const & ingKey, NatMatchKey const & matchKey ) {
+   auto const * const persisted = persistedId( matchKey );
+   if ( !persisted ) {
+      TRACE( traceHandle(), 8, "freeNatId", " natId not found for matchKey: ", matchKey );
+      return;
+   }
+   auto const natId = *persisted;
+   auto const [ ingKeySet, isUnknown ] = matchKeyToIngKeySet_.refOrEmplace( matchKey );
+   VEXA_ASSERT( ingKeySet.entrys() );
+   ingKeySet.entryDel( ingKey );
+   TRACE( traceHandle(), 8, "freeNatId", " matchKey ", matchKey, " new refCount: ", ingKeySet.entrys() );
+   if ( ingKeySet ) {
+      return;
+   }
+   natIdBitmap_->clearBit( natId.value() );
+   natIdInfo_->matchKeyToNatIdDel( matchKey );
+   matchKeyToIngKeySetDel( matchKey );
+   TRACE( traceHandle(), 8, "freeNatId", " matchKey ", matchKey, " freeing natId: ", natId );
+}
+
+void NatIdManager::sweepAndCleanupNatIds() {
+   Trace::RingTrace::defaultHandle().message( "sweepAndCleanupNatIds" );
+   TRACE( traceHandle(), 8, "sweepAndCleanupNatIds" );
+   if ( !natIdInfo_ ) {
+      return;
+   }
+   natIdInfo_->matchKeyToNatId().forEach( [ & ]( NatMatchKey const & key, NatId natId ) {
+      if ( matchKeyToIngKeySetHas( key ) ) {
+         return;
+      }
+      auto const matchKey = key;  // the entry goes
+      natIdBitmap_->clearBit( natId.value() );
+      natIdInfo_->matchKeyToNatIdDel( matchKey );
+      TRACE( traceHandle(), 8, "sweepAndCleanupNatIds", " matchKey ", matchKey, " cleaning up natId: ", natId );
+   } );
+}
+
+Vexa::TypeData const & NatIdManager::classType() {
+   using Entity = Orla::Entity;
+   using IngKeySetOf = IngKeySet ( NatIdManager::* )( NatMatchKey const & ) const;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::readOnlyAttribute< Entity, &NatIdManager::natIdInfo >( "natIdInfo" ),
+      Vexa::collectionAttribute< Entity, static_cast< IngKeySetOf >( &NatIdManager::matchKeyToIngKeySet ) >(
+         "matchKeyToIngKeySet" ),
+      Vexa::instantiatingAttribute< Entity, &NatIdManager::natIdBitmap, &NatIdManager::natIdBitmapIs >( "natIdBitmap" ),
+      Vexa::methodAttribute< Entity, &NatIdManager::allocateNatId >( "allocateNatId" ),
+      Vexa::methodAttribute< Entity, &NatIdManager::getNatId >( "getNatId" ),
+      Vexa::methodAttribute< Entity, &NatIdManager::freeNatId >( "freeNatId" ),
+      Vexa::methodAttribute< Entity, &NatIdManager::sweepAndCleanupNatIds >( "sweepAndCleanupNatIds" ),
+      Vexa::methodAttribute< Entity, &NatIdManager::handleInitialized >( "handleInitialized" ) };
+   static constexpr Vexa::TypeData type{ .name = "Pfe::NatIdManager", .attributes = attributes };
+   return type;
+}
+
+}  // namespace Pfe

@@ -1,0 +1,327 @@
+#include <Pfe/NatBaseProgrammerSm.h>
+
+#include <Pfe/RuleMemory.h>
+#include <Vexa/Type.h>
+
+namespace [[gnu::visibility( "default" )]] Pfe {
+
+namespace {
+
+struct StaticRule {
+   using Key = NatProgrammerStaticKey;
+   using Entry = NatProgrammerStaticEntry;
+   using Status = NatProgrammerStaticStatusEntry;
+   static constexpr U32 rememberedConstant = 0xB5470917;
+   static constexpr U32 refusedConstant = 0x9216D5D9;
+
+   static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.addStaticConnection( key, entry );
+   }
+   static void update( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.updateStaticConnection( key, entry );
+   }
+   static void del( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.deleteStaticConnection( key, entry );
+   }
+   static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->staticStatus(); }
+   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) { return allStatus( sm ).find( key ); }
+   static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
+      sm.natProgrammerStatus()->staticStatusIs( key, status );
+   }
+   static void statusDel( NatBaseProgrammerSm & sm, Key const & key ) {
+      sm.natProgrammerStatus()->staticStatusDel( key );
+   }
+};
+
+struct TwiceRule {
+   using Key = NatProgrammerTwiceKey;
+   using Entry = NatProgrammerTwiceEntry;
+   using Status = NatProgrammerTwiceStatusEntry;
+   static constexpr U32 rememberedConstant = 0x8979FB1B;
+   static constexpr U32 refusedConstant = 0xD1310BA6;
+
+   static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.addTwiceConnection( key, entry );
+   }
+   static void update( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.updateTwiceConnection( key, entry );
+   }
+   static void del( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.deleteTwiceConnection( key, entry );
+   }
+   static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->twiceStatus(); }
+   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) { return allStatus( sm ).find( key ); }
+   static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
+      sm.natProgrammerStatus()->twiceStatusIs( key, status );
+   }
+   static void statusDel( NatBaseProgrammerSm & sm, Key const & key ) { sm.natProgrammerStatus()->twiceStatusDel( key ); }
+};
+
+struct DynamicRule {
+   using Key = NatProgrammerDynamicKey;
+   using Entry = NatProgrammerDynamicEntry;
+   using Status = NatProgrammerDynamicStatusEntry;
+   static constexpr U32 rememberedConstant = 0x98DFB5AC;
+   static constexpr U32 refusedConstant = 0x2FFD72DB;
+
+   static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.addDynamicConnection( key, entry );
+   }
+   static void update( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.updateDynamicConnection( key, entry );
+   }
+   static void del( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
+      sm.deleteDynamicConnection( key, entry );
+   }
+   static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->dynamicStatus(); }
+   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) { return allStatus( sm ).find( key ); }
+   static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
+      sm.natProgrammerStatus()->dynamicStatusIs( key, status );
+   }
+   static void statusDel( NatBaseProgrammerSm & sm, Key const & key ) {
+      sm.natProgrammerStatus()->dynamicStatusDel( key );
+   }
+};
+
+template< class Pointer > Pointer valueOrNull( Pointer const * pointer ) {
+   return pointer ? *pointer : Pointer();
+}
+
+NatTrapKey trapKeyOf( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry const & entry ) {
+   return { key.key.aclName, key.key.poolId, entry.rule().ruleId };
+}
+
+}  // namespace
+
+struct NatBaseProgrammerSm::Memory {
+   explicit Memory( NatBaseProgrammerSm & programmer )
+       : staticRules( programmer, refusals ), twiceRules( programmer, refusals ), dynamicRules( programmer, refusals ) {}
+
+   Refusals refusals;
+   RuleMemory< StaticRule > staticRules;
+   RuleMemory< TwiceRule > twiceRules;
+   RuleMemory< DynamicRule > dynamicRules;
+   Vexa::HashMap< NatProgrammerTrapKey, NatProgrammerTrapEntry::PtrConst, 0xD01ADFB7 > traps;
+};
+
+NatBaseProgrammerSm::NatBaseProgrammerSm( NatProgrammerConfig::PtrConst config, NatProgrammerStatus::Ptr status )
+    : natProgrammerConfig_( std::move( config ) ), natProgrammerStatus_( std::move( status ) ),
+      memory_( std::make_unique< Memory >( *this ) ), staticReactor_( *this ), twiceReactor_( *this ),
+      dynamicReactor_( *this ), trapReactor_( *this ), profileReactor_( *this ) {
+   staticReactor_.watchedIs( &natProgrammerConfig_->staticEntry() );
+   twiceReactor_.watchedIs( &natProgrammerConfig_->twiceEntry() );
+   dynamicReactor_.watchedIs( &natProgrammerConfig_->dynamicEntry() );
+   trapReactor_.watchedIs( &natProgrammerConfig_->trapEntry() );
+}
+
+NatBaseProgrammerSm::~NatBaseProgrammerSm() {
+   profileReactor_.watchedIs( nullptr );
+}
+
+void NatBaseProgrammerSm::replayReconcile() {}
+
+void NatBaseProgrammerSm::natVlanProfileConfigIs( NatVlanProfileConfig::PtrConst config ) {
+   profileReactor_.watchedIs( config ? &config->vlanProfile() : nullptr );
+   natVlanProfileConfig_ = std::move( config );
+}
+
+// --- Handing over ----------------------------------------------------------------------------------------------------
+
+void NatBaseProgrammerSm::replay() {
+   Orla::Ptr< NatBaseProgrammerSm > const self( this );
+   replayed_ = true;
+   auto const & config = *natProgrammerConfig_;
+   config.staticEntry().forEach(
+      [ & ]( auto const & key, auto const & entry ) { memory_->staticRules.handle( key, entry ); } );
+   config.twiceEntry().forEach(
+      [ & ]( auto const & key, auto const & entry ) { memory_->twiceRules.handle( key, entry ); } );
+   config.dynamicEntry().forEach(
+      [ & ]( auto const & key, auto const & entry ) { memory_->dynamicRules.handle( key, entry ); } );
+   config.trapEntry().forEach( [ & ]( auto const & key, auto const & entry ) { handleTrap( key, entry ); } );
+   if ( natVlanProfileConfig_ ) {
+      natVlanProfileConfig_->vlanProfile().forEach( [ & ]( U16 vlan, U16 profile ) { setNatProfile( vlan, profile ); } );
+   }
+   replayReconcile();
+   retryRefused();
+}
+
+void NatBaseProgrammerSm::handleProgrammerStaticConfig( NatProgrammerStaticKey const & key ) {
+   memory_->staticRules.handle( key, natProgrammerConfig_->staticEntry( key ) );
+}
+
+void NatBaseProgrammerSm::handleProgrammerTwiceConfig( NatProgrammerTwiceKey const & key ) {
+   memory_->twiceRules.handle( key, natProgrammerConfig_->twiceEntry( key ) );
+}
+
+void NatBaseProgrammerSm::handleProgrammerDynamicConfig( NatProgrammerDynamicKey const & key ) {
+   memory_->dynamicRules.handle( key, natProgrammerConfig_->dynamicEntry( key ) );
+}
+
+void NatBaseProgrammerSm::handleProgrammerTrapConfig( NatProgrammerTrapKey const & key ) {
+   handleTrap( key, natProgrammerConfig_->trapEntry( key ) );
+}
+
+// Traps have no status: what was raised is counted and not remembered.
+void NatBaseProgrammerSm::handleTrap( NatProgrammerTrapKey const & key,
+                                      NatProgrammerTrapEntry::PtrConst const & configured ) {
+   if ( auto const previous = memory_->traps.valueOr( key ) ) {
+      if ( !configured || trapKeyOf( key, *previous ) != trapKeyOf( key, *configured ) ) {
+         memory_->traps.del( key );
+         deleteTrap( key, previous );
+      }
+   }
+   if ( configured ) {
+      memory_->traps.is( key, configured );
+      try {
+         addTrap( key, configured );
+      } catch ( Vexa::RangeException const & error ) {
+         memory_->refusals.countRangeError( Vexa::stringOf( key ), error );
+         memory_->traps.del( key );
+      }
+   }
+}
+
+void NatBaseProgrammerSm::on_staticEntry( NatProgrammerStaticKey const & key,
+                                          NatProgrammerStaticEntry::PtrConst const *,
+                                          NatProgrammerStaticEntry::PtrConst const * current ) {
+   if ( replayed_ ) {
+      memory_->staticRules.handle( key, valueOrNull( current ) );
+   }
+}
+
+void NatBaseProgrammerSm::on_twiceEntry( NatProgrammerTwiceKey const & key, NatProgrammerTwiceEntry::PtrConst const *,
+                                         NatProgrammerTwiceEntry::PtrConst const * current ) {
+   if ( replayed_ ) {
+      memory_->twiceRules.handle( key, valueOrNull( current ) );
+   }
+}
+
+void NatBaseProgrammerSm::on_dynamicEntry( NatProgrammerDynamicKey const & key,
+                                           NatProgrammerDynamicEntry::PtrConst const *,
+                                           NatProgrammerDynamicEntry::PtrConst const * current ) {
+   if ( replayed_ ) {
+      memory_->dynamicRules.handle( key, valueOrNull( current ) );
+   }
+}
+
+void NatBaseProgrammerSm::on_trapEntry( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const *,
+                                        NatProgrammerTrapEntry::PtrConst const * current ) {
+   if ( replayed_ ) {
+      handleTrap( key, valueOrNull( current ) );
+   }
+}
+
+void NatBaseProgrammerSm::on_vlanProfile( U16 const & vlanId, U16 const *, U16 const * current ) {
+   if ( !replayed_ ) {
+      return;
+   }
+   if ( current ) {
+      setNatProfile( vlanId, *current );
+   } else {
+      clearNatProfile( vlanId );
+   }
+}
+
+// --- Refusals and rest -----------------------------------------------------------------------------------------------
+
+std::size_t NatBaseProgrammerSm::retryRefused() {
+   auto const & poolKeys = memory_->refusals.poolKeys;
+   auto const last = memory_->refusals.refused;  // what is refused again from here on has its turn next time
+   std::size_t handedOver = 0;
+   bool accepted = true;
+   while ( accepted && !poolKeys.empty() && poolKeys.begin()->first <= last &&
+           ( !natIdPool_ || natIdPool_->matchKeyToNatId().count() < NatId::max ) ) {
+      ++handedOver;
+      auto const key = poolKeys.begin()->second;
+      if ( auto const * const staticKey = std::get_if< NatProgrammerStaticKey >( &key ) ) {
+         accepted = memory_->staticRules.retry( *staticKey, natProgrammerConfig_->staticEntry( *staticKey ) );
+      } else if ( auto const * const twiceKey = std::get_if< NatProgrammerTwiceKey >( &key ) ) {
+         accepted = memory_->twiceRules.retry( *twiceKey, natProgrammerConfig_->twiceEntry( *twiceKey ) );
+      } else {
+         auto const & dynamicKey = std::get< NatProgrammerDynamicKey >( key );
+         accepted = memory_->dynamicRules.retry( dynamicKey, natProgrammerConfig_->dynamicEntry( dynamicKey ) );
+      }
+   }
+   return handedOver;
+}
+
+void NatBaseProgrammerSm::atRest() {
+   memory_->staticRules.dropStaleStatus();
+   memory_->twiceRules.dropStaleStatus();
+   memory_->dynamicRules.dropStaleStatus();
+}
+
+std::vector< std::string > NatBaseProgrammerSm::checkStaleStatus() const {
+   std::vector< std::string > names;
+   memory_->staticRules.nameStaleStatus( names );
+   memory_->twiceRules.nameStaleStatus( names );
+   memory_->dynamicRules.nameStaleStatus( names );
+   return names;
+}
+
+std::size_t NatBaseProgrammerSm::refusedCount() const {
+   return memory_->staticRules.refusedCount() + memory_->twiceRules.refusedCount() +
+          memory_->dynamicRules.refusedCount();
+}
+
+U64 NatBaseProgrammerSm::rangeErrorCount() const {
+   return memory_->refusals.rangeErrors;
+}
+
+// --- Status ----------------------------------------------------------------------------------------------------------
+
+void NatBaseProgrammerSm::addProgrammerStaticStatusEntry( NatProgrammerStaticKey const & key,
+                                                          NatProgrammerStaticEntry::PtrConst const & entry,
+                                                          PfeHelper::NatHwResult result ) {
+   memory_->staticRules.statusAdd( key, entry, result );
+}
+
+void NatBaseProgrammerSm::deleteProgrammerStaticStatusEntry( NatProgrammerStaticKey const & key,
+                                                             NatProgrammerStaticEntry::PtrConst const & entry ) {
+   memory_->staticRules.statusDel( key, entry );
+}
+
+void NatBaseProgrammerSm::addProgrammerTwiceStatusEntry( NatProgrammerTwiceKey const & key,
+                                                         NatProgrammerTwiceEntry::PtrConst const & entry,
+                                                         PfeHelper::NatHwResult result ) {
+   memory_->twiceRules.statusAdd( key, entry, result );
+}
+
+void NatBaseProgrammerSm::deleteProgrammerTwiceStatusEntry( NatProgrammerTwiceKey const & key,
+                                                            NatProgrammerTwiceEntry::PtrConst const & entry ) {
+   memory_->twiceRules.statusDel( key, entry );
+}
+
+void NatBaseProgrammerSm::addProgrammerDynamicStatusEntry( NatProgrammerDynamicKey const & key,
+                                                           NatProgrammerDynamicEntry::PtrConst const & entry,
+                                                           PfeHelper::NatHwResult result ) {
+   memory_->dynamicRules.statusAdd( key, entry, result );
+}
+
+void NatBaseProgrammerSm::deleteProgrammerDynamicStatusEntry( NatProgrammerDynamicKey const & key,
+                                                              NatProgrammerDynamicEntry::PtrConst const & entry ) {
+   memory_->dynamicRules.statusDel( key, entry );
+}
+
+// --- Attribute table -------------------------------------------------------------------------------------------------
+
+Vexa::TypeData const & NatBaseProgrammerSm::classType() {
+   using Entity = Orla::Entity;
+   using Sm = NatBaseProgrammerSm;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::readOnlyAttribute< Entity, &Sm::natProgrammerConfig >( "natProgrammerConfig" ),
+      Vexa::readOnlyAttribute< Entity, &Sm::natProgrammerStatus >( "natProgrammerStatus" ),
+      Vexa::attribute< Entity, &Sm::programmerMode, &Sm::programmerModeIs >( "programmerMode" ),
+      Vexa::attribute< Entity, &Sm::natVlanProfileConfig, &Sm::natVlanProfileConfigIs >( "natVlanProfileConfig" ),
+      Vexa::attribute< Entity, &Sm::natIdPool, &Sm::natIdPoolIs >( "natIdPool" ),
+      Vexa::methodAttribute< Entity, &Sm::replay >( "replay" ),
+      Vexa::methodAttribute< Entity, &Sm::retryRefused >( "retryRefused" ),
+      Vexa::methodAttribute< Entity, &Sm::atRest >( "atRest" ),
+      Vexa::methodAttribute< Entity, &Sm::checkStaleStatus >( "checkStaleStatus" ),
+      Vexa::readOnlyAttribute< Entity, &Sm::refusedCount >( "refusedCount" ),
+      Vexa::readOnlyAttribute< Entity, &Sm::rangeErrorCount >( "rangeErrorCount" ) };
+   static constexpr Vexa::TypeData type{ .name = "Pfe::NatBaseProgrammerSm", .attributes = attributes };
+   return type;
+}
+
+}  // namespace Pfe

@@ -1,0 +1,156 @@
+// The NAT base programmer: reacts to the programmer's configuration, calls the operations of a concrete programmer, and
+// keeps the status true.
+#pragma once
+
+#include <Orla/Entity.h>
+#include <Orla/Ptr.h>
+#include <Pfe/NatIdInfo.h>
+#include <Pfe/NatProgrammerConfig.h>
+#include <Pfe/NatProgrammerStatus.h>
+#include <PfeHelper/NatHwResult.h>
+#include <Vexa/Reactor.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace [[gnu::visibility( "default" )]] Pfe {
+
+// Per key the programmer remembers the entry that it last handed over, and decides from it what a change calls: add,
+// update, or delete of the remembered entry and add of the new one. Range errors that leave an operation are caught
+// here, per key.
+class NatBaseProgrammerSm : public Orla::Entity {
+ public:
+   // What becomes of an add that raised. A programmer of tables has it undone, and the rule is marked refused with
+   // result 2; a programmer of interfaces leaves what it wrote and has no results.
+   enum class Mode : U8 { interfaces, tables };
+
+   ~NatBaseProgrammerSm() override;
+
+   // The operations, in the order of their slots. All of them are called on the agent's activity thread.
+   //
+   // The names of the rules whose status was not written for the entry last handed over. None at rest.
+   virtual std::vector< std::string > checkStaleStatus() const;
+   virtual void setNatProfile( U16 vlanId, U16 profileId ) = 0;
+   virtual void clearNatProfile( U16 vlanId ) = 0;
+   virtual void addStaticConnection( NatProgrammerStaticKey const & key,
+                                     NatProgrammerStaticEntry::PtrConst const & entry ) = 0;
+   virtual void updateStaticConnection( NatProgrammerStaticKey const & key,
+                                        NatProgrammerStaticEntry::PtrConst const & entry ) = 0;
+   virtual void deleteStaticConnection( NatProgrammerStaticKey const & key,
+                                        NatProgrammerStaticEntry::PtrConst const & entry ) = 0;
+   virtual void addTwiceConnection( NatProgrammerTwiceKey const & key,
+                                    NatProgrammerTwiceEntry::PtrConst const & entry ) = 0;
+   virtual void updateTwiceConnection( NatProgrammerTwiceKey const & key,
+                                       NatProgrammerTwiceEntry::PtrConst const & entry ) = 0;
+   virtual void deleteTwiceConnection( NatProgrammerTwiceKey const & key,
+                                       NatProgrammerTwiceEntry::PtrConst const & entry ) = 0;
+   virtual void addDynamicConnection( NatProgrammerDynamicKey const & key,
+                                      NatProgrammerDynamicEntry::PtrConst const & entry ) = 0;
+   virtual void updateDynamicConnection( NatProgrammerDynamicKey const & key,
+                                         NatProgrammerDynamicEntry::PtrConst const & entry ) = 0;
+   virtual void deleteDynamicConnection( NatProgrammerDynamicKey const & key,
+                                         NatProgrammerDynamicEntry::PtrConst const & entry ) = 0;
+   virtual void addTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) = 0;
+   virtual void deleteTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) = 0;
+   // Ends a replay.
+   virtual void replayReconcile();
+
+   NatProgrammerConfig::PtrConst const & natProgrammerConfig() const { return natProgrammerConfig_; }
+   NatProgrammerStatus::Ptr const & natProgrammerStatus() const { return natProgrammerStatus_; }
+
+   // Set before the first replay; interfaces unless set.
+   Mode programmerMode() const { return mode_; }
+   void programmerModeIs( Mode mode ) { mode_ = mode; }
+
+   // Where profiles come from; null, as for a programmer that refuses profiles: nowhere.
+   NatVlanProfileConfig::PtrConst const & natVlanProfileConfig() const { return natVlanProfileConfig_; }
+   void natVlanProfileConfigIs( NatVlanProfileConfig::PtrConst config );
+
+   // The ids in use, whose number tells whether one is free. Null: unknown, so retries just try.
+   NatIdInfo::PtrConst const & natIdPool() const { return natIdPool_; }
+   void natIdPoolIs( NatIdInfo::PtrConst pool ) { natIdPool_ = std::move( pool ); }
+
+   // Hands over everything that the configuration holds, then reconciles, then retries what the id pool refused. Until
+   // the first replay changes of the configuration are left to it.
+   void replay();
+
+   // Hands over what `key` is configured as now, or its removal.
+   void handleProgrammerStaticConfig( NatProgrammerStaticKey const & key );
+   void handleProgrammerTwiceConfig( NatProgrammerTwiceKey const & key );
+   void handleProgrammerDynamicConfig( NatProgrammerDynamicKey const & key );
+   void handleProgrammerTrapConfig( NatProgrammerTrapKey const & key );
+
+   // Status writers. A write for another entry than the one last handed over is ignored, so is a removal for an older
+   // entry once the status was written for the newer one, and so is everything for a refused key.
+   void addProgrammerStaticStatusEntry( NatProgrammerStaticKey const & key,
+                                        NatProgrammerStaticEntry::PtrConst const & entry,
+                                        PfeHelper::NatHwResult result );
+   void deleteProgrammerStaticStatusEntry( NatProgrammerStaticKey const & key,
+                                           NatProgrammerStaticEntry::PtrConst const & entry );
+   void addProgrammerTwiceStatusEntry( NatProgrammerTwiceKey const & key,
+                                       NatProgrammerTwiceEntry::PtrConst const & entry,
+                                       PfeHelper::NatHwResult result );
+   void deleteProgrammerTwiceStatusEntry( NatProgrammerTwiceKey const & key,
+                                          NatProgrammerTwiceEntry::PtrConst const & entry );
+   void addProgrammerDynamicStatusEntry( NatProgrammerDynamicKey const & key,
+                                         NatProgrammerDynamicEntry::PtrConst const & entry,
+                                         PfeHelper::NatHwResult result );
+   void deleteProgrammerDynamicStatusEntry( NatProgrammerDynamicKey const & key,
+                                            NatProgrammerDynamicEntry::PtrConst const & entry );
+
+   // Hands over, in the order of their refusal, the rules that the NAT id pool refused. Stops when no id is free, or at
+   // the first that is refused again, which goes to the end. Returns how many were handed over.
+   std::size_t retryRefused();
+
+   // Nothing is outstanding in any table, refused removals included: drops each status that was not written for the
+   // entry last handed over.
+   void atRest();
+
+   // Rules marked refused now, and range errors caught since the start.
+   std::size_t refusedCount() const;
+   U64 rangeErrorCount() const;
+
+   static Vexa::TypeData const & classType();
+
+ protected:
+   NatBaseProgrammerSm( NatProgrammerConfig::PtrConst config, NatProgrammerStatus::Ptr status );
+
+ private:
+   // What was handed over, and what was refused, per kind of rule.
+   struct Memory;
+
+   void handleTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & configured );
+
+   void on_staticEntry( NatProgrammerStaticKey const & key, NatProgrammerStaticEntry::PtrConst const * previous,
+                        NatProgrammerStaticEntry::PtrConst const * current );
+   void on_twiceEntry( NatProgrammerTwiceKey const & key, NatProgrammerTwiceEntry::PtrConst const * previous,
+                       NatProgrammerTwiceEntry::PtrConst const * current );
+   void on_dynamicEntry( NatProgrammerDynamicKey const & key, NatProgrammerDynamicEntry::PtrConst const * previous,
+                         NatProgrammerDynamicEntry::PtrConst const * current );
+   void on_trapEntry( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const * previous,
+                      NatProgrammerTrapEntry::PtrConst const * current );
+   void on_vlanProfile( U16 const & vlanId, U16 const * previous, U16 const * current );
+
+   NatProgrammerConfig::PtrConst natProgrammerConfig_;
+   NatProgrammerStatus::Ptr natProgrammerStatus_;
+   NatVlanProfileConfig::PtrConst natVlanProfileConfig_;
+   NatIdInfo::PtrConst natIdPool_;
+   Mode mode_ = Mode::interfaces;
+   bool replayed_ = false;
+   std::unique_ptr< Memory > memory_;
+
+   // Last, so that they go first.
+   Vexa::Reactor< NatBaseProgrammerSm, NatProgrammerConfig::StaticEntries, &NatBaseProgrammerSm::on_staticEntry >
+      staticReactor_;
+   Vexa::Reactor< NatBaseProgrammerSm, NatProgrammerConfig::TwiceEntries, &NatBaseProgrammerSm::on_twiceEntry >
+      twiceReactor_;
+   Vexa::Reactor< NatBaseProgrammerSm, NatProgrammerConfig::DynamicEntries, &NatBaseProgrammerSm::on_dynamicEntry >
+      dynamicReactor_;
+   Vexa::Reactor< NatBaseProgrammerSm, NatProgrammerConfig::TrapEntries, &NatBaseProgrammerSm::on_trapEntry >
+      trapReactor_;
+   Vexa::Reactor< NatBaseProgrammerSm, NatVlanProfileConfig::Profiles, &NatBaseProgrammerSm::on_vlanProfile >
+      profileReactor_;
+};
+
+}  // namespace Pfe

@@ -1,0 +1,199 @@
+// The base programmer's memory of one kind of rule: what it handed over, what was refused, whose status may be stale.
+#pragma once
+
+#include <Pfe/NatBaseProgrammerSm.h>
+#include <Trace/Trace.h>
+#include <Vexa/Exception.h>
+#include <Vexa/HashMap.h>
+
+#include <map>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace Pfe {
+
+// Refusals of all kinds of rules, in one order.
+struct Refusals {
+   using Key = std::variant< NatProgrammerStaticKey, NatProgrammerTwiceKey, NatProgrammerDynamicKey >;
+
+   void countRangeError( std::string const & rule, Vexa::RangeException const & error ) {
+      ++rangeErrors;
+      TRACE( traceHandle(), 2, "range error, rule: ", rule, ", error: ", error.what() );
+   }
+   static Trace::Handle const & traceHandle() {
+      static Trace::Handle const handle( "NatBaseProgrammerSm" );
+      return handle;
+   }
+
+   U64 rangeErrors = 0;
+   U64 refused = 0;                // numbers them
+   std::map< U64, Key > poolKeys;  // what the NAT id pool refused, by number
+};
+
+// `Rule` gives Key, Entry, two hash constants, the operations (add, update, del), and of the status find, set and drop.
+template< class Rule > class RuleMemory {
+ public:
+   using Key = typename Rule::Key;
+   using EntryPtr = typename Rule::Entry::PtrConst;
+   using Mode = NatBaseProgrammerSm::Mode;
+
+   RuleMemory( NatBaseProgrammerSm & programmer, Refusals & refusals )
+       : programmer_( programmer ), refusals_( refusals ) {}
+
+   std::size_t refusedCount() const { return refused_.count(); }
+
+   // Hands over what `key` is configured as; null: it is not configured any more.
+   void handle( Key const & key, EntryPtr const & configured ) {
+      if ( refused_.count() != 0 && unmark( key ) ) {
+         if ( configured ) {
+            changed_.push_back( key );
+            remembered_.is( key, configured );
+            run( &Rule::add, key, configured );
+         } else {
+            Rule::statusDel( programmer_, key );
+         }
+         return;
+      }
+      if ( !configured ) {
+         forget( key );
+         return;
+      }
+      auto const [ known, isNew ] = remembered_.refOrEmplace( key );
+      auto const previous = known;
+      if ( !isNew && configured != previous ) {
+         changed_.push_back( key );
+      }
+      bool const sameRows = !isNew && previous->derivesSameRows( *configured );
+      if ( !isNew && !sameRows ) {
+         takeBack( key, previous );
+      }
+      known = configured;
+      run( sameRows ? &Rule::update : &Rule::add, key, configured );
+   }
+
+   // Hands a refused key over again; false when it is refused again.
+   bool retry( Key const & key, EntryPtr const & configured ) {
+      handle( key, configured );
+      return !refused_.has( key );
+   }
+
+   void statusAdd( Key const & key, EntryPtr const & entry, PfeHelper::NatHwResult result ) {
+      if ( isRefused( key ) ) {
+         return;
+      }
+      auto const * const known = remembered_.find( key );
+      if ( !known || *known == entry ) {
+         Rule::statusIs( programmer_, key, { result, entry } );
+      }
+   }
+
+   void statusDel( Key const & key, EntryPtr const & entry ) {
+      if ( isRefused( key ) ) {
+         return;
+      }
+      auto const * const known = remembered_.find( key );
+      if ( known && *known != entry ) {
+         auto const * const status = Rule::status( programmer_, key );
+         if ( status && status->entry == *known ) {
+            return;
+         }
+      }
+      Rule::statusDel( programmer_, key );
+   }
+
+   void dropStaleStatus() {
+      for ( auto const & key : changed_ ) {
+         if ( auto const * const status = Rule::status( programmer_, key ); status && isStale( key, *status ) ) {
+            Rule::statusDel( programmer_, key );
+         }
+      }
+      changed_.clear();
+   }
+
+   void nameStaleStatus( std::vector< std::string > & names ) const {
+      for ( auto const & [ key, status ] : Rule::allStatus( programmer_ ) ) {
+         if ( isStale( key, status ) ) {
+            names.push_back( Vexa::stringOf( key ) );
+         }
+      }
+   }
+
+ private:
+   using Operation = void ( * )( NatBaseProgrammerSm &, Key const &, EntryPtr const & );
+
+   bool isRefused( Key const & key ) const { return refused_.count() != 0 && refused_.has( key ); }
+
+   bool isStale( Key const & key, typename Rule::Status const & status ) const {
+      auto const * const known = remembered_.find( key );
+      return !isRefused( key ) && ( !known || *known != status.entry );
+   }
+
+   // Removes the mark of a refused key; false when it has none.
+   bool unmark( Key const & key ) {
+      auto const * const number = refused_.find( key );
+      if ( !number ) {
+         return false;
+      }
+      refusals_.poolKeys.erase( *number );
+      refused_.del( key );
+      return true;
+   }
+
+   void forget( Key const & key ) {
+      if ( auto const * const known = remembered_.find( key ) ) {
+         EntryPtr const previous = *known;
+         changed_.push_back( key );
+         takeBack( key, previous );
+         remembered_.del( key );
+      }
+   }
+
+   // Hands over an entry that is remembered already.
+   void run( Operation operation, Key const & key, EntryPtr const & entry ) {
+      try {
+         operation( programmer_, key, entry );
+      } catch ( Vexa::RangeException const & error ) {
+         refusals_.countRangeError( Vexa::stringOf( key ), error );
+         if ( programmer_.programmerMode() == Mode::tables ) {
+            refuse( key, entry, error );
+         } else if ( operation == &Rule::add ) {
+            remembered_.del( key );
+         }
+      }
+   }
+
+   void takeBack( Key const & key, EntryPtr const & entry ) {
+      try {
+         Rule::del( programmer_, key, entry );
+      } catch ( Vexa::RangeException const & error ) {
+         refusals_.countRangeError( Vexa::stringOf( key ), error );
+      }
+   }
+
+   // Undoes what a raised add or update left, and marks the key: from here on its status says failed.
+   void refuse( Key const & key, EntryPtr const & entry, Vexa::RangeException const & error ) {
+      try {
+         Rule::del( programmer_, key, entry );
+      } catch ( Vexa::RangeException const & ) {
+         // Raised for the same reason; there is nothing to undo from there on.
+      }
+      remembered_.del( key );
+      changed_.push_back( key );
+      auto const number = ++refusals_.refused;
+      refused_.is( key, number );
+      if ( error.what() == std::string_view( NatId::rangeError ) ) {
+         refusals_.poolKeys.emplace( number, key );
+      }
+      Rule::statusIs( programmer_, key, { PfeHelper::NatHwResult::failed, entry } );
+   }
+
+   NatBaseProgrammerSm & programmer_;
+   Refusals & refusals_;
+   Vexa::HashMap< Key, EntryPtr, Rule::rememberedConstant > remembered_;
+   Vexa::HashMap< Key, U64, Rule::refusedConstant > refused_;  // with the number of the refusal
+   std::vector< Key > changed_;  // since the last rest, with a status that may be stale
+};
+
+}  // namespace Pfe
