@@ -15,6 +15,7 @@ namespace {
 
 U32 hashOfText( std::string_view text ) {
    Vexa::Hash hash( 0 );
+   hash.mix( static_cast< U32 >( text.size() ) );  // the last step is filled up with zeros, which the text may hold too
    for ( ; !text.empty(); text.remove_prefix( std::min< std::size_t >( text.size(), 4 ) ) ) {
       U32 step = 0;
       std::memcpy( &step, text.data(), std::min< std::size_t >( text.size(), 4 ) );

@@ -22,8 +22,8 @@ template< class Key, U32 seedConstant > struct KeyHash {
 };
 
 // Is told of every change of one key of a map, after it, with the values that the key had before and has now (null:
-// none). Both last for the call, `current` until the map changes again. The map must outlive the watching, or the
-// watcher be taken off first.
+// none). `key` and `previous` last for the call, `current` until the map changes again. The map must outlive the
+// watching, or the watcher be taken off first.
 template< class Key, class Value > class KeyWatcher {
  public:
    KeyWatcher() = default;
@@ -68,7 +68,7 @@ template< class Key, class Value, U32 seedConstant > class HashMap {
       }
       auto const [ place, inserted ] = entries_.try_emplace( key );
       auto const previous = std::exchange( place->second, std::move( value ) );
-      tell( place->first, inserted ? nullptr : &previous, &place->second );
+      tell( key, inserted ? nullptr : &previous, &place->second );
    }
 
    // The value under `key`, inserted as the type's default when absent, and whether that happened. Tells nobody.
@@ -113,12 +113,13 @@ template< class Key, class Value, U32 seedConstant > class HashMap {
    void watcherDel( Watcher & watcher ) const { std::erase( watchers_, &watcher ); }
 
  private:
-   // A watcher may take itself off while it is told.
+   // A watcher may take itself off while it is told, and may change the map: the next one is told the value of then.
    void tell( Key const & key, Value const * previous, Value const * current ) {
       for ( std::size_t i = 0; i < watchers_.size(); ) {
          auto * const watcher = watchers_[ i ];
          watcher->onKey( key, previous, current );
          i += i < watchers_.size() && watchers_[ i ] == watcher;
+         current = i < watchers_.size() ? std::as_const( *this ).find( key ) : nullptr;
       }
    }
 
@@ -131,8 +132,12 @@ template< class Key, U32 seedConstant > class HashSet {
  public:
    HashSet() = default;
    HashSet( HashSet const & other ) { *this = other; }
-   HashSet( HashSet && ) noexcept = default;
-   HashSet & operator=( HashSet && ) noexcept = default;
+   // The set moved from is empty.
+   HashSet( HashSet && other ) noexcept : held_( std::exchange( other.held_, std::monostate{} ) ) {}
+   HashSet & operator=( HashSet && other ) noexcept {
+      held_ = std::exchange( other.held_, std::monostate{} );
+      return *this;
+   }
    HashSet & operator=( HashSet const & other ) {
       if ( auto const * const table = other.table() ) {
          held_ = std::make_unique< Table >( *table );
