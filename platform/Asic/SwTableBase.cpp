@@ -2,6 +2,7 @@
 
 #include <Asic/Hardware.h>
 #include <Vexa/Assert.h>
+#include <Vexa/Type.h>
 
 #include <utility>
 
@@ -261,6 +262,11 @@ void Hardware::retryFailed() {
       retry.row->state_ = EntryState::pending;
       queue( *retry.row, retry.row->newest, Operation::Kind::write );
    }
+}
+
+Vexa::TypeData const & Hardware::typeData() const {
+   static constexpr Vexa::TypeData type{ .name = "Asic::Hardware" };
+   return type;
 }
 
 }  // namespace Asic
