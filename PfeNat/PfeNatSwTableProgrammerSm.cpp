@@ -41,8 +41,9 @@ NatSwTableProgrammerSm::NatSwTableProgrammerSm( NatProgrammerConfig::PtrConst co
                                                 NatProgrammerStatus::Ptr const & natProgrammerStatus,
                                                 Ip::Nat::HwCapabilities::PtrConst const & hwCapabilities,
                                                 NatIdInfo::Ptr const & natIdInfo )
-    : NatBaseProgrammerSm( natProgrammerConfig, natProgrammerStatus ), hwCapabilities_( hwCapabilities ),
-      natIdInfo_( natIdInfo ) {}
+   : NatBaseProgrammerSm( natProgrammerConfig, natProgrammerStatus ),
+     hwCapabilities_( hwCapabilities ),
+     natIdInfo_( natIdInfo ) {}
 
 NatSwTableProgrammerSm::~NatSwTableProgrammerSm() {
    hasNotificationActiveIs( false );
@@ -83,9 +84,7 @@ NatIdManager::Ptr NatSwTableProgrammerSm::natIdManagerIs( NatIdInfo::Ptr const &
    return natIdManager_;
 }
 
-NatIdManager::Ptr NatSwTableProgrammerSm::natIdManagerDel() {
-   return std::exchange( natIdManager_, nullptr );
-}
+NatIdManager::Ptr NatSwTableProgrammerSm::natIdManagerDel() { return std::exchange( natIdManager_, nullptr ); }
 
 void NatSwTableProgrammerSm::initializedIs( bool v ) {
    if ( v != initialized_ ) {
@@ -139,20 +138,25 @@ Vexa::TypeData const & NatSwTableProgrammerSm::classType() {
       Vexa::readOnlyAttribute< Entity, &Sm::hwCapabilities >( "hwCapabilities" ),
       Vexa::readOnlyAttribute< Entity, &Sm::natIdInfo >( "natIdInfo" ),
       Vexa::attribute< Entity, &Sm::aclNameIdTable, &Sm::aclNameIdTableIs >( "aclNameIdTable" ),
-      Vexa::attribute< Entity, &Sm::egrSourceNatUcRewriteTable, &Sm::egrSourceNatUcRewriteTableIs >( "egrSourceNatUcRewriteTable" ),
-      Vexa::attribute< Entity, &Sm::egrDestinationNatUcRewriteTable, &Sm::egrDestinationNatUcRewriteTableIs >( "egrDestinationNatUcRewriteTable" ),
+      Vexa::attribute< Entity, &Sm::egrSourceNatUcRewriteTable, &Sm::egrSourceNatUcRewriteTableIs >(
+         "egrSourceNatUcRewriteTable" ),
+      Vexa::attribute< Entity, &Sm::egrDestinationNatUcRewriteTable, &Sm::egrDestinationNatUcRewriteTableIs >(
+         "egrDestinationNatUcRewriteTable" ),
       Vexa::attribute< Entity, &Sm::egrNatMcRewriteTable, &Sm::egrNatMcRewriteTableIs >( "egrNatMcRewriteTable" ),
       Vexa::attribute< Entity, &Sm::ingStaticNatTable, &Sm::ingStaticNatTableIs >( "ingStaticNatTable" ),
       Vexa::attribute< Entity, &Sm::ingTwiceNatTable, &Sm::ingTwiceNatTableIs >( "ingTwiceNatTable" ),
       Vexa::attribute< Entity, &Sm::ingDynamicSnaptTable, &Sm::ingDynamicSnaptTableIs >( "ingDynamicSnaptTable" ),
       Vexa::attribute< Entity, &Sm::ingDynamicDnaptTable, &Sm::ingDynamicDnaptTableIs >( "ingDynamicDnaptTable" ),
-      Vexa::attribute< Entity, &Sm::ingDynamicSnatAddrOnlyTable, &Sm::ingDynamicSnatAddrOnlyTableIs >( "ingDynamicSnatAddrOnlyTable" ),
-      Vexa::attribute< Entity, &Sm::ingDynamicDnatAddrOnlyTable, &Sm::ingDynamicDnatAddrOnlyTableIs >( "ingDynamicDnatAddrOnlyTable" ),
+      Vexa::attribute< Entity, &Sm::ingDynamicSnatAddrOnlyTable, &Sm::ingDynamicSnatAddrOnlyTableIs >(
+         "ingDynamicSnatAddrOnlyTable" ),
+      Vexa::attribute< Entity, &Sm::ingDynamicDnatAddrOnlyTable, &Sm::ingDynamicDnatAddrOnlyTableIs >(
+         "ingDynamicDnatAddrOnlyTable" ),
       Vexa::attribute< Entity, &Sm::natTrapConfig, &Sm::natTrapConfigIs >( "natTrapConfig" ),
       Vexa::attribute< Entity, &Sm::natProfileConfig, &Sm::natProfileConfigIs >( "natProfileConfig" ),
       Vexa::instantiatingAttribute< Entity, &Sm::natIdManager, &Sm::natIdManagerIs >( "natIdManager" ),
       Vexa::attribute< Entity, &Sm::mcastProgrammerHelper, &Sm::mcastProgrammerHelperIs >( "mcastProgrammerHelper" ),
-      Vexa::attribute< Entity, &Sm::dynamicNatProgrammerHelper, &Sm::dynamicNatProgrammerHelperIs >( "dynamicNatProgrammerHelper" ),
+      Vexa::attribute< Entity, &Sm::dynamicNatProgrammerHelper, &Sm::dynamicNatProgrammerHelperIs >(
+         "dynamicNatProgrammerHelper" ),
       Vexa::methodAttribute< Entity, &Sm::staticNatMatchKey >( "staticNatMatchKey" ),
       Vexa::methodAttribute< Entity, &Sm::twiceNatMatchKey >( "twiceNatMatchKey" ),
       Vexa::methodAttribute< Entity, &Sm::deleteAllConnections >( "deleteAllConnections" ),

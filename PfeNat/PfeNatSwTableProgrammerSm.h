@@ -33,8 +33,7 @@ class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
 
    NatSwTableProgrammerSm( NatProgrammerConfig::PtrConst const & natProgrammerConfig,
                            NatProgrammerStatus::Ptr const & natProgrammerStatus,
-                           Ip::Nat::HwCapabilities::PtrConst const & hwCapabilities,
-                           NatIdInfo::Ptr const & natIdInfo );
+                           Ip::Nat::HwCapabilities::PtrConst const & hwCapabilities, NatIdInfo::Ptr const & natIdInfo );
    ~NatSwTableProgrammerSm() override;
 
    // --- Attributes ---------------------------------------------------------------------------------------------------
@@ -48,10 +47,18 @@ class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
    // the rules that use them. Null until set.
    Orla::Ptr< NatAclNameIdTable > const & aclNameIdTable() const { return aclNameIdTable_; }
    void aclNameIdTableIs( Orla::Ptr< NatAclNameIdTable > const & v ) { aclNameIdTable_ = v; }
-   Orla::Ptr< EgrSourceNatUcRewriteTable > const & egrSourceNatUcRewriteTable() const { return egrSourceNatUcRewriteTable_; }
-   void egrSourceNatUcRewriteTableIs( Orla::Ptr< EgrSourceNatUcRewriteTable > const & v ) { egrSourceNatUcRewriteTable_ = v; }
-   Orla::Ptr< EgrDestinationNatUcRewriteTable > const & egrDestinationNatUcRewriteTable() const { return egrDestinationNatUcRewriteTable_; }
-   void egrDestinationNatUcRewriteTableIs( Orla::Ptr< EgrDestinationNatUcRewriteTable > const & v ) { egrDestinationNatUcRewriteTable_ = v; }
+   Orla::Ptr< EgrSourceNatUcRewriteTable > const & egrSourceNatUcRewriteTable() const {
+      return egrSourceNatUcRewriteTable_;
+   }
+   void egrSourceNatUcRewriteTableIs( Orla::Ptr< EgrSourceNatUcRewriteTable > const & v ) {
+      egrSourceNatUcRewriteTable_ = v;
+   }
+   Orla::Ptr< EgrDestinationNatUcRewriteTable > const & egrDestinationNatUcRewriteTable() const {
+      return egrDestinationNatUcRewriteTable_;
+   }
+   void egrDestinationNatUcRewriteTableIs( Orla::Ptr< EgrDestinationNatUcRewriteTable > const & v ) {
+      egrDestinationNatUcRewriteTable_ = v;
+   }
    Orla::Ptr< EgrNatMcRewriteTable > const & egrNatMcRewriteTable() const { return egrNatMcRewriteTable_; }
    void egrNatMcRewriteTableIs( Orla::Ptr< EgrNatMcRewriteTable > const & v ) { egrNatMcRewriteTable_ = v; }
    Orla::Ptr< IngStaticNatTable > const & ingStaticNatTable() const { return ingStaticNatTable_; }
@@ -62,18 +69,30 @@ class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
    void ingDynamicSnaptTableIs( Orla::Ptr< IngDynamicSnaptTable > const & v ) { ingDynamicSnaptTable_ = v; }
    Orla::Ptr< IngDynamicDnaptTable > const & ingDynamicDnaptTable() const { return ingDynamicDnaptTable_; }
    void ingDynamicDnaptTableIs( Orla::Ptr< IngDynamicDnaptTable > const & v ) { ingDynamicDnaptTable_ = v; }
-   Orla::Ptr< IngDynamicSnatAddrOnlyTable > const & ingDynamicSnatAddrOnlyTable() const { return ingDynamicSnatAddrOnlyTable_; }
-   void ingDynamicSnatAddrOnlyTableIs( Orla::Ptr< IngDynamicSnatAddrOnlyTable > const & v ) { ingDynamicSnatAddrOnlyTable_ = v; }
-   Orla::Ptr< IngDynamicDnatAddrOnlyTable > const & ingDynamicDnatAddrOnlyTable() const { return ingDynamicDnatAddrOnlyTable_; }
-   void ingDynamicDnatAddrOnlyTableIs( Orla::Ptr< IngDynamicDnatAddrOnlyTable > const & v ) { ingDynamicDnatAddrOnlyTable_ = v; }
+   Orla::Ptr< IngDynamicSnatAddrOnlyTable > const & ingDynamicSnatAddrOnlyTable() const {
+      return ingDynamicSnatAddrOnlyTable_;
+   }
+   void ingDynamicSnatAddrOnlyTableIs( Orla::Ptr< IngDynamicSnatAddrOnlyTable > const & v ) {
+      ingDynamicSnatAddrOnlyTable_ = v;
+   }
+   Orla::Ptr< IngDynamicDnatAddrOnlyTable > const & ingDynamicDnatAddrOnlyTable() const {
+      return ingDynamicDnatAddrOnlyTable_;
+   }
+   void ingDynamicDnatAddrOnlyTableIs( Orla::Ptr< IngDynamicDnatAddrOnlyTable > const & v ) {
+      ingDynamicDnatAddrOnlyTable_ = v;
+   }
    Orla::Ptr< NatTrapConfig > const & natTrapConfig() const { return natTrapConfig_; }
    void natTrapConfigIs( Orla::Ptr< NatTrapConfig > const & v ) { natTrapConfig_ = v; }
    Orla::Ptr< NatProfileConfig > const & natProfileConfig() const { return natProfileConfig_; }
    void natProfileConfigIs( Orla::Ptr< NatProfileConfig > const & v ) { natProfileConfig_ = v; }
    Orla::Ptr< NatMcastProgrammerHelper > const & mcastProgrammerHelper() const { return mcastProgrammerHelper_; }
    void mcastProgrammerHelperIs( Orla::Ptr< NatMcastProgrammerHelper > const & v ) { mcastProgrammerHelper_ = v; }
-   Orla::Ptr< DynamicNatProgrammerHelper > const & dynamicNatProgrammerHelper() const { return dynamicNatProgrammerHelper_; }
-   void dynamicNatProgrammerHelperIs( Orla::Ptr< DynamicNatProgrammerHelper > const & v ) { dynamicNatProgrammerHelper_ = v; }
+   Orla::Ptr< DynamicNatProgrammerHelper > const & dynamicNatProgrammerHelper() const {
+      return dynamicNatProgrammerHelper_;
+   }
+   void dynamicNatProgrammerHelperIs( Orla::Ptr< DynamicNatProgrammerHelper > const & v ) {
+      dynamicNatProgrammerHelper_ = v;
+   }
 
    NatIdManager::Ptr const & natIdManager() const { return natIdManager_; }
    // The manager for that NAT id state: the present one if it was built on it, else a new one.

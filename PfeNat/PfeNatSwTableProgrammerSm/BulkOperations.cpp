@@ -37,15 +37,12 @@ void NatSwTableProgrammerSm::deleteAllConnections() {
    Trace::RingTrace::defaultHandle().message( "deleteAllConnections", ", start to clean up." );
    TRACE( traceHandle(), 8, "deleteAllConnections", ", start to clean up." );
    auto const & config = *natProgrammerConfig();
-   config.staticEntry().forEach( [ & ]( auto const & key, auto const & entry ) {
-      guarded( [ & ] { deleteStaticConnection( key, entry ); } );
-   } );
-   config.twiceEntry().forEach( [ & ]( auto const & key, auto const & entry ) {
-      guarded( [ & ] { deleteTwiceConnection( key, entry ); } );
-   } );
-   config.dynamicEntry().forEach( [ & ]( auto const & key, auto const & entry ) {
-      guarded( [ & ] { deleteDynamicConnection( key, entry ); } );
-   } );
+   config.staticEntry().forEach(
+      [ & ]( auto const & key, auto const & entry ) { guarded( [ & ] { deleteStaticConnection( key, entry ); } ); } );
+   config.twiceEntry().forEach(
+      [ & ]( auto const & key, auto const & entry ) { guarded( [ & ] { deleteTwiceConnection( key, entry ); } ); } );
+   config.dynamicEntry().forEach(
+      [ & ]( auto const & key, auto const & entry ) { guarded( [ & ] { deleteDynamicConnection( key, entry ); } ); } );
    config.trapEntry().forEach(
       [ & ]( auto const & key, auto const & entry ) { guarded( [ & ] { deleteTrap( key, entry ); } ); } );
 }

@@ -15,8 +15,7 @@ namespace Pfe {
 
 // Gives the entry what it refers to on the egress side. False for a multicast translation that the chip can not do:
 // then nothing was written and no NAT id taken.
-template< class Rule >
-bool takeEgress( RuleContext< Rule > const & rule, typename Rule::Table::Entry & ingEntry ) {
+template< class Rule > bool takeEgress( RuleContext< Rule > const & rule, typename Rule::Table::Entry & ingEntry ) {
    auto & programmer = *rule.programmer;
    auto const & helper = programmer.mcastProgrammerHelper();
    bool const replicates = rule.mcast && helper;
@@ -28,8 +27,8 @@ bool takeEgress( RuleContext< Rule > const & rule, typename Rule::Table::Entry &
       egressRewritesIs( programmer, ingEntry,
                         Rule::egrMcastEntry( *helper, rule.key, rule.entry, rule.matchKey, natId ) );
    } else {
-      egressRewriteIs( programmer, ingEntry, Rule::rewriteSide( rule.ingKey ),
-                       { natId, rule.entry->intfQualifier() }, Rule::rewrite( rule.ingKey ) );
+      egressRewriteIs( programmer, ingEntry, Rule::rewriteSide( rule.ingKey ), { natId, rule.entry->intfQualifier() },
+                       Rule::rewrite( rule.ingKey ) );
    }
    return true;
 }
@@ -37,11 +36,10 @@ bool takeEgress( RuleContext< Rule > const & rule, typename Rule::Table::Entry &
 // Programs the entry for `ingKey` and returns its handle; `fragHdl` is that of the fragment twin, or dontCareHandle.
 // A rejected multicast translation gets result 5 instead, and returns dontCareHandle.
 template< class Rule >
-Asic::EntryHandle::PtrConst programRule( NatSwTableProgrammerSm & programmer, typename Rule::ProgrammerKey const & key,
-                                         typename Rule::ProgrammerEntry::PtrConst const & entry,
-                                         typename Rule::Table::Key const & ingKey,
-                                         DependentKeys< Rule > const & dependentKeys,
-                                         Asic::EntryHandle::PtrConst const & fragHdl ) {
+Asic::EntryHandle::PtrConst
+programRule( NatSwTableProgrammerSm & programmer, typename Rule::ProgrammerKey const & key,
+             typename Rule::ProgrammerEntry::PtrConst const & entry, typename Rule::Table::Key const & ingKey,
+             DependentKeys< Rule > const & dependentKeys, Asic::EntryHandle::PtrConst const & fragHdl ) {
    Rule::traceProgram( ingKey );
    RuleContext< Rule > rule{ .programmer = NatSwTableProgrammerSm::Ptr( &programmer ),
                              .key = key,
@@ -81,7 +79,8 @@ void programDirection( NatSwTableProgrammerSm & programmer, typename Rule::Progr
                        DependentKeys< Rule > const & dependentKeys ) {
    auto fragHdl = dontCareHandle;
    if ( programmer.natProgrammerConfig()->fragmentationEnabled() && Rule::matchesPort( ingKey ) ) {
-      fragHdl = programRule< Rule >( programmer, key, entry, Rule::fragmentKey( ingKey ), dependentKeys, dontCareHandle );
+      fragHdl =
+         programRule< Rule >( programmer, key, entry, Rule::fragmentKey( ingKey ), dependentKeys, dontCareHandle );
    }
    programRule< Rule >( programmer, key, entry, ingKey, dependentKeys, fragHdl );
 }

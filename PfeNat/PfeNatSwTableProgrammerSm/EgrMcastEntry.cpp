@@ -15,8 +15,8 @@ template< class T > T parsedAttribute( Vexa::CharRange & text, char const * name
 
 void requireIndex( unsigned int index, std::size_t count ) {
    if ( index >= count ) {
-      throw Vexa::VectorOutOfRangeException( "Pfe::EgrMcastEntry::entry: index " + std::to_string( index ) +
-                                             " of " + std::to_string( count ) );
+      throw Vexa::VectorOutOfRangeException( "Pfe::EgrMcastEntry::entry: index " + std::to_string( index ) + " of " +
+                                             std::to_string( count ) );
    }
 }
 

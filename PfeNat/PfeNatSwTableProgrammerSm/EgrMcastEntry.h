@@ -17,7 +17,7 @@ class EgrMcastEntry {
     public:
       EgrMcastInfo() = default;
       EgrMcastInfo( EgrNatMcRewriteTable::Key const & key, EgrNatMcRewriteTable::Entry const & entry )
-          : key_( key ), entry_( entry ) {}
+         : key_( key ), entry_( entry ) {}
       explicit EgrMcastInfo( Vexa::CharRange & text );
 
       EgrNatMcRewriteTable::Key const & key() const { return key_; }

@@ -22,6 +22,19 @@ struct ResponseTexts {
    char const * fragmentFailed;
 };
 
+inline constexpr ResponseTexts configuredRuleTexts{ .normalAdded = "Add normal entry success response",
+                                                    .normalDeleted = "Delete normal entry success response",
+                                                    .normalFailed = "Normal entry failure response",
+                                                    .fragmentAdded = "Add fragment entry success response",
+                                                    .fragmentDeleted = "Delete fragment entry success response",
+                                                    .fragmentFailed = "Fragment entry failure response" };
+inline constexpr ResponseTexts learnedRuleTexts{ .normalAdded = "Add normal entry response",
+                                                 .normalDeleted = "Delete normal entry response",
+                                                 .normalFailed = "Normal entry failure response",
+                                                 .fragmentAdded = "Add fragment entry response",
+                                                 .fragmentDeleted = "Delete fragment entry response",
+                                                 .fragmentFailed = "Fragment entry failure response" };
+
 // The other ingress keys of a connection, which must settle too before it counts as programmed.
 template< class Rule > using DependentKeys = Vexa::InlineList< typename Rule::DependentTable::Key, 1 >;
 
@@ -56,18 +69,14 @@ template< class Rule > struct NormalEntryResponse {
 
    void operator()( Asic::EntryState state ) const {
       switch ( state ) {
-      case Asic::EntryState::pending:
-         return;
-      case Asic::EntryState::settled:
-         rule.isPresent() ? added() : deleted();
-         return;
+      case Asic::EntryState::pending: return;
+      case Asic::EntryState::settled: rule.isPresent() ? added() : deleted(); return;
       case Asic::EntryState::failed:
       case Asic::EntryState::full:
          TRACE( traceHandle(), 6, Rule::texts.normalFailed );
          Rule::addStatus( *rule.programmer, rule.key, rule.entry, PfeHelper::NatHwResult::failed );
          return;
-      case Asic::EntryState::none:
-         break;
+      case Asic::EntryState::none: break;
       }
       VEXA_ASSERT( false && "unknown entryState" );
    }
@@ -98,8 +107,7 @@ template< class Rule > struct FragmentEntryResponse {
 
    void operator()( Asic::EntryState state ) const {
       switch ( state ) {
-      case Asic::EntryState::pending:
-         return;
+      case Asic::EntryState::pending: return;
       case Asic::EntryState::settled:
          if ( rule.isPresent() ) {
             TRACE( traceHandle(), 6, Rule::texts.fragmentAdded );
@@ -109,11 +117,8 @@ template< class Rule > struct FragmentEntryResponse {
          }
          return;
       case Asic::EntryState::failed:
-      case Asic::EntryState::full:
-         TRACE( traceHandle(), 6, Rule::texts.fragmentFailed );
-         return;
-      case Asic::EntryState::none:
-         break;
+      case Asic::EntryState::full: TRACE( traceHandle(), 6, Rule::texts.fragmentFailed ); return;
+      case Asic::EntryState::none: break;
       }
       VEXA_ASSERT( false && "unknown entryState" );
    }

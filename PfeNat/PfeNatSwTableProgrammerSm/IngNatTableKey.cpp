@@ -29,9 +29,7 @@ IngKeySet::IngKeySet( Vexa::CharRange & ) {
    VEXA_ASSERT( "No String constructor for IngKeySet - has collection" == nullptr );
 }
 
-U32 IngKeySet::hash( U32 ) const {
-   throw Vexa::UnhashableTypeException( "Pfe::IngKeySet can not be hashed" );
-}
+U32 IngKeySet::hash( U32 ) const { throw Vexa::UnhashableTypeException( "Pfe::IngKeySet can not be hashed" ); }
 
 std::ostream & operator<<( std::ostream & out, IngKeySet const & set ) {
    std::set< IngNatTableKey > ordered;

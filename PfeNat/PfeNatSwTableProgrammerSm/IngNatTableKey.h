@@ -18,17 +18,19 @@ namespace [[gnu::visibility( "default" )]] Pfe {
 struct IngNatTableKeyNames {
    static constexpr std::string_view typeName = "Pfe::IngNatTableKey";
    static constexpr std::string_view shortName = "IngNatTableKey";
-   static constexpr std::array< std::string_view, 6 > alternativeName{
-      "staticKey",       "twiceKey", "dynamicSnaptKey", "dynamicDnaptKey", "dynamicSnatAddrOnlyKey",
-      "dynamicDnatAddrOnlyKey" };
+   static constexpr std::array< std::string_view, 6 > alternativeName{ "staticKey",
+                                                                       "twiceKey",
+                                                                       "dynamicSnaptKey",
+                                                                       "dynamicDnaptKey",
+                                                                       "dynamicSnatAddrOnlyKey",
+                                                                       "dynamicDnatAddrOnlyKey" };
 };
 
 // A key of exactly one ingress table. The order of the alternatives decides tag, comparison and attribute ids.
 // The default is a default static key, which counts as not set.
-class IngNatTableKey
-    : public Vexa::Union< IngNatTableKeyNames, IngStaticNatTable::Key, IngTwiceNatTable::Key, IngDynamicSnaptTable::Key,
-                          IngDynamicDnaptTable::Key, IngDynamicSnatAddrOnlyTable::Key,
-                          IngDynamicDnatAddrOnlyTable::Key > {
+class IngNatTableKey : public Vexa::Union< IngNatTableKeyNames, IngStaticNatTable::Key, IngTwiceNatTable::Key,
+                                           IngDynamicSnaptTable::Key, IngDynamicDnaptTable::Key,
+                                           IngDynamicSnatAddrOnlyTable::Key, IngDynamicDnatAddrOnlyTable::Key > {
  public:
    using Union::Union;
    // Takes the text form from the front of the range. An unknown name of an alternative is a RangeException.

@@ -15,9 +15,7 @@ constexpr U32 lastNatIdBit = 65535;
 
 }  // namespace
 
-NatIdManager::NatIdManager( NatIdInfo::Ptr const & natIdInfo ) : natIdInfo_( natIdInfo ) {
-   handleInitialized();
-}
+NatIdManager::NatIdManager( NatIdInfo::Ptr const & natIdInfo ) : natIdInfo_( natIdInfo ) { handleInitialized(); }
 
 void NatIdManager::handleInitialized() {
    TRACE( traceHandle(), 6, "NatIdManager:: ", "handleInitialized" );

@@ -8,9 +8,7 @@ PfeNatProgrammerBaseHelper::PfeNatProgrammerBaseHelper( Orla::String const & nam
    skipDeferredProcessingOnInitIs( true );
 }
 
-bool PfeNatProgrammerBaseHelper::immediateCommit() const {
-   return true;
-}
+bool PfeNatProgrammerBaseHelper::immediateCommit() const { return true; }
 
 Vexa::TypeData const & PfeNatProgrammerBaseHelper::classType() {
    static constexpr Vexa::Attribute< Orla::Entity > attributes[] = {

@@ -14,25 +14,25 @@ namespace Pfe {
 template< class Key > void traceRequest( char const * operation, Key const & key ) {
    Netix::ShortName const natIntf{ key.natIntf };
    TRACE( traceHandle(), 6, operation, ", natIntf: ", natIntf, ", key: ", key.key.stringValue() );
-   Trace::RingTrace::defaultHandle().message( "NatSwTableProgrammerSm::", operation, ", natIntf: ", natIntf, ", key: ",
-                                              key.key );
+   Trace::RingTrace::defaultHandle().message( "NatSwTableProgrammerSm::", operation, ", natIntf: ", natIntf,
+                                              ", key: ", key.key );
 }
 
 // Traps differ in the form of the interface.
 inline void traceTrapRequest( char const * operation, NatProgrammerTrapKey const & key ) {
    TRACE( traceHandle(), 6, operation, ", natIntf: ", key.natIntf, ", key: ", key.key.stringValue() );
-   Trace::RingTrace::defaultHandle().message( "NatSwTableProgrammerSm::", operation, ", natIntf: ",
-                                              Netix::ShortName{ key.natIntf }, ", key: ", key.key );
+   Trace::RingTrace::defaultHandle().message( "NatSwTableProgrammerSm::", operation,
+                                              ", natIntf: ", Netix::ShortName{ key.natIntf }, ", key: ", key.key );
 }
 
 // Dynamic requests are traced at a level of their own, with what the connection is translated to.
 inline void traceDynamicRequest( U8 level, char const * operation, NatProgrammerDynamicKey const & key,
                                  NatProgrammerDynamicEntry const & entry ) {
-   TRACE( traceHandle(), level, operation, ", natIntf: ", key.natIntf, ", conn: ", key.conn, ", global: ",
-          entry.global(), ", target: ", entry.connection().target );
-   Trace::RingTrace::defaultHandle().message( "NatSwTableProgrammerSm::", operation, ", natIntf: ",
-                                              Netix::ShortName{ key.natIntf }, ", key: ", key.conn, ", addr: ",
-                                              entry.global() );
+   TRACE( traceHandle(), level, operation, ", natIntf: ", key.natIntf, ", conn: ", key.conn,
+          ", global: ", entry.global(), ", target: ", entry.connection().target );
+   Trace::RingTrace::defaultHandle().message( "NatSwTableProgrammerSm::", operation,
+                                              ", natIntf: ", Netix::ShortName{ key.natIntf }, ", key: ", key.conn,
+                                              ", addr: ", entry.global() );
 }
 
 // Whether a clean-up is running, which makes the operation do nothing; traced.

@@ -67,7 +67,7 @@ namespace {
 class StaticConnection {
  public:
    StaticConnection( NatProgrammerStaticKey const & key, NatProgrammerStaticEntry::PtrConst const & entry )
-       : key_( key ), entry_( entry ), isMulticast_( staticConnectionIsMulticast( key, entry, true ) ) {}
+      : key_( key ), entry_( entry ), isMulticast_( staticConnectionIsMulticast( key, entry, true ) ) {}
 
    bool isMulticast() const { return isMulticast_; }
 
@@ -150,15 +150,12 @@ void NatSwTableProgrammerSm::deleteStaticConnection( NatProgrammerStaticKey cons
 
    auto const * const status = natProgrammerStatus()->staticStatus().find( key );
    switch ( status ? status->result : NatHwResult::pending ) {
-   case NatHwResult::programmed:
-      return;  // the removal's completion deletes it
+   case NatHwResult::programmed: return;  // the removal's completion deletes it
    case NatHwResult::pending:
    case NatHwResult::failed:
    case NatHwResult::unsupported:
    case NatHwResult::noSpace:
-   case NatHwResult::rejectedMulticast:
-      deleteProgrammerStaticStatusEntry( key, entry );
-      return;
+   case NatHwResult::rejectedMulticast: deleteProgrammerStaticStatusEntry( key, entry ); return;
    }
    VEXA_ASSERT( false && "unknown programmerStatus result" );
 }

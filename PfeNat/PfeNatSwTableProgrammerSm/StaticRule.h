@@ -13,12 +13,7 @@ struct StaticRule {
    using Table = IngStaticNatTable;
    using DependentTable = IngStaticNatTable;
 
-   static constexpr ResponseTexts texts{ .normalAdded = "Add normal entry success response",
-                                         .normalDeleted = "Delete normal entry success response",
-                                         .normalFailed = "Normal entry failure response",
-                                         .fragmentAdded = "Add fragment entry success response",
-                                         .fragmentDeleted = "Delete fragment entry success response",
-                                         .fragmentFailed = "Fragment entry failure response" };
+   static constexpr ResponseTexts const & texts = configuredRuleTexts;
 
    static Table & table( NatSwTableProgrammerSm const & programmer ) { return *programmer.ingStaticNatTable(); }
    static DependentTable & dependentTable( NatSwTableProgrammerSm const & programmer ) { return table( programmer ); }

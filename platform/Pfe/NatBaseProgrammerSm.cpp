@@ -24,7 +24,9 @@ struct StaticRule {
       sm.deleteStaticConnection( key, entry );
    }
    static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->staticStatus(); }
-   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) { return allStatus( sm ).find( key ); }
+   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) {
+      return allStatus( sm ).find( key );
+   }
    static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
       sm.natProgrammerStatus()->staticStatusIs( key, status );
    }
@@ -50,11 +52,15 @@ struct TwiceRule {
       sm.deleteTwiceConnection( key, entry );
    }
    static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->twiceStatus(); }
-   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) { return allStatus( sm ).find( key ); }
+   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) {
+      return allStatus( sm ).find( key );
+   }
    static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
       sm.natProgrammerStatus()->twiceStatusIs( key, status );
    }
-   static void statusDel( NatBaseProgrammerSm & sm, Key const & key ) { sm.natProgrammerStatus()->twiceStatusDel( key ); }
+   static void statusDel( NatBaseProgrammerSm & sm, Key const & key ) {
+      sm.natProgrammerStatus()->twiceStatusDel( key );
+   }
 };
 
 struct DynamicRule {
@@ -74,7 +80,9 @@ struct DynamicRule {
       sm.deleteDynamicConnection( key, entry );
    }
    static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->dynamicStatus(); }
-   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) { return allStatus( sm ).find( key ); }
+   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) {
+      return allStatus( sm ).find( key );
+   }
    static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
       sm.natProgrammerStatus()->dynamicStatusIs( key, status );
    }
@@ -83,9 +91,7 @@ struct DynamicRule {
    }
 };
 
-template< class Pointer > Pointer valueOrNull( Pointer const * pointer ) {
-   return pointer ? *pointer : Pointer();
-}
+template< class Pointer > Pointer valueOrNull( Pointer const * pointer ) { return pointer ? *pointer : Pointer(); }
 
 NatTrapKey trapKeyOf( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry const & entry ) {
    return { key.key.aclName, key.key.poolId, entry.rule().ruleId };
@@ -95,7 +101,7 @@ NatTrapKey trapKeyOf( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry c
 
 struct NatBaseProgrammerSm::Memory {
    explicit Memory( NatBaseProgrammerSm & programmer )
-       : staticRules( programmer, refusals ), twiceRules( programmer, refusals ), dynamicRules( programmer, refusals ) {}
+      : staticRules( programmer, refusals ), twiceRules( programmer, refusals ), dynamicRules( programmer, refusals ) {}
 
    Refusals refusals;
    RuleMemory< StaticRule > staticRules;
@@ -105,18 +111,21 @@ struct NatBaseProgrammerSm::Memory {
 };
 
 NatBaseProgrammerSm::NatBaseProgrammerSm( NatProgrammerConfig::PtrConst config, NatProgrammerStatus::Ptr status )
-    : natProgrammerConfig_( std::move( config ) ), natProgrammerStatus_( std::move( status ) ),
-      memory_( std::make_unique< Memory >( *this ) ), staticReactor_( *this ), twiceReactor_( *this ),
-      dynamicReactor_( *this ), trapReactor_( *this ), profileReactor_( *this ) {
+   : natProgrammerConfig_( std::move( config ) ),
+     natProgrammerStatus_( std::move( status ) ),
+     memory_( std::make_unique< Memory >( *this ) ),
+     staticReactor_( *this ),
+     twiceReactor_( *this ),
+     dynamicReactor_( *this ),
+     trapReactor_( *this ),
+     profileReactor_( *this ) {
    staticReactor_.watchedIs( &natProgrammerConfig_->staticEntry() );
    twiceReactor_.watchedIs( &natProgrammerConfig_->twiceEntry() );
    dynamicReactor_.watchedIs( &natProgrammerConfig_->dynamicEntry() );
    trapReactor_.watchedIs( &natProgrammerConfig_->trapEntry() );
 }
 
-NatBaseProgrammerSm::~NatBaseProgrammerSm() {
-   profileReactor_.watchedIs( nullptr );
-}
+NatBaseProgrammerSm::~NatBaseProgrammerSm() { profileReactor_.watchedIs( nullptr ); }
 
 void NatBaseProgrammerSm::replayReconcile() {}
 
@@ -139,7 +148,8 @@ void NatBaseProgrammerSm::replay() {
       [ & ]( auto const & key, auto const & entry ) { memory_->dynamicRules.handle( key, entry ); } );
    config.trapEntry().forEach( [ & ]( auto const & key, auto const & entry ) { handleTrap( key, entry ); } );
    if ( natVlanProfileConfig_ ) {
-      natVlanProfileConfig_->vlanProfile().forEach( [ & ]( U16 vlan, U16 profile ) { setNatProfile( vlan, profile ); } );
+      natVlanProfileConfig_->vlanProfile().forEach(
+         [ & ]( U16 vlan, U16 profile ) { setNatProfile( vlan, profile ); } );
    }
    replayReconcile();
    retryRefused();
@@ -264,9 +274,7 @@ std::size_t NatBaseProgrammerSm::refusedCount() const {
           memory_->dynamicRules.refusedCount();
 }
 
-U64 NatBaseProgrammerSm::rangeErrorCount() const {
-   return memory_->refusals.rangeErrors;
-}
+U64 NatBaseProgrammerSm::rangeErrorCount() const { return memory_->refusals.rangeErrors; }
 
 // --- Status ----------------------------------------------------------------------------------------------------------
 

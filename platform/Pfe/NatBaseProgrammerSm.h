@@ -89,8 +89,7 @@ class NatBaseProgrammerSm : public Orla::Entity {
    void deleteProgrammerStaticStatusEntry( NatProgrammerStaticKey const & key,
                                            NatProgrammerStaticEntry::PtrConst const & entry );
    void addProgrammerTwiceStatusEntry( NatProgrammerTwiceKey const & key,
-                                       NatProgrammerTwiceEntry::PtrConst const & entry,
-                                       PfeHelper::NatHwResult result );
+                                       NatProgrammerTwiceEntry::PtrConst const & entry, PfeHelper::NatHwResult result );
    void deleteProgrammerTwiceStatusEntry( NatProgrammerTwiceKey const & key,
                                           NatProgrammerTwiceEntry::PtrConst const & entry );
    void addProgrammerDynamicStatusEntry( NatProgrammerDynamicKey const & key,

@@ -40,7 +40,7 @@ template< class Rule > class RuleMemory {
    using Mode = NatBaseProgrammerSm::Mode;
 
    RuleMemory( NatBaseProgrammerSm & programmer, Refusals & refusals )
-       : programmer_( programmer ), refusals_( refusals ) {}
+      : programmer_( programmer ), refusals_( refusals ) {}
 
    std::size_t refusedCount() const { return refused_.count(); }
 
@@ -193,7 +193,7 @@ template< class Rule > class RuleMemory {
    Refusals & refusals_;
    Vexa::HashMap< Key, EntryPtr, Rule::rememberedConstant > remembered_;
    Vexa::HashMap< Key, U64, Rule::refusedConstant > refused_;  // with the number of the refusal
-   std::vector< Key > changed_;  // since the last rest, with a status that may be stale
+   std::vector< Key > changed_;                                // since the last rest, with a status that may be stale
 };
 
 }  // namespace Pfe
