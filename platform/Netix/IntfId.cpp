@@ -59,6 +59,13 @@ std::optional< IntfId > IntfId::fromName( std::string_view name ) {
    return IntfId( kind->kind, number );
 }
 
+std::optional< IntfId > IntfId::fromValue( U32 value ) {
+   IntfId intf;
+   intf.value_ = value;
+   bool const isKnown = static_cast< std::size_t >( intf.kind() ) < kindNames.size();
+   return isKnown && ( intf.kind() != IntfKind::none || value == 0 ) ? std::optional( intf ) : std::nullopt;
+}
+
 Orla::String const & IntfId::name() const {
    // Every rule asks for it; a switch has few interfaces. Never destroyed, as strings may be asked for at exit.
    static auto * const names = new Vexa::HashMap< IntfId, Orla::String, 0x6C9E0E8B >;

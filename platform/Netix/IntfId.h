@@ -24,6 +24,8 @@ class IntfId {
 
    // Absent when `name` is not a known kind followed by a number up to maxNumber without leading zeros.
    static std::optional< IntfId > fromName( std::string_view name );
+   // Absent when `value` is that of no interface, nor of the default.
+   static std::optional< IntfId > fromValue( U32 value );
 
    IntfKind kind() const { return static_cast< IntfKind >( value_ >> 24 ); }
    U32 number() const { return value_ & maxNumber; }

@@ -12,12 +12,8 @@ std::string & agentName() {
 
 }  // namespace
 
-void memoryManagerAgentNameIs( char const * name ) {
-   agentName() = name ? name : "";
-}
+void memoryManagerAgentNameIs( char const * name ) { agentName() = name ? name : ""; }
 
-std::string const & memoryManagerAgentName() {
-   return agentName();
-}
+std::string const & memoryManagerAgentName() { return agentName(); }
 
 }  // namespace Vexa
