@@ -72,15 +72,13 @@ void takeDynamicEgress( RuleContext< Rule > const & rule, typename Rule::Table::
 // Programs one NAPT entry, normal or fragment, of one side (`target`). `entry` comes with its next hop. Returns the
 // handle of a fragment entry, else dontCareHandle. `u64` is the platform's and passed through.
 template< class Table, class Entry, class Key, class DependentTable, class DependentKey >
-Asic::EntryHandle::PtrConst programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target,
-                                                U16 intfQualifier, Key const & key, Table & table, Entry entry,
-                                                DependentTable &, IngNatTableKey const &,
-                                                DynamicNatMatchKey const & dynamicNatMatchKey,
-                                                DependentKey const & dependentKey, U64 /* u64 */,
-                                                Netix::IpAndPort const & ipAndPort,
-                                                NatProgrammerDynamicKey const & progKey,
-                                                NatProgrammerDynamicEntry::PtrConst const & progEntry,
-                                                Asic::EntryHandle::PtrConst const & fragHdl ) {
+Asic::EntryHandle::PtrConst
+programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 intfQualifier, Key const & key,
+                    Table & table, Entry entry, DependentTable &, IngNatTableKey const &,
+                    DynamicNatMatchKey const & dynamicNatMatchKey, DependentKey const & dependentKey, U64 /* u64 */,
+                    Netix::IpAndPort const & ipAndPort, NatProgrammerDynamicKey const & progKey,
+                    NatProgrammerDynamicEntry::PtrConst const & progEntry,
+                    Asic::EntryHandle::PtrConst const & fragHdl ) {
    using Rule = DynamicRule< Table, DependentTable >;
    RuleContext< Rule > rule{ .programmer = NatSwTableProgrammerSm::Ptr( &sm ),
                              .key = progKey,

@@ -69,6 +69,8 @@ class Hardware : public Orla::Entity {
 
    void queue( Row & row, Version * version, Operation::Kind kind );
    void unlink( Operation & operation );
+   // Hands the versions of the operations over.
+   void dropOperationsWithoutTable( std::vector< Version * > & versions );
    void settleOperation( Operation & operation, EntryState outcome );
    void settleWrite( Operation const & operation, EntryState outcome );
    void settleRemoval( Operation const & operation, EntryState outcome );

@@ -11,6 +11,7 @@
 
 #include <concepts>
 #include <utility>
+#include <vector>
 
 namespace Asic {
 
@@ -35,11 +36,7 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
    // Inserts or replaces in place; a row that is not committed stays as long as somebody holds its handle. The handle
    // of an existing row is the same one again.
    EntryHandle::PtrConst entryRef( Key const & key, Entry entry ) {
-      auto & row = rowOf( key );
-      if ( !row.newest ) {
-         row.committed = false;
-      }
-      return written( row, std::move( entry ) );
+      return written( rowOf( key ), std::move( entry ) );
    }
 
    // Takes the key out of look-ups at once; the removal settles later. An absent key: nothing, and nobody is called.
@@ -86,13 +83,9 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
    }
 
    void clear() override {
-      dropOperations();
-      auto const rows = std::exchange( rows_, {} );
-      rowCount_ = 0;
-      hardwareRowCount_ = 0;
-      for ( auto * const row : rows ) {
-         abandon( *row );
-      }
+      std::vector< Row * > const rows( rows_.begin(), rows_.end() );
+      rows_ = {};
+      abandon( rows );
    }
 
    Vexa::TypeData const & typeData() const override {
@@ -125,7 +118,7 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
       bool refersTo( [[maybe_unused]] EntryHandle const * wanted ) const override {
          bool found = false;
          if constexpr ( std::derived_from< Entry, ReferringEntry > ) {
-            found = entry.fragHdl.ptr() == wanted;
+            found = entry.fragHdl && ( !wanted || entry.fragHdl.ptr() == wanted );
             entry.egrHdl.forEach( [ & ]( EntryHandle::PtrConst const & handle, bool ) {
                found = found || !wanted || handle.ptr() == wanted;
             } );

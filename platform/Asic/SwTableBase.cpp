@@ -63,32 +63,34 @@ void SwTableBase::write( Row & row, Version * version ) {
 
 void SwTableBase::remove( Row & row ) {
    hardware_->refusalIsOver( row );
+   row.committed = false;
    auto * const removed = newestIs( row, nullptr );
    hardware_->queue( row, removed, Operation::Kind::removal );
    letGo( removed );
 }
 
-void SwTableBase::abandon( Row & row ) {
-   row.table->hardware_->refusalIsOver( row );
-   row.table = nullptr;
-   row.lastOperation = nullptr;
-   auto * const newest = std::exchange( row.newest, nullptr );
-   auto * const inHardware = std::exchange( row.inHardware, nullptr );
-   letGo( newest );
-   letGo( inHardware );
-   eraseIfOver( row );
-}
-
-void SwTableBase::dropOperations() {
-   for ( auto * operation = hardware_->first_; operation; ) {
-      auto * const next = operation->next;
-      if ( operation->row->table == this ) {
-         hardware_->unlink( *operation );
-         --operation->row->outstanding;
-         letGo( operation->version );
-         delete operation;
-      }
-      operation = next;
+// Giving up a version may give up anything: other rows of this table, other tables, this table. So all rows leave
+// first, an operation that none of them has keeps each until the end, and nothing of the table is used once a version
+// goes.
+void SwTableBase::abandon( std::vector< Row * > const & rows ) {
+   rowCount_ = 0;
+   hardwareRowCount_ = 0;
+   std::vector< Version * > versions;
+   for ( auto * const row : rows ) {
+      hardware_->refusalIsOver( *row );
+      row->table = nullptr;
+      row->lastOperation = nullptr;
+      ++row->outstanding;
+      versions.push_back( std::exchange( row->newest, nullptr ) );
+      versions.push_back( std::exchange( row->inHardware, nullptr ) );
+   }
+   hardware_->dropOperationsWithoutTable( versions );
+   for ( auto * const version : versions ) {
+      letGo( version );
+   }
+   for ( auto * const row : rows ) {
+      --row->outstanding;
+      eraseIfOver( *row );
    }
 }
 
@@ -125,6 +127,19 @@ void Hardware::unlink( Operation & operation ) {
    ( operation.previous ? operation.previous->next : first_ ) = operation.next;
    ( operation.next ? operation.next->previous : last_ ) = operation.previous;
    --queued_;
+}
+
+void Hardware::dropOperationsWithoutTable( std::vector< Version * > & versions ) {
+   for ( auto * operation = first_; operation; ) {
+      auto * const next = operation->next;
+      if ( !operation->row->table ) {
+         unlink( *operation );
+         --operation->row->outstanding;
+         versions.push_back( operation->version );
+         delete operation;
+      }
+      operation = next;
+   }
 }
 
 HardwarePolicy::Request Hardware::requestOf( Operation const & operation ) const {
@@ -251,7 +266,7 @@ void Hardware::retryFailed() {
       table->forEachRow(
          []( void * context, Row & row ) {
             if ( row.newest && isFailure( row.state_ ) && !row.removalRefused ) {
-               int const rank = row.committed ? 2 : row.newest->refersTo( nullptr ) ? 1 : 0;
+               int const rank = !row.newest->refersTo( nullptr ) ? 0 : row.committed ? 2 : 1;
                static_cast< std::vector< Retry > * >( context )->push_back( { rank, row.newest->number, &row } );
             }
          },

@@ -9,6 +9,7 @@
 #include <Vexa/Types.h>
 
 #include <string_view>
+#include <vector>
 
 namespace [[gnu::visibility( "default" )]] Asic {
 
@@ -100,10 +101,9 @@ class SwTableBase : public Orla::Entity {
    void write( Row & row, Version * version );
    // Takes the row out of look-ups and queues its removal.
    void remove( Row & row );
-   // For a row that is out of its table: gives up its versions, and the row itself unless somebody still holds it.
-   static void abandon( Row & row );
-   // Takes the operations of this table's rows off the queue.
-   void dropOperations();
+   // For all rows of a table that has let them go: gives up their operations, their versions, and themselves unless
+   // somebody still holds them. The table may be destroyed meanwhile.
+   void abandon( std::vector< Row * > const & rows );
 
    virtual void erase( Row & row ) = 0;
 

@@ -1,4 +1,4 @@
-// Dynamic NAT as the agent learned it: connections, and the rules that trap the first packets of new ones.
+// Dynamic NAT as the agent learned it.
 #pragma once
 
 #include <IpNat/NatStatic.h>
@@ -43,16 +43,6 @@ struct DynamicKey {
    std::string stringValue() const;
 };
 static_assert( Vexa::describesEveryMember< DynamicKey > );
-
-// Which packets of a dynamic rule are trapped.
-struct NatDynamicTrapRule {
-   U16 ruleId = 0;  // tells apart the trap rules of one access list and pool
-
-   static constexpr std::string_view typeName = "Ip::Nat::NatDynamicTrapRule";
-   static constexpr auto attributes() { return std::tuple( Vexa::attr< &NatDynamicTrapRule::ruleId >( "ruleId" ) ); }
-   friend auto operator<=>( NatDynamicTrapRule const &, NatDynamicTrapRule const & ) = default;
-};
-static_assert( Vexa::describesEveryMember< NatDynamicTrapRule > );
 
 }  // namespace Nat
 }  // namespace Ip

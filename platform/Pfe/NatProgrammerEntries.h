@@ -4,6 +4,7 @@
 
 #include <IpNat/NatDynamic.h>
 #include <IpNat/NatStatic.h>
+#include <IpNat/NatTrap.h>
 #include <Netix/IpAndPort.h>
 #include <Orla/Entity.h>
 #include <Orla/Ptr.h>
