@@ -5,7 +5,6 @@
 
 #include <bit>
 #include <concepts>
-#include <limits>
 #include <vector>
 
 namespace [[gnu::visibility( "default" )]] Netix {
@@ -26,7 +25,7 @@ template< std::unsigned_integral Number > class RangeMaskGen {
       U64 const end = U64{ last } + 1;
       for ( U64 next = first; next < end; ) {
          // The largest block that starts here: as far as the start is aligned, and not past the end.
-         unsigned const aligned = next == 0 ? std::numeric_limits< Number >::digits : std::countr_zero( next );
+         auto const aligned = static_cast< unsigned >( std::countr_zero( next ) );  // 64 for 0
          unsigned const fitting = static_cast< unsigned >( std::bit_width( end - next ) ) - 1;
          U64 const size = U64{ 1 } << ( aligned < fitting ? aligned : fitting );
          entries.push_back( { static_cast< Number >( next ), static_cast< Number >( ~( size - 1 ) ) } );
