@@ -22,9 +22,11 @@ std::vector< std::string > RingTrace::lastLines( std::size_t count ) const {
    lines.reserve( shown );
    for ( auto i = written_ - shown; i < written_; ++i ) {
       auto const & slot = slots_[ i % capacity ];
-      std::ostringstream out;
-      slot.kind->write( out, slot.parts.data() );
-      lines.push_back( std::move( out ).str() );
+      if ( slot.kind ) {
+         std::ostringstream out;
+         slot.kind->write( out, slot.parts.data() );
+         lines.push_back( std::move( out ).str() );
+      }
    }
    return lines;
 }

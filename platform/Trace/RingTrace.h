@@ -62,11 +62,12 @@ class RingTrace {
       Kind const * kind = nullptr;
       alignas( std::max_align_t ) std::array< std::byte, bytesPerMessage > parts;
 
+      // Empty before its values go: what they take with them may stop the agent, which reads the ring.
       void clear() {
-         if ( kind && kind->destroy ) {
-            kind->destroy( parts.data() );
+         auto const * const gone = std::exchange( kind, nullptr );
+         if ( gone && gone->destroy ) {
+            gone->destroy( parts.data() );
          }
-         kind = nullptr;
       }
    };
 
