@@ -11,7 +11,7 @@
 #include <random>
 #include <string>
 
-namespace Test {
+namespace Support {
 
 using Random = std::mt19937;
 
@@ -77,4 +77,4 @@ template< class Names, class... Alternatives > struct RandomValue< Vexa::Union< 
    }
 };
 
-}  // namespace Test
+}  // namespace Support

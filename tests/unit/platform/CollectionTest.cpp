@@ -1,7 +1,9 @@
 // The framework's collections, what watches them, and the bitmap.
 #include <Brix/HBitmap.h>
+#include <Netix/RangeMaskGen.h>
 #include <Vexa/HashMap.h>
 #include <Vexa/InlineList.h>
+#include <Vexa/OrderedSet.h>
 #include <Vexa/Reactor.h>
 #include <Vexa/Type.h>
 
@@ -202,6 +204,46 @@ TEST( HashSet, IsEmptyAfterItsMembersWereMovedAway ) {
       EXPECT_FALSE( from.del( 1 ) );
       EXPECT_TRUE( from.is( 1 ) );
    }
+}
+
+TEST( OrderedSet, CountsItsChangesAndFindsWhatFollows ) {
+   Vexa::OrderedSet< U32 > set;
+   for ( U32 const key : { 5U, 3U, 9U, 3U } ) {
+      set.is( key );
+   }
+   EXPECT_THAT( std::vector< U32 >( set.begin(), set.end() ), ElementsAre( 3U, 5U, 9U ) );
+   EXPECT_EQ( set.version(), 3U );
+   set.del( 5 );
+   set.del( 5 );
+   EXPECT_EQ( set.version(), 4U );
+   EXPECT_EQ( *set.findNext( 3 ), 9U );
+   EXPECT_EQ( *set.findNext( 4 ), 9U );
+   EXPECT_EQ( set.findNext( 9 ), set.end() );
+   EXPECT_EQ( set.count(), 2U );
+}
+
+// Every range of 8-bit numbers.
+TEST( RangeMaskGen, CoversExactlyTheRangeWithTheFewestAlignedBlocks ) {
+   using Generator = Netix::RangeMaskGen< U8 >;
+   for ( U32 first = 0; first < 256; ++first ) {
+      for ( U32 last = first; last < 256; ++last ) {
+         auto const entries = Generator::entriesOf( static_cast< U8 >( first ), static_cast< U8 >( last ) );
+         U32 next = first;
+         for ( std::size_t i = 0; i < entries.size(); ++i ) {
+            auto const [ value, mask ] = entries[ i ];
+            U32 const size = 256U - mask;
+            ASSERT_TRUE( std::has_single_bit( size ) && value == next && value % size == 0 ) << first << '-' << last;
+            // Two halves of one larger block would be one entry too many.
+            ASSERT_FALSE( i > 0 && entries[ i - 1 ].mask == mask && entries[ i - 1 ].value % ( 2 * size ) == 0 );
+            next += size;
+         }
+         ASSERT_EQ( next, last + 1 );
+      }
+   }
+   EXPECT_THAT( Generator::entriesOf( 2, 1 ), IsEmpty() );
+   using Ports = Netix::RangeMaskGen< U16 >;
+   EXPECT_THAT( Ports::entriesOf( 0, 65535 ), ElementsAre( Ports::Entry{ 0, 0 } ) );
+   EXPECT_THAT( Ports::entriesOf( 65535, 65535 ), ElementsAre( Ports::Entry{ 65535, 65535 } ) );
 }
 
 TEST( InlineList, StopsWhenOneMoreIsPushedThanItHolds ) {

@@ -25,10 +25,11 @@ struct Counted {
 };
 using CountedPtr = Orla::Ptr< Counted const >;
 
-struct Held {
-   CountedPtr pointer;
-   friend std::ostream & operator<<( std::ostream & out, Held const & ) { return out << "held"; }
+template< class T > struct HeldBy {
+   Orla::Ptr< T > pointer;
+   friend std::ostream & operator<<( std::ostream & out, HeldBy const & ) { return out << "held"; }
 };
+using Held = HeldBy< Counted const >;
 
 struct Thing : Orla::Entity {
    explicit Thing( int & d ) : destroyed( d ) {}
@@ -104,7 +105,7 @@ TEST( String, EqualTextsShareOnePlaceUntilTheLastUserIsGone ) {
    EXPECT_EQ( second.text().data(), place );
    EXPECT_TRUE( first == second && first != Orla::String( text ) );
    first = "other";
-   second = second;
+   second = *&second;
    EXPECT_EQ( second.text(), "a text that nobody else uses" );
    Orla::String third = std::move( second );
    EXPECT_TRUE( second.empty() );
@@ -160,6 +161,30 @@ TEST( RingTrace, KeepsTheNewestMessagesAndTheValuesInThem ) {
    ring->message( Held{ CountedPtr( &counted ) } );
    ring = nullptr;
    EXPECT_EQ( counted.users, 0 );
+}
+
+// Overwriting the oldest message drops the last reference to something whose end is an assertion.
+TEST( RingTrace, CanBeReadWhileAMessageIsOverwritten ) {
+   Trace::RingTrace ring;
+   struct Reader {
+      Trace::RingTrace & ring;
+      std::vector< std::string > lines;
+      mutable int users = 0;
+      void newUser() const { ++users; }
+      void userGone() {
+         if ( --users == 0 ) {
+            lines = ring.lastLines( 100'000 );
+         }
+      }
+   };
+   Reader reader{ ring, {} };
+   ring.message( HeldBy< Reader >{ Orla::Ptr< Reader >( &reader ) } );
+   for ( U32 i = 1; i <= Trace::RingTrace::capacity; ++i ) {
+      ring.message( "line ", i );
+   }
+   EXPECT_EQ( reader.lines.size(), Trace::RingTrace::capacity - 1 );
+   EXPECT_EQ( reader.lines.back(), "line 2047" );
+   EXPECT_EQ( ring.lastLines( 1 ), std::vector< std::string >{ "line 2048" } );
 }
 
 // --- Text traces -----------------------------------------------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include <Pfe/IngTwiceNatTable.h>
 #include <Pfe/NatMatchKey.h>
 #include <Pfe/NatProgrammerKeys.h>
+#include <Pfe/NatSideTables.h>
 #include <tests/support/RandomValue.h>
 
 #include <gtest/gtest.h>
@@ -16,8 +17,8 @@
 
 namespace {
 
-using Test::Random;
-using Test::randomValue;
+using Support::Random;
+using Support::randomValue;
 using namespace std::string_literals;
 
 template< class T > class EveryValue : public testing::Test {};
@@ -26,11 +27,11 @@ using ValueTypes = testing::Types<
    Netix::IpAddr, Netix::IntfId, Netix::VrfId, Netix::IpAndPort, Netix::ConnTuple, Netix::IpAddrWithFullMask,
    Bridging::VlanId, Bridging::VlanIdOrNone, Orla::String, Ip::Nat::StaticKey, Ip::Nat::NatStaticConnection,
    Ip::Nat::TwiceKey, Ip::Nat::NatTwiceConnection, Ip::Nat::NatFilter, Ip::Nat::DynamicConnection, Ip::Nat::DynamicKey,
-   Ip::Nat::NatDynamicTrapRule, Pfe::NatId, Pfe::EgrNatUcRewriteKey, Pfe::EgrNatUcRewriteEntry, Pfe::EgrNatMcRewriteKey,
-   Pfe::EgrNatMcRewriteEntry, Pfe::IngStaticNatTableKey, Pfe::IngTwiceNatTableKey, Pfe::IngDynamicSnaptTable::Key,
-   Pfe::IngDynamicDnaptTable::Key, Pfe::IngDynamicSnatAddrOnlyTable::Key, Pfe::IngDynamicDnatAddrOnlyTable::Key,
-   Pfe::NatProgrammerStaticKey, Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerDynamicKey, Pfe::NatProgrammerTrapKey,
-   Pfe::NatTrapKey, Pfe::StaticNatMatchKey, Pfe::TwiceNatMatchKey, Pfe::DynamicNatMatchKey, Pfe::NatMatchKey >;
+   Pfe::NatId, Pfe::EgrNatUcRewriteKey, Pfe::EgrNatUcRewriteEntry, Pfe::EgrNatMcRewriteKey, Pfe::EgrNatMcRewriteEntry,
+   Pfe::IngStaticNatTableKey, Pfe::IngTwiceNatTableKey, Pfe::IngDynamicSnaptTable::Key, Pfe::IngDynamicDnaptTable::Key,
+   Pfe::IngDynamicSnatAddrOnlyTable::Key, Pfe::IngDynamicDnatAddrOnlyTable::Key, Pfe::NatProgrammerStaticKey,
+   Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerDynamicKey, Pfe::NatProgrammerTrapKey, Pfe::NatTrapKey,
+   Pfe::NatTrapRule, Pfe::StaticNatMatchKey, Pfe::TwiceNatMatchKey, Pfe::DynamicNatMatchKey, Pfe::NatMatchKey >;
 TYPED_TEST_SUITE( EveryValue, ValueTypes );
 
 TYPED_TEST( EveryValue, ReadsBackFromItsTextAndLeavesWhatFollows ) {
