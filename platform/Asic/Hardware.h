@@ -4,6 +4,7 @@
 #include <Asic/SwTableBase.h>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace [[gnu::visibility( "default" )]] Asic {
@@ -16,7 +17,7 @@ class HardwarePolicy {
       SwTableBase const & table;
       EntryHandle const & row;
       bool addsRow;     // the hardware holds no version of the row yet
-      U64 turnsWaited;  // settles since it was asked for
+      U32 turnsWaited;  // settles since it was asked for
    };
 
    virtual ~HardwarePolicy() = default;
@@ -53,7 +54,7 @@ class Hardware : public Orla::Entity {
    void settleNext( EntryState outcome );
 
    // Operations not settled yet, and removals that the hardware refused.
-   std::size_t outstanding() const { return queued_ + refused_.size(); }
+   std::size_t outstanding() const { return queue_.count() + refused_.size(); }
 
    // Sends every row again whose newest write failed: rows without handles, then other referenced rows, then committed
    // ones as they were asked for. Refused removals are not among them.
@@ -67,28 +68,24 @@ class Hardware : public Orla::Entity {
    friend class SwTableBase;
    friend class Row;
 
+   using Position = OperationQueue::Position;
+
    void queue( Row & row, Version * version, Operation::Kind kind );
-   void unlink( Operation & operation );
    // Hands the versions of the operations over.
    void dropOperationsWithoutTable( std::vector< Version * > & versions );
-   void settleOperation( Operation & operation, EntryState outcome );
-   void settleWrite( Operation const & operation, EntryState outcome );
-   void settleRemoval( Operation const & operation, EntryState outcome );
+   void settleOperation( Position position, EntryState outcome );
    EntryState outcomeOf( Operation const & operation ) const;
    HardwarePolicy::Request requestOf( Operation const & operation ) const;
-   Operation * nextReady() const;
-   bool maySettle( Operation const & operation ) const;
+   std::optional< Position > nextReady() const;
+   bool maySettle( Position position ) const;
    void tryRefusedRemovalsAgain();
    void refusalIsOver( Row & row );
 
    std::shared_ptr< HardwarePolicy > policy_;
    std::vector< SwTableBase * > tables_;
    std::vector< Row * > refused_;
-   Operation * first_ = nullptr;
-   Operation * last_ = nullptr;
-   std::size_t queued_ = 0;
-   U64 asked_ = 0;
-   U64 turn_ = 0;
+   OperationQueue queue_;
+   U32 turn_ = 0;
 };
 
 }  // namespace Asic

@@ -4,6 +4,7 @@
 #include <Asic/Hardware.h>
 #include <Asic/SwTableBase.h>
 #include <Vexa/Hash.h>
+#include <Vexa/Pool.h>
 #include <Vexa/Type.h>
 #include <Vexa/Value.h>
 
@@ -94,13 +95,13 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
    }
 
  private:
-   struct TypedRow final : Row, Pooled< TypedRow > {
+   struct TypedRow final : Row, Vexa::Pooled< TypedRow > {
       explicit TypedRow( Key const & k ) : key( k ) {}
       void describe( std::ostream & out ) const override { Vexa::write( out, key ); }
       Key const key;
    };
 
-   struct TypedVersion final : Version, Pooled< TypedVersion > {
+   struct TypedVersion final : Version, Vexa::Pooled< TypedVersion > {
       explicit TypedVersion( Entry e ) : entry( std::move( e ) ) {}
 
       EntryBase const & entryBase() const override { return entry; }

@@ -57,7 +57,7 @@ void SwTableBase::write( Row & row, Version * version ) {
    auto * const replaced = newestIs( row, version );
    row.state_ = EntryState::pending;
    hardware_->queue( row, version, Operation::Kind::write );
-   version->number = row.lastOperation->number;
+   version->number = row.lastOperation;
    letGo( replaced );
 }
 
@@ -79,7 +79,6 @@ void SwTableBase::abandon( std::vector< Row * > const & rows ) {
    for ( auto * const row : rows ) {
       hardware_->refusalIsOver( *row );
       row->table = nullptr;
-      row->lastOperation = nullptr;
       ++row->outstanding;
       versions.push_back( std::exchange( row->newest, nullptr ) );
       versions.push_back( std::exchange( row->inHardware, nullptr ) );
@@ -108,38 +107,20 @@ void SwTableBase::eraseIfOver( Row & row ) {
 
 void Hardware::queue( Row & row, Version * version, Operation::Kind kind ) {
    hold( version );
-   auto * const operation = new Operation;
-   operation->row = &row;
-   operation->version = version;
-   operation->previous = last_;
-   operation->next = nullptr;
-   operation->number = asked_++;
-   operation->turn = turn_;
-   operation->kind = kind;
-   ( last_ ? last_->next : first_ ) = operation;
-   last_ = operation;
-   ++queued_;
    ++row.outstanding;
-   row.lastOperation = operation;
-}
-
-void Hardware::unlink( Operation & operation ) {
-   ( operation.previous ? operation.previous->next : first_ ) = operation.next;
-   ( operation.next ? operation.next->previous : last_ ) = operation.previous;
-   --queued_;
+   row.lastOperation =
+      static_cast< U32 >( queue_.push( { .row = &row, .version = version, .turn = turn_, .kind = kind } ) );
 }
 
 void Hardware::dropOperationsWithoutTable( std::vector< Version * > & versions ) {
-   for ( auto * operation = first_; operation; ) {
-      auto * const next = operation->next;
-      if ( !operation->row->table ) {
-         unlink( *operation );
-         --operation->row->outstanding;
-         versions.push_back( operation->version );
-         delete operation;
+   queue_.forEachUntil( [ & ]( Position position, Operation const & operation ) {
+      if ( !operation.row->table ) {
+         --operation.row->outstanding;
+         versions.push_back( operation.version );
+         queue_.take( position );
       }
-      operation = next;
-   }
+      return true;
+   } );
 }
 
 HardwarePolicy::Request Hardware::requestOf( Operation const & operation ) const {
@@ -148,30 +129,38 @@ HardwarePolicy::Request Hardware::requestOf( Operation const & operation ) const
 }
 
 // Eligible beside older operations: none of them is of the same row, or of a row that this one refers to.
-bool Hardware::maySettle( Operation const & operation ) const {
-   for ( auto const * older = first_; older != &operation; older = older->next ) {
-      if ( older->row == operation.row ||
-           ( operation.kind == Operation::Kind::write && operation.version->refersTo( older->row ) ) ) {
+bool Hardware::maySettle( Position position ) const {
+   auto const & operation = queue_[ position ];
+   bool may = true;
+   queue_.forEachUntil( [ & ]( Position older, Operation const & olderOperation ) {
+      if ( older == position ) {
          return false;
       }
-   }
-   return true;
+      may = olderOperation.row != operation.row &&
+            ( operation.kind == Operation::Kind::removal || !operation.version->refersTo( olderOperation.row ) );
+      return may;
+   } );
+   return may;
 }
 
-Operation * Hardware::nextReady() const {
-   if ( !policy_ || !first_ ) {
-      return first_;
+std::optional< Hardware::Position > Hardware::nextReady() const {
+   if ( queue_.empty() ) {
+      return std::nullopt;
    }
-   if ( !policy_->reorders() ) {
-      return policy_->isReady( requestOf( *first_ ) ) ? first_ : nullptr;
+   auto const isReady = [ & ]( Operation const & operation ) {
+      return !policy_ || policy_->isReady( requestOf( operation ) );
+   };
+   if ( !policy_ || !policy_->reorders() ) {
+      return isReady( queue_[ queue_.first() ] ) ? std::optional( queue_.first() ) : std::nullopt;
    }
-   std::vector< Operation * > eligible;
-   for ( auto * operation = first_; operation; operation = operation->next ) {
-      if ( policy_->isReady( requestOf( *operation ) ) && maySettle( *operation ) ) {
-         eligible.push_back( operation );
+   std::vector< Position > eligible;
+   queue_.forEachUntil( [ & ]( Position position, Operation const & operation ) {
+      if ( isReady( operation ) && maySettle( position ) ) {
+         eligible.push_back( position );
       }
-   }
-   return eligible.empty() ? nullptr : eligible.at( policy_->choose( eligible.size() ) );
+      return true;
+   } );
+   return eligible.empty() ? std::nullopt : std::optional( eligible.at( policy_->choose( eligible.size() ) ) );
 }
 
 EntryState Hardware::outcomeOf( Operation const & operation ) const {
@@ -189,29 +178,30 @@ void Hardware::settle() {
    Ptr const self( this );
    ++turn_;
    tryRefusedRemovalsAgain();
-   while ( auto * const operation = nextReady() ) {
-      settleOperation( *operation, outcomeOf( *operation ) );
+   while ( auto const position = nextReady() ) {
+      settleOperation( *position, outcomeOf( queue_[ *position ] ) );
    }
 }
 
 void Hardware::settleNext( EntryState outcome ) {
    Ptr const self( this );
-   VEXA_ASSERT( first_ && "nothing is outstanding" );
-   auto & operation = *first_;
+   VEXA_ASSERT( !queue_.empty() && "nothing is outstanding" );
+   auto const position = queue_.first();
+   auto const & operation = queue_[ position ];
    bool const sent =
       operation.kind == Operation::Kind::removal ? operation.row->heldByHardware() : operation.version->sendable();
    auto const notSent = operation.kind == Operation::Kind::removal ? EntryState::settled : EntryState::failed;
-   settleOperation( operation, sent ? outcome : notSent );
+   settleOperation( position, sent ? outcome : notSent );
 }
 
 // Table, row and response stay until the response has run: the operation counts as outstanding until then, and the
 // versions are given up after it. The response may clear the table, which takes the row's versions itself.
-void Hardware::settleOperation( Operation & operation, EntryState outcome ) {
+void Hardware::settleOperation( Position position, EntryState outcome ) {
+   auto const operation = queue_.take( position );
    auto & row = *operation.row;
    Orla::Ptr< SwTableBase > const table( row.table );
    auto * const version = operation.version;
-   bool const reports = row.lastOperation == &operation;
-   unlink( operation );
+   bool const reports = row.lastOperation == static_cast< U32 >( position );
 
    Version * replaced = nullptr;
    if ( operation.kind == Operation::Kind::write ) {
@@ -227,7 +217,6 @@ void Hardware::settleOperation( Operation & operation, EntryState outcome ) {
    }
 
    if ( reports ) {
-      row.lastOperation = nullptr;
       row.state_ = outcome;
       if ( auto const & response = version->entryBase().writeResponse ) {
          response( outcome );
@@ -236,7 +225,6 @@ void Hardware::settleOperation( Operation & operation, EntryState outcome ) {
 
    letGo( replaced );
    letGo( version );
-   delete &operation;
    --row.outstanding;
    SwTableBase::eraseIfOver( row );
 }
@@ -258,7 +246,7 @@ void Hardware::refusalIsOver( Row & row ) {
 void Hardware::retryFailed() {
    struct Retry {
       int rank;
-      U64 number;
+      U32 age;  // in operations: numbers wrap
       Row * row;
    };
    std::vector< Retry > retries;
@@ -272,7 +260,10 @@ void Hardware::retryFailed() {
          },
          &retries );
    }
-   std::ranges::sort( retries, {}, []( Retry const & r ) { return std::pair( r.rank, r.number ); } );
+   for ( auto & retry : retries ) {
+      retry.age = queue_.nextNumber() - retry.age;
+   }
+   std::ranges::sort( retries, {}, []( Retry const & r ) { return std::pair( r.rank, ~r.age ); } );
    for ( auto const & retry : retries ) {
       retry.row->state_ = EntryState::pending;
       queue( *retry.row, retry.row->newest, Operation::Kind::write );

@@ -3,7 +3,7 @@
 
 #include <Asic/Entry.h>
 #include <Asic/EntryHandle.h>
-#include <Asic/Pool.h>
+#include <Asic/OperationQueue.h>
 #include <Orla/Entity.h>
 #include <Orla/Ptr.h>
 #include <Vexa/Types.h>
@@ -15,7 +15,6 @@ namespace [[gnu::visibility( "default" )]] Asic {
 
 class Hardware;
 class SwTableBase;
-struct Operation;
 
 // One version of a row: the data of one write. It keeps its entry, and so the handles in it, while it is the newest
 // asked for, while the hardware holds it, and while an operation on it is outstanding.
@@ -35,7 +34,7 @@ class Version {
    virtual bool refersTo( EntryHandle const * handle ) const = 0;
 
    U32 reasons = 0;
-   U64 number = 0;  // of the write that asked for it
+   U32 number = 0;  // of the write that asked for it
 };
 
 // One key of a table, from its first write until nothing of it is left: neither look-ups nor the hardware nor an
@@ -44,33 +43,20 @@ class Row : public EntryHandle {
  public:
    bool heldByHardware() const override { return inHardware != nullptr; }
 
+   bool committed = false;         // stays until removed; else as long as somebody holds its handle
+   bool removalRefused = false;    // visible only because the hardware did not let it go
    SwTableBase * table = nullptr;  // null once the table is cleared or gone
    Version * newest = nullptr;     // as look-ups see it; null while they do not see the row
    Version * inHardware = nullptr;
-   Operation * lastOperation = nullptr;  // the newest one outstanding
-   U32 outstanding = 0;
+   U32 outstanding = 0;    // operations
+   U32 lastOperation = 0;  // the number of the newest of them
    U32 hash = 0;
-   bool committed = false;       // stays until removed; else as long as somebody holds its handle
-   bool removalRefused = false;  // visible only because the hardware did not let it go
 
  protected:
    void lastUserGone() const override;
 
    friend class Hardware;
    friend class SwTableBase;
-};
-
-// A write or a removal on its way to the hardware, in the list of its Hardware.
-struct Operation : Pooled< Operation > {
-   enum class Kind : U8 { write, removal };
-
-   Row * row;
-   Version * version;  // what is written; for a removal the removed version, whose response reports it
-   Operation * previous;
-   Operation * next;
-   U64 number;  // counts all operations in the order in which they were asked for
-   U64 turn;
-   Kind kind;
 };
 
 class SwTableBase : public Orla::Entity {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <Asic/EntryState.h>
-#include <Asic/Pool.h>
+#include <Vexa/Pool.h>
 #include <Vexa/Types.h>
 
 #include <type_traits>
@@ -46,7 +46,7 @@ class WriteResponseFn {
       U32 users = 1;
    };
 
-   template< class Callable > struct Holder final : Response, Pooled< Holder< Callable > > {
+   template< class Callable > struct Holder final : Response, Vexa::Pooled< Holder< Callable > > {
       explicit Holder( Callable c ) : callable( std::move( c ) ) {}
       void run( EntryState state ) const override { callable( state ); }
       Callable callable;

@@ -56,7 +56,7 @@ std::optional< IpAddr > IpAddr::fromText( std::string_view text ) {
 }
 
 std::ostream & operator<<( std::ostream & out, IpAddr address ) {
-   auto const octet = [ & ]( unsigned shift ) { return address.value_ >> shift & 0xff; };
+   auto const octet = [ & ]( unsigned shift ) { return address.value() >> shift & 0xff; };
    return out << octet( 24 ) << '.' << octet( 16 ) << '.' << octet( 8 ) << '.' << octet( 0 );
 }
 

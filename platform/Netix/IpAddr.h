@@ -15,23 +15,27 @@ class IpAddr {
    using Raw = U32;
 
    constexpr IpAddr() = default;
-   constexpr explicit IpAddr( U32 value ) : value_( value ) {}
+   constexpr explicit IpAddr( U32 value )
+      : low_( static_cast< U16 >( value ) ), high_( static_cast< U16 >( value >> 16 ) ) {}
    explicit IpAddr( Vexa::CharRange & text );
 
    // Absent when `text` is not exactly one dotted quad.
    static std::optional< IpAddr > fromText( std::string_view text );
 
-   constexpr U32 value() const { return value_; }
-   constexpr U32 hash( U32 seed ) const { return Vexa::hash( value_, seed ); }
+   constexpr U32 value() const { return U32{ high_ } << 16 | low_; }
+   constexpr U32 hash( U32 seed ) const { return Vexa::hash( value(), seed ); }
 
    // 224.0.0.0/4 (RFC 5771).
-   constexpr bool isMulticast() const { return value_ >> 28 == 0xE; }
+   constexpr bool isMulticast() const { return value() >> 28 == 0xE; }
 
-   friend constexpr auto operator<=>( IpAddr const &, IpAddr const & ) = default;
+   friend constexpr bool operator==( IpAddr a, IpAddr b ) { return a.value() == b.value(); }
+   friend constexpr auto operator<=>( IpAddr a, IpAddr b ) { return a.value() <=> b.value(); }
    friend std::ostream & operator<<( std::ostream & out, IpAddr address );
 
  private:
-   U32 value_ = 0;
+   // In halves, so that an address and a port fill six bytes: keys of many rows are made of such pairs.
+   U16 low_ = 0;
+   U16 high_ = 0;
 };
 
 }  // namespace Netix

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Vexa/Hash.h>
+#include <Vexa/Pool.h>
 #include <Vexa/Value.h>
 
 #include <boost/unordered/unordered_flat_map.hpp>
@@ -10,7 +11,6 @@
 #include <cstddef>
 #include <memory>
 #include <utility>
-#include <variant>
 #include <vector>
 
 namespace [[gnu::visibility( "default" )]] Vexa {
@@ -127,79 +127,68 @@ template< class Key, class Value, U32 seedConstant > class HashMap {
    mutable std::vector< Watcher * > watchers_;
 };
 
-// A set of keys. One member, the common case, is held inside; a table is made for the second.
+// A set of keys. One member, the common case, is held by itself; a table is made for the second.
 template< class Key, U32 seedConstant > class HashSet {
  public:
    HashSet() = default;
    HashSet( HashSet const & other ) { *this = other; }
-   // The set moved from is empty.
-   HashSet( HashSet && other ) noexcept : held_( std::exchange( other.held_, std::monostate{} ) ) {}
-   HashSet & operator=( HashSet && other ) noexcept {
-      held_ = std::exchange( other.held_, std::monostate{} );
-      return *this;
-   }
+   HashSet( HashSet && ) noexcept = default;
+   HashSet & operator=( HashSet && ) noexcept = default;
    HashSet & operator=( HashSet const & other ) {
-      if ( auto const * const table = other.table() ) {
-         held_ = std::make_unique< Table >( *table );
-      } else if ( auto const * const key = std::get_if< Key >( &other.held_ ) ) {
-         held_ = *key;
-      } else {
-         held_ = std::monostate{};
-      }
+      auto only = other.only_ ? std::make_unique< Only >( *other.only_ ) : nullptr;
+      auto table = other.table_ ? std::make_unique< Table >( *other.table_ ) : nullptr;
+      only_ = std::move( only );
+      table_ = std::move( table );
       return *this;
    }
 
-   std::size_t count() const { return table() ? table()->size() : held_.index(); }
+   std::size_t count() const { return table_ ? table_->size() : only_ ? 1 : 0; }
 
-   bool has( Key const & key ) const {
-      auto const * const only = std::get_if< Key >( &held_ );
-      return only ? *only == key : table() && table()->contains( key );
-   }
+   bool has( Key const & key ) const { return only_ ? only_->key == key : table_ && table_->contains( key ); }
 
    // False when the key was there already.
    bool is( Key const & key ) {
-      if ( auto const * const only = std::get_if< Key >( &held_ ) ) {
-         if ( *only == key ) {
-            return false;
-         }
-         auto both = std::make_unique< Table >();
-         both->insert( *only );
-         both->insert( key );
-         held_ = std::move( both );
+      if ( table_ ) {
+         return table_->insert( key ).second;
+      }
+      if ( !only_ ) {
+         only_ = std::make_unique< Only >( key );
          return true;
       }
-      if ( table() ) {
-         return std::get< TablePtr >( held_ )->insert( key ).second;
+      if ( only_->key == key ) {
+         return false;
       }
-      held_ = key;
+      table_ = std::make_unique< Table >();
+      table_->insert( only_->key );
+      table_->insert( key );
+      only_ = nullptr;
       return true;
    }
 
    // False when the key was absent.
    bool del( Key const & key ) {
-      if ( auto const * const only = std::get_if< Key >( &held_ ) ) {
-         if ( *only != key ) {
-            return false;
-         }
-         held_ = std::monostate{};
-         return true;
-      }
-      if ( !table() || std::get< TablePtr >( held_ )->erase( key ) == 0 ) {
+      if ( !has( key ) ) {
          return false;
       }
-      if ( table()->size() == 1 ) {
-         held_ = Key( *table()->begin() );
+      if ( only_ ) {
+         only_ = nullptr;
+         return true;
+      }
+      table_->erase( key );
+      if ( table_->size() == 1 ) {
+         only_ = std::make_unique< Only >( *table_->begin() );
+         table_ = nullptr;
       }
       return true;
    }
 
-   void delAll() { held_ = std::monostate{}; }
+   void delAll() { *this = HashSet(); }
 
    template< class Function > void forEach( Function && function ) const {
-      if ( auto const * const only = std::get_if< Key >( &held_ ) ) {
-         function( *only );
-      } else if ( table() ) {
-         for ( auto const & key : *table() ) {
+      if ( only_ ) {
+         function( only_->key );
+      } else if ( table_ ) {
+         for ( auto const & key : *table_ ) {
             function( key );
          }
       }
@@ -212,16 +201,15 @@ template< class Key, U32 seedConstant > class HashSet {
    }
 
  private:
+   struct Only : Pooled< Only > {
+      explicit Only( Key const & k ) : key( k ) {}
+      Key key;
+   };
    using Table = boost::unordered_flat_set< Key, KeyHash< Key, seedConstant > >;
-   using TablePtr = std::unique_ptr< Table >;
 
-   Table const * table() const {
-      auto const * const pointer = std::get_if< TablePtr >( &held_ );
-      return pointer ? pointer->get() : nullptr;
-   }
-
-   // In this order the index is the number of members while there is no table.
-   std::variant< std::monostate, Key, TablePtr > held_;
+   // One of the two, or none for the empty set. Pointers, because most sets stand in tables that are half empty.
+   std::unique_ptr< Only > only_;
+   std::unique_ptr< Table > table_;
 };
 
 }  // namespace Vexa

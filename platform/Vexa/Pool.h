@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-namespace [[gnu::visibility( "default" )]] Asic {
+namespace [[gnu::visibility( "default" )]] Vexa {
 
 // Memory for objects of one size, taken from the heap in growing chunks and kept for the next object. Nothing goes
 // back to the heap: a table that was once full is expected to be full again.
@@ -63,4 +63,4 @@ template< class T > class Pooled {
    }
 };
 
-}  // namespace Asic
+}  // namespace Vexa
