@@ -1,0 +1,55 @@
+// The rules that the benchmarks program.
+#pragma once
+
+#include <Pfe/IngStaticNatTable.h>
+#include <Pfe/NatMatchKey.h>
+#include <Pfe/NatProgrammerEntries.h>
+#include <Pfe/NatProgrammerKeys.h>
+
+#include <array>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+namespace Bench {
+
+struct StaticRule {
+   Pfe::NatProgrammerStaticKey key;
+   Pfe::NatProgrammerStaticEntry::PtrConst entry;
+};
+
+using StaticRules = std::vector< StaticRule >;
+
+// `count` unicast rules with ports on four interfaces, every second one with target destination. Rule i is on address
+// i % addresses, inside and outside, and on the next free port of it.
+StaticRules staticRules( std::size_t count, std::size_t addresses );
+
+// The same rules with another next hop, which changes rows but derives the same ones.
+StaticRules withNextHop( StaticRules const & rules );
+
+// The ingress key of the rule's own target, then that of the replies.
+inline std::array< Pfe::IngStaticNatTable::Key, 2 > ingKeysOf( StaticRule const & rule ) {
+   auto const & connection = rule.entry->connection();
+   Netix::IpAndPort const keyPair{ rule.key.key.ip, rule.key.key.port };
+   Pfe::IngStaticNatTable::Key const own{ .natIntf = rule.key.natIntf.name(),
+                                          .vrfId = rule.entry->vrfId(),
+                                          .ipAndPortOld = keyPair,
+                                          .ipAndPortNew = connection.translated,
+                                          .target = connection.target,
+                                          .protocol = connection.protocol };
+   auto reply = own;
+   std::swap( reply.ipAndPortOld, reply.ipAndPortNew );
+   reply.target =
+      own.target == Ip::Nat::NatTarget::source ? Ip::Nat::NatTarget::destination : Ip::Nat::NatTarget::source;
+   return { own, reply };
+}
+
+inline Pfe::NatMatchKey matchKeyOf( Pfe::IngStaticNatTable::Key const & ingKey ) {
+   return Pfe::StaticNatMatchKey{ .natIntf = ingKey.natIntf,
+                                  .vrfId = ingKey.vrfId,
+                                  .ipAndPortOld = ingKey.ipAndPortOld,
+                                  .target = ingKey.target,
+                                  .protocol = ingKey.protocol };
+}
+
+}  // namespace Bench

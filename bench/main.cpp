@@ -1,0 +1,32 @@
+// Measures the programmer against the floor (Floor.h), per connection.
+//
+// A line per case and, with --benchmark_out=FILE, the same as JSON. Times are processor time per operation, the median
+// of rounds in which system and floor take turns in one process; ratio is the median of the rounds' ratios, min_ratio
+// that of the two shortest times. Only ratios of one run can be compared with one another.
+// allocs and bytes are calls of operator new and live heap bytes per operation, counted in the first round of a fresh
+// process, when no free list holds anything.
+#include "Heap.h"
+#include "LineReporter.h"
+#include "Questions.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <string>
+
+int main( int argc, char ** argv ) {
+   Bench::keepHeapPages();
+   Bench::registerStaticConnections();
+   Bench::registerUpdates();
+   Bench::registerRestart();
+   Bench::registerNatIds();
+   Bench::registerKeys();
+
+   benchmark::Initialize( &argc, argv );
+   if ( benchmark::ReportUnrecognizedArguments( argc, argv ) ) {
+      return EXIT_FAILURE;
+   }
+   Bench::LineReporter reporter;
+   auto const run = benchmark::RunSpecifiedBenchmarks( &reporter );
+   return run == 0 || reporter.anyFailed() ? EXIT_FAILURE : EXIT_SUCCESS;
+}
