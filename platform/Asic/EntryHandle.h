@@ -3,11 +3,10 @@
 
 #include <Asic/EntryState.h>
 #include <Orla/Ptr.h>
+#include <Vexa/RareList.h>
 #include <Vexa/Types.h>
 
-#include <memory>
 #include <ostream>
-#include <vector>
 
 namespace [[gnu::visibility( "default" )]] Asic {
 
@@ -42,40 +41,30 @@ class EntryHandle {
    EntryState state_ = EntryState::none;
 };
 
-// The egress handles of an ingress entry, in order. One, the common case, is held inside.
+// The egress handles of an ingress entry, in order. One whose failure counts, the common case, is held inside.
 class HandleList {
  public:
-   HandleList() = default;
-   HandleList( HandleList && ) noexcept = default;
-   HandleList & operator=( HandleList && ) noexcept = default;
-
    void push( EntryHandle::PtrConst const & handle, bool failureCounts ) {
-      if ( !first_.handle ) {
-         first_ = { handle, failureCounts };
+      if ( !first_ && more_.empty() && failureCounts ) {
+         first_ = handle;
       } else {
-         if ( !more_ ) {
-            more_ = std::make_unique< std::vector< Held > >();
-         }
-         more_->push_back( { handle, failureCounts } );
+         more_.push( { handle, failureCounts } );
       }
    }
 
-   std::size_t count() const { return ( first_.handle ? 1 : 0 ) + ( more_ ? more_->size() : 0 ); }
+   std::size_t count() const { return ( first_ ? 1 : 0 ) + more_.size(); }
 
+   // Calls function( handle, failureCounts ) for each.
    template< class Function > void forEach( Function && function ) const {
-      if ( first_.handle ) {
-         function( first_.handle, first_.failureCounts );
+      if ( first_ ) {
+         function( first_, true );
       }
-      if ( more_ ) {
-         for ( auto const & held : *more_ ) {
-            function( held.handle, held.failureCounts );
-         }
+      for ( auto const & held : more_ ) {
+         function( held.handle, held.failureCounts );
       }
    }
 
-   friend bool operator==( HandleList const & a, HandleList const & b ) {
-      return a.first_ == b.first_ && ( a.more_ && b.more_ ? *a.more_ == *b.more_ : a.count() == b.count() );
-   }
+   friend bool operator==( HandleList const & a, HandleList const & b ) = default;
    friend std::ostream & operator<<( std::ostream & out, HandleList const & list );
 
  private:
@@ -85,8 +74,8 @@ class HandleList {
       friend bool operator==( Held const &, Held const & ) = default;
    };
 
-   Held first_;
-   std::unique_ptr< std::vector< Held > > more_;
+   EntryHandle::PtrConst first_;
+   Vexa::RareList< Held > more_;
 };
 
 }  // namespace Asic

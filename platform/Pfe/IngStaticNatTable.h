@@ -5,9 +5,8 @@
 #include <IpNat/NatStatic.h>
 #include <Netix/IpAndPort.h>
 #include <Orla/String.h>
+#include <Vexa/RareList.h>
 #include <Vexa/Value.h>
-
-#include <vector>
 
 namespace [[gnu::visibility( "default" )]] Pfe {
 
@@ -37,11 +36,11 @@ struct IngStaticNatTableKey {
 static_assert( Vexa::describesEveryMember< IngStaticNatTableKey > );
 
 struct IngStaticNatEntry : Asic::ReferringEntry {
-   void filterIs( Ip::Nat::NatFilter const & filter ) { filters.push_back( filter ); }
+   void filterIs( Ip::Nat::NatFilter const & filter ) { filters.push( filter ); }
 
    U32 nextHopId = 0;  // 0: forwarded by the routes
    U32 aclId = 0;      // 0: no access list
-   std::vector< Ip::Nat::NatFilter > filters;
+   Vexa::RareList< Ip::Nat::NatFilter > filters;
 
    friend bool operator==( IngStaticNatEntry const &, IngStaticNatEntry const & ) = default;
    friend std::ostream & operator<<( std::ostream & out, IngStaticNatEntry const & entry );

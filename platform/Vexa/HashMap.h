@@ -127,7 +127,7 @@ template< class Key, class Value, U32 seedConstant > class HashMap {
    mutable std::vector< Watcher * > watchers_;
 };
 
-// A set of keys. One member, the common case, is held by itself; a table is made for the second.
+// A set of keys. The first member, mostly the only one, is held by itself; others are in a table.
 template< class Key, U32 seedConstant > class HashSet {
  public:
    HashSet() = default;
@@ -135,34 +135,32 @@ template< class Key, U32 seedConstant > class HashSet {
    HashSet( HashSet && ) noexcept = default;
    HashSet & operator=( HashSet && ) noexcept = default;
    HashSet & operator=( HashSet const & other ) {
-      auto only = other.only_ ? std::make_unique< Only >( *other.only_ ) : nullptr;
-      auto table = other.table_ ? std::make_unique< Table >( *other.table_ ) : nullptr;
-      only_ = std::move( only );
-      table_ = std::move( table );
-      return *this;
+      HashSet copy;
+      other.forEach( [ & ]( Key const & key ) { copy.is( key ); } );
+      return *this = std::move( copy );
    }
 
-   std::size_t count() const { return table_ ? table_->size() : only_ ? 1 : 0; }
+   std::size_t count() const {
+      return members_ ? members_->hasFirst + ( members_->others ? members_->others->size() : 0 ) : 0;
+   }
 
-   bool has( Key const & key ) const { return only_ ? only_->key == key : table_ && table_->contains( key ); }
+   bool has( Key const & key ) const {
+      return members_ && ( members_->isFirst( key ) || ( members_->others && members_->others->contains( key ) ) );
+   }
 
    // False when the key was there already.
    bool is( Key const & key ) {
-      if ( table_ ) {
-         return table_->insert( key ).second;
-      }
-      if ( !only_ ) {
-         only_ = std::make_unique< Only >( key );
+      if ( !members_ ) {
+         members_ = std::make_unique< Members >( key );
          return true;
       }
-      if ( only_->key == key ) {
+      if ( members_->isFirst( key ) ) {
          return false;
       }
-      table_ = std::make_unique< Table >();
-      table_->insert( only_->key );
-      table_->insert( key );
-      only_ = nullptr;
-      return true;
+      if ( !members_->others ) {
+         members_->others = std::make_unique< Others >();
+      }
+      return members_->others->insert( key ).second;
    }
 
    // False when the key was absent.
@@ -170,25 +168,32 @@ template< class Key, U32 seedConstant > class HashSet {
       if ( !has( key ) ) {
          return false;
       }
-      if ( only_ ) {
-         only_ = nullptr;
-         return true;
+      auto & others = members_->others;
+      if ( members_->isFirst( key ) ) {
+         members_->hasFirst = false;
+      } else {
+         others->erase( key );
       }
-      table_->erase( key );
-      if ( table_->size() == 1 ) {
-         only_ = std::make_unique< Only >( *table_->begin() );
-         table_ = nullptr;
+      if ( others && others->empty() ) {
+         others = nullptr;
+      }
+      if ( !others && !members_->hasFirst ) {
+         members_ = nullptr;
       }
       return true;
    }
 
-   void delAll() { *this = HashSet(); }
+   void delAll() { members_ = nullptr; }
 
    template< class Function > void forEach( Function && function ) const {
-      if ( only_ ) {
-         function( only_->key );
-      } else if ( table_ ) {
-         for ( auto const & key : *table_ ) {
+      if ( !members_ ) {
+         return;
+      }
+      if ( members_->hasFirst ) {
+         function( members_->first );
+      }
+      if ( members_->others ) {
+         for ( auto const & key : *members_->others ) {
             function( key );
          }
       }
@@ -201,15 +206,18 @@ template< class Key, U32 seedConstant > class HashSet {
    }
 
  private:
-   struct Only : Pooled< Only > {
-      explicit Only( Key const & k ) : key( k ) {}
-      Key key;
-   };
-   using Table = boost::unordered_flat_set< Key, KeyHash< Key, seedConstant > >;
+   using Others = boost::unordered_flat_set< Key, KeyHash< Key, seedConstant > >;
+   struct Members : Pooled< Members > {
+      explicit Members( Key const & key ) : first( key ) {}
+      bool isFirst( Key const & key ) const { return hasFirst && first == key; }
 
-   // One of the two, or none for the empty set. Pointers, because most sets stand in tables that are half empty.
-   std::unique_ptr< Only > only_;
-   std::unique_ptr< Table > table_;
+      Key first;
+      bool hasFirst = true;  // once it is gone nobody takes its place: that would be a search in a large table
+      std::unique_ptr< Others > others;  // null rather than empty
+   };
+
+   // One pointer, because most sets stand in maps that are half empty.
+   std::unique_ptr< Members > members_;
 };
 
 }  // namespace Vexa

@@ -31,7 +31,7 @@ template< std::size_t size > class Pool {
       ( std::max( size, sizeof( Block ) ) + alignof( std::max_align_t ) / 2 - 1 ) &
       ~( alignof( std::max_align_t ) / 2 - 1 );
    static constexpr std::size_t firstChunk = 32;
-   static constexpr std::size_t growthDivisor = 4;
+   static constexpr std::size_t growthDivisor = 8;
    static constexpr std::size_t largestChunk = 1024;
 
    void grow() {
