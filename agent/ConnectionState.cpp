@@ -1,0 +1,71 @@
+#include "agent/ConnectionState.h"
+
+#include "agent/McastReplications.h"
+#include "agent/Text.h"
+
+#include <algorithm>
+
+namespace Agent {
+
+namespace {
+
+using PfeHelper::NatHwResult;
+using Row = Pfe::IngStaticNatTable::Key;
+
+void appendId( std::string & ids, Row const & row, Host const & host ) {
+   Pfe::StaticNatMatchKey const matchKey{ .natIntf = row.natIntf,
+                                          .vrfId = row.vrfId,
+                                          .ipAndPortOld = row.ipAndPortOld,
+                                          .target = row.target,
+                                          .protocol = row.protocol };
+   if ( auto const * const id = host.natIdInfo().matchKeyToNatId().find( matchKey ) ) {
+      ids += ids.empty() ? "" : " ";
+      append( ids, U64{ id->value() } );
+   }
+}
+
+// Why the row is not in the hardware; empty when it is.
+std::string faultOf( Row const & row, Host const & host ) {
+   auto const * const handle = host.tables().ingStatic->entryHandle( row );
+   auto const what = std::string( targetText( row.target ) ) + " row ";
+   if ( handle ) {
+      return handle->state() == Asic::EntryState::settled ? "" : what + std::string( stateText( handle->state() ) );
+   }
+   return host.natIdInfo().matchKeyToNatId().count() < Pfe::NatId::max ? what + "missing" : "no NAT id is free";
+}
+
+}  // namespace
+
+ConnectionState stateOf( StaticConnection const & connection, Host const & host ) {
+   auto const * const status = host.status().staticStatus().find( connection.key );
+   auto const result = status ? status->result : NatHwResult::pending;
+   ConnectionState state{ .programmed = result == NatHwResult::programmed,
+                          .result = status ? resultText( result ) : "no result",
+                          .reason =
+                             result == NatHwResult::rejectedMulticast ? std::string( whyInvalid( connection ) ) : "",
+                          .natIds = {},
+                          .fragmentNatIds = {} };
+   auto const target = connection.entry->connection().target;
+   for ( auto const side : Ip::Nat::getStaticConnectionTargets( target, isMulticast( connection ) ) ) {
+      auto row = ingressRowOf( connection, side );
+      appendId( state.natIds, row, host );
+      if ( !state.programmed && result != NatHwResult::rejectedMulticast ) {
+         auto const fault = faultOf( row, host );
+         state.reason += ( fault.empty() || state.reason.empty() ? "" : ", " ) + fault;
+      }
+      if ( row.ipAndPortOld.port != 0 && host.configuration().rules->fragmentationEnabled() ) {
+         row.ipAndPortOld.port = 0;
+         appendId( state.fragmentNatIds, row, host );
+      }
+   }
+   return state;
+}
+
+StaticConnection const * connectionOf( Row const & row, Configuration const & configuration ) {
+   auto const found = std::ranges::find_if( configuration.connections, [ & ]( StaticConnection const & connection ) {
+      return ingressRowOf( connection, row.target ) == row;
+   } );
+   return found == configuration.connections.end() ? nullptr : &*found;
+}
+
+}  // namespace Agent

@@ -1,0 +1,40 @@
+// The agent's multicast hook: what the chip's code would do for multicast rules.
+#pragma once
+
+#include "agent/Configuration.h"
+
+#include "PfeNat/PfeNatSwTableProgrammerSm.h"
+
+#include <string_view>
+
+namespace Agent {
+
+// Answers with one rewrite per replication of the group that the rule names: the destination becomes the rule's
+// translated group address, the source what the replication says.
+class McastReplications final : public Pfe::NatMcastProgrammerHelper {
+ public:
+   explicit McastReplications( std::vector< StaticConnection > const & connections );
+
+   Pfe::EgrMcastEntry getStaticEgrMcastEntry( Pfe::NatProgrammerStaticKey const & key,
+                                              Pfe::NatProgrammerStaticEntry::PtrConst const & entry,
+                                              Pfe::NatMatchKey const & matchKey, Pfe::NatId natId ) override;
+   Pfe::EgrMcastEntry getTwiceEgrMcastEntry( Pfe::NatProgrammerTwiceKey const & key,
+                                             Pfe::NatProgrammerTwiceEntry::PtrConst const & entry,
+                                             Pfe::NatMatchKey const & matchKey, Pfe::NatId natId ) override;
+   bool isValidMcastStaticTranslation( Pfe::NatProgrammerStaticKey const & key,
+                                       Pfe::NatProgrammerStaticEntry::PtrConst const & entry ) override;
+   bool isValidMcastTwiceTranslation( Pfe::NatProgrammerTwiceKey const & key,
+                                      Pfe::NatProgrammerTwiceEntry::PtrConst const & entry ) override;
+   // The rewrites go with the row that holds them, and nothing is kept over a restart.
+   void cleanupNatEntry( Pfe::IngNatTableKey const & ) override {}
+   void handleStartup() override {}
+
+ private:
+   using Groups = Vexa::HashMap< Pfe::NatProgrammerStaticKey, std::shared_ptr< McastGroup const >, 0x2545F491 >;
+   Groups groupOfRule_;
+};
+
+// Why the multicast rule cannot be translated; empty when it can.
+std::string_view whyInvalid( StaticConnection const & connection );
+
+}  // namespace Agent

@@ -1,0 +1,66 @@
+// NAT ids on disk.
+#pragma once
+
+#include <Pfe/NatIdInfo.h>
+#include <Vexa/HashMap.h>
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct MDB_env;
+
+namespace Agent {
+
+// One folder per configuration: an LMDB environment whose records are id (16 bits, most significant byte first) to the
+// text of its match key, and a file that the process using the folder has locked.
+//
+// What changes between two commits reaches the disk in one transaction, or not at all if the process dies before.
+// Whatever throws, throws UnusableInput and has changed nothing in the folder.
+class NatIdStore final : private Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
+ public:
+   // Opens the folder, or creates it (0700, files 0600). Throws when it can not be used or is damaged, and when another
+   // process uses it.
+   explicit NatIdStore( std::string folder );
+   ~NatIdStore();
+
+   // Fills `natIdInfo` with the ids of the store, and keeps the store the same as it from then on. Called once. Throws
+   // when a record does not hold what it should.
+   void natIdInfoIs( Pfe::NatIdInfo::Ptr natIdInfo );
+
+   // Writes the changes since the last commit. Throws when the disk does not take them.
+   void commit();
+
+   // Ids that the store held at the start.
+   std::size_t restoredCount() const { return restoredCount_; }
+   std::string const & folder() const { return folder_; }
+
+ private:
+   void onKey( Pfe::NatMatchKey const & key, Pfe::NatId const * previous, Pfe::NatId const * current ) override;
+   void load();
+
+   // Held while the folder is in use; the kernel gives it back however the process ends.
+   class Lock {
+    public:
+      explicit Lock( std::string const & folder );
+      ~Lock();
+      Lock( Lock const & ) = delete;
+      Lock & operator=( Lock const & ) = delete;
+
+    private:
+      int descriptor_;
+   };
+
+   std::string folder_;
+   std::optional< Lock > lock_;
+   std::unique_ptr< MDB_env, void ( * )( MDB_env * ) > environment_;
+   Pfe::NatIdInfo::Ptr natIdInfo_;
+   std::size_t restoredCount_ = 0;
+   // In their order. No key: the id is free.
+   std::vector< std::pair< Pfe::NatId, std::optional< Pfe::NatMatchKey > > > changes_;
+};
+
+}  // namespace Agent

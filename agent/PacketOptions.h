@@ -1,0 +1,18 @@
+// A packet as the command line describes it.
+#pragma once
+
+#include "agent/PacketWalk.h"
+
+namespace CLI {
+class App;
+}
+
+namespace Agent {
+
+// Values that are no such thing are refused by the parser, with option, value and what is allowed.
+void addPacketOptions( CLI::App & app, Packet & packet );
+
+// Throws UnusableInput unless the options go together: a known interface, and ports where there are any.
+void requireComplete( Packet const & packet );
+
+}  // namespace Agent

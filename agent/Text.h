@@ -1,0 +1,72 @@
+// Values in words.
+#pragma once
+
+#include <Asic/EntryState.h>
+#include <IpNat/NatStatic.h>
+#include <Netix/IntfId.h>
+#include <Netix/IpAndPort.h>
+#include <Pfe/IngStaticNatTable.h>
+#include <Pfe/NatId.h>
+#include <PfeHelper/NatHwResult.h>
+#include <Vexa/Value.h>
+
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace Agent {
+
+struct ProtocolName {
+   U8 number;  // IANA's
+   std::string_view name;
+};
+inline constexpr ProtocolName protocolNames[] = { { 0, "any" },  { 1, "icmp" }, { 6, "tcp" },   { 17, "udp" },
+                                                  { 47, "gre" }, { 50, "esp" }, { 132, "sctp" } };
+
+void append( std::string & out, U64 number );
+
+// "10.0.0.1:80", without the port when it is 0.
+std::string textOf( Netix::IpAndPort const & pair );
+// The name; the number of a protocol that has none here.
+std::string protocolText( U8 protocol );
+std::string_view targetText( Ip::Nat::NatTarget target );
+std::string_view resultText( PfeHelper::NatHwResult result );
+std::string_view stateText( Asic::EntryState state );
+
+namespace detail {
+
+template< class T > std::string fieldText( std::string_view name, T const & value ) {
+   if constexpr ( std::is_same_v< T, Netix::IpAndPort > ) {
+      return textOf( value );
+   } else if constexpr ( std::is_same_v< T, Orla::String > ) {
+      return std::string( value.text() );
+   } else if constexpr ( std::is_same_v< T, U32 > ) {
+      return name == "egressIntf" ? Vexa::stringOf( Netix::IntfId::fromValue( value ).value_or( Netix::IntfId() ) )
+                                  : std::to_string( value );
+   } else if constexpr ( std::is_same_v< T, U8 > ) {
+      return name == "protocol" ? protocolText( value ) : std::to_string( value );
+   } else {
+      return Vexa::stringOf( value );
+   }
+}
+
+template< class T > void appendField( std::string & out, std::string_view name, T const & value ) {
+   if ( value != T() || std::is_same_v< T, Pfe::NatId > ) {
+      out.append( out.empty() ? "" : " " ).append( name ).append( "=" ).append( fieldText( name, value ) );
+   }
+}
+
+}  // namespace detail
+
+// The fields of a key or entry of a table that are set, by name: "natId=3 qualifier=7". A static row, which people read
+// most, as "ethernet1 source 10.0.0.1:80 -> 192.0.2.1:80 tcp".
+std::string fieldsOf( Pfe::IngStaticNatTable::Key const & row );
+template< Vexa::Described T > std::string fieldsOf( T const & value ) {
+   std::string fields;
+   std::apply(
+      [ & ]( auto... attribute ) { ( detail::appendField( fields, attribute.name, value.*attribute.member ), ... ); },
+      T::attributes() );
+   return fields;
+}
+
+}  // namespace Agent
