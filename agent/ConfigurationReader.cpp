@@ -31,6 +31,8 @@ class Faults {
       }
    }
 
+   bool any() const { return count_ > 0; }
+
    void throwThem( std::string const & file ) const {
       if ( count_ > mostShown ) {
          throw UnusableInput( text_ + "\n" + file + ": " + std::to_string( count_ - mostShown ) +
@@ -165,8 +167,8 @@ class Reader {
       result_.enabled = instance.enabled;
       result_.rules->fragmentationEnabledIs( instance.fragmentation );
       readGroups( instance.groups );
-      faults_.throwThem( result_.file );  // or entries that name a faulty group would be refused as well
-      if ( instance.entries ) {
+      // Entries that name a faulty group are not to be blamed for it.
+      if ( instance.entries && !faults_.any() ) {
          instance.entries.forEach( [ & ]( JsonValue value ) { faults_.collect( [ & ] { readEntry( value ); } ); } );
       }
    }

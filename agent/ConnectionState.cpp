@@ -24,14 +24,17 @@ void appendId( std::string & ids, Row const & row, Host const & host ) {
    }
 }
 
-// Why the row is not in the hardware; empty when it is.
+// Why the row is not in the hardware; empty when it is. A row that was never written is one of a rule that was refused,
+// which happens to static rules for want of a NAT id only.
 std::string faultOf( Row const & row, Host const & host ) {
    auto const * const handle = host.tables().ingStatic->entryHandle( row );
-   auto const what = std::string( targetText( row.target ) ) + " row ";
-   if ( handle ) {
-      return handle->state() == Asic::EntryState::settled ? "" : what + std::string( stateText( handle->state() ) );
+   if ( !handle ) {
+      return "no NAT id was free";
    }
-   return host.natIdInfo().matchKeyToNatId().count() < Pfe::NatId::max ? what + "missing" : "no NAT id is free";
+   auto const state = handle->state();
+   return state == Asic::EntryState::settled
+             ? ""
+             : std::string( targetText( row.target ) ).append( " row " ).append( stateText( state ) );
 }
 
 }  // namespace
@@ -51,7 +54,9 @@ ConnectionState stateOf( StaticConnection const & connection, Host const & host 
       appendId( state.natIds, row, host );
       if ( !state.programmed && result != NatHwResult::rejectedMulticast ) {
          auto const fault = faultOf( row, host );
-         state.reason += ( fault.empty() || state.reason.empty() ? "" : ", " ) + fault;
+         if ( fault != state.reason ) {
+            state.reason += ( fault.empty() || state.reason.empty() ? "" : ", " ) + fault;
+         }
       }
       if ( row.ipAndPortOld.port != 0 && host.configuration().rules->fragmentationEnabled() ) {
          row.ipAndPortOld.port = 0;

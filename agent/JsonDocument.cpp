@@ -25,13 +25,22 @@ std::string withoutPreamble( std::string_view text ) {
    if ( text.starts_with( "parse error at " ) ) {
       text.remove_prefix( text.find( ": " ) + 2 );
    }
-   return std::string( text );
+   std::string told( text );
+   std::ranges::replace_if(
+      told, []( char c ) { return static_cast< unsigned char >( c ) >= 0x80; }, '?' );
+   return told;
 }
 
+// As JSON, so that nothing in it disturbs a terminal; a character that is cut in two is replaced.
+std::string quoted( std::string_view text ) {
+   return nlohmann::json( text ).dump( -1, ' ', false, nlohmann::json::error_handler_t::replace );
+}
+
+// `position` counts characters from 1.
 std::string placeInText( std::string_view text, std::size_t position ) {
-   auto const before = text.substr( 0, position );
+   auto const before = text.substr( 0, position - 1 );
    auto const line = 1 + std::ranges::count( before, '\n' );
-   auto const column = before.size() - ( before.rfind( '\n' ) + 1 );
+   auto const column = position - ( before.rfind( '\n' ) + 1 );
    return "line " + std::to_string( line ) + ", column " + std::to_string( column );
 }
 
@@ -60,8 +69,8 @@ class JsonDocument::Builder {
    bool end_array() { return close(); }
 
    bool parse_error( std::size_t position, std::string const &, std::exception const & error ) {
-      throw UnusableInput( document_.file_ + ": " + placeInText( text_, position ) + ": " +
-                           withoutPreamble( error.what() ) );
+      auto const place = placeInText( text_, std::max< std::size_t >( position, 1 ) );
+      throw UnusableInput( document_.file_ + ": " + place + ": " + withoutPreamble( error.what() ) );
    }
 
  private:
@@ -145,13 +154,16 @@ std::string JsonDocument::Value::pointer() const {
       if ( at.kind() == Kind::list ) {
          pointer += std::to_string( position - 1 );
       }
-      for ( char const c : next.name() ) {
+      auto const name = quoted( next.name() );
+      for ( char const c : std::string_view( name ).substr( 1, name.size() - 2 ) ) {
          pointer += c == '~' ? "~0" : c == '/' ? "~1" : std::string( 1, c );
       }
       at = next;
    }
    return pointer;
 }
+
+std::string JsonDocument::Value::quotedName() const { return quoted( name() ); }
 
 std::string JsonDocument::Value::excerpt() const {
    switch ( kind() ) {
@@ -163,10 +175,7 @@ std::string JsonDocument::Value::excerpt() const {
    case Kind::object: return "an object";
    case Kind::text: break;
    }
-   auto const isLong = text().size() > excerptLength;
-   auto const shown = nlohmann::json( text().substr( 0, excerptLength ) );
-   auto const replace = nlohmann::json::error_handler_t::replace;  // a cut may fall into a character
-   return shown.dump( -1, ' ', false, replace ) + ( isLong ? "..." : "" );
+   return quoted( text().substr( 0, excerptLength ) ) + ( text().size() > excerptLength ? "..." : "" );
 }
 
 }  // namespace Agent

@@ -64,6 +64,7 @@ class JsonDocument {
       std::string const & file() const { return document_->file_; }
       // RFC 6901. Found by walking down from the root: for messages.
       std::string pointer() const;
+      std::string quotedName() const;
       // The value as JSON, long texts cut short; containers only by what they are.
       std::string excerpt() const;
 

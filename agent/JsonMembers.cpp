@@ -102,7 +102,7 @@ void requireList( JsonValue value ) {
 namespace detail {
 
 void refuseMember( JsonValue value, std::string_view why, std::string const & names ) {
-   refuseText( value, '"' + std::string( value.name() ) + '"', why, names + ", each at most once" );
+   refuseText( value, value.quotedName(), why, names + ", each at most once" );
 }
 
 void refuseMissing( JsonValue object, std::string_view name ) {

@@ -125,15 +125,15 @@ NatIdStore::Lock::Lock( std::string const & folder )
    struct flock region {};
    region.l_type = F_WRLCK;
    region.l_whence = SEEK_SET;
-   if ( fcntl( descriptor_, F_SETLK, &region ) == 0 ) {
+   if ( descriptor_ >= 0 && fcntl( descriptor_, F_SETLK, &region ) == 0 ) {
       return;
    }
-   std::string fault = std::string( "agent.lock cannot be locked: " ) + std::strerror( errno );
-   if ( ( errno == EACCES || errno == EAGAIN ) && fcntl( descriptor_, F_GETLK, &region ) == 0 ) {
-      fault = "is in use by process " + std::to_string( region.l_pid ) + "; allowed: one agent per state folder";
-   }
+   int const error = errno;
+   bool const isHeld = ( error == EACCES || error == EAGAIN ) && fcntl( descriptor_, F_GETLK, &region ) == 0;
    close( descriptor_ );
-   throw UnusableInput( folder + ": " + fault );
+   throw UnusableInput( isHeld ? folder + ": is in use by process " + std::to_string( region.l_pid ) +
+                                    "; allowed: one agent per state folder"
+                               : folder + "/agent.lock: cannot be locked: " + std::strerror( error ) );
 }
 
 NatIdStore::Lock::~Lock() { close( descriptor_ ); }
