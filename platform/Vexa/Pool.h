@@ -48,12 +48,26 @@ template< std::size_t size > class Pool {
    std::vector< std::unique_ptr< std::byte[] > > chunks_;
 };
 
+// The address sanitizer finds what is used too late, or never given back, only in memory of its own.
+inline constexpr bool poolsAreUsed =
+#if defined( __SANITIZE_ADDRESS__ )
+   false;
+#elif defined( __has_feature )
+#if __has_feature( address_sanitizer )
+   false;
+#else
+   true;
+#endif
+#else
+   true;
+#endif
+
 // Base that gives a class the free list of its size. Only for classes that are destroyed as what they are, or through a
 // virtual destructor.
 template< class T > class Pooled {
  public:
-   static void * operator new( std::size_t ) { return pool().take(); }
-   static void operator delete( void * memory ) { pool().give( memory ); }
+   static void * operator new( std::size_t size ) { return poolsAreUsed ? pool().take() : ::operator new( size ); }
+   static void operator delete( void * memory ) { poolsAreUsed ? pool().give( memory ) : ::operator delete( memory ); }
 
  private:
    // Never destroyed: objects in static storage may give their memory back at any time.
