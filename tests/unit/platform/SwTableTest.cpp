@@ -1,113 +1,17 @@
 // Software tables: what look-ups see, what the hardware holds, who is told, and who holds whose handle.
+#include "SwTableFixture.h"
+
 #include <Asic/SwTableWorkaround.h>
-#include <Pfe/IngTwiceNatTable.h>
-#include <tests/support/ScriptedHardware.h>
-#include <tests/support/SmallTables.h>
-#include <tests/support/TableText.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <memory>
-
+namespace SwTables {
 namespace {
 
-using Asic::EntryState;
-using Handle = Asic::EntryHandle::PtrConst;
-using Support::Match;
-using Support::Rewrite;
-using Support::RowNumber;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
-
-// Rewrites have data 10 to 49, matches 50 to 99: a picture of everything names a version by its data.
-class SwTable : public testing::Test {
- protected:
-   SwTable() { hardware->policyIs( chip ); }
-   ~SwTable() override {
-      after.clear();
-      if ( matches ) {
-         matches->clear();
-      }
-   }
-
-   template< class Entry > Entry entry( U32 data ) {
-      Entry made;
-      made.data = data;
-      made.writeResponse = [ this, data ]( EntryState state ) {
-         told += ' ' + std::to_string( data ) + ':' + std::to_string( +static_cast< U8 >( state ) );
-         if ( auto const action = after.extract( data ) ) {
-            action.mapped()();
-         }
-      };
-      return made;
-   }
-   Handle ref( U32 row, U32 data ) { return rewrites->entryRef( RowNumber( row ), entry< Rewrite >( data ) ); }
-   Match match( U32 data, std::vector< Handle > const & needed, Handle const & twin = nullptr ) {
-      auto made = entry< Match >( data );
-      for ( auto const & handle : needed ) {
-         made.egrHandleIs( handle, true );
-      }
-      made.fragHdl = twin;
-      return made;
-   }
-   Handle commit( U32 row, U32 data, std::vector< Handle > const & needed = {}, Handle const & twin = nullptr ) {
-      return matches->entryCommit( RowNumber( row ), match( data, needed, twin ) );
-   }
-   Handle refTwin( U32 row, U32 data, std::vector< Handle > const & needed = {} ) {
-      return matches->entryRef( RowNumber( row ), match( data, needed ) );
-   }
-   void remove( U32 row ) { matches->entryRemove( RowNumber( row ) ); }
-   // Refused removals keep a turn from ending with nothing outstanding.
-   void settle() { hardware->settle(); }
-
-   // What look-ups see ("?" pending, "!" failed, "#" full), what the chip holds, what is outstanding, who was told
-   // since.
-   std::string picture() {
-      std::string text = "seen" + seen( *rewrites, 'r' ) + seen( *matches, 'm' ) + " | chip" + held( *rewrites, 'r' ) +
-                         held( *matches, 'm' ) + " | open " + std::to_string( hardware->outstanding() );
-      return text + " | told" + std::exchange( told, {} );
-   }
-
-   Asic::Hardware::Ptr hardware = Orla::make< Asic::Hardware >();
-   std::shared_ptr< Support::ScriptedHardware > chip = std::make_shared< Support::ScriptedHardware >();
-   Orla::Ptr< Support::RewriteTable > rewrites = Orla::make< Support::RewriteTable >( hardware );
-   Orla::Ptr< Support::MatchTable > matches = Orla::make< Support::MatchTable >( hardware );
-   std::string told;
-   std::map< U32, std::function< void() > > after;  // done once, by the response of the version with that data
-
- private:
-   template< class Table > static std::string seen( Table const & table, char letter ) {
-      std::map< U32, std::string > rows;
-      table.forEach( [ & ]( RowNumber key, auto const & row, Asic::EntryHandle const & handle ) {
-         auto const state = handle.state();
-         auto const * const mark = state == EntryState::pending  ? "?"
-                                   : state == EntryState::failed ? "!"
-                                   : state == EntryState::full   ? "#"
-                                                                 : "";
-         rows[ key.value() ] = ' ' + ( letter + Vexa::stringOf( key ) ) + '=' + std::to_string( row.data ) + mark;
-      } );
-      return join( rows );
-   }
-   template< class Table > static std::string held( Table const & table, char letter ) {
-      std::map< U32, std::string > rows;
-      for ( U32 row = 0; row < 10; ++row ) {
-         if ( auto const * const entry = table.hardwareEntry( RowNumber( row ) ) ) {
-            rows[ row ] = std::string( " " ) + letter + std::to_string( row ) + '=' + std::to_string( entry->data );
-         }
-      }
-      return join( rows );
-   }
-   static std::string join( std::map< U32, std::string > const & rows ) {
-      std::string text;
-      for ( auto const & [ row, line ] : rows ) {
-         text += line;
-      }
-      return text;
-   }
-};
 
 // --- Versions --------------------------------------------------------------------------------------------------------
 
@@ -449,7 +353,8 @@ TEST_F( SwTable, SettlesByHandInRequestOrder ) {
    remove( 5 );
    hardware->settleNext( EntryState::failed );
    EXPECT_EQ( picture(), "seen r1=10 m5=50! | chip r1=10 m5=50 | open 1 | told 10:3 50:3 50:4" );
-   EXPECT_DEATH( hardware->settleNext( EntryState::settled ), StartsWith( "first_ && \"nothing is outstanding\"\n" ) );
+   EXPECT_DEATH( hardware->settleNext( EntryState::settled ),
+                 StartsWith( "!queue_.empty() && \"nothing is outstanding\"\n" ) );
 }
 
 TEST_F( SwTable, AChipMayBeFullSlowOrPicky ) {
@@ -471,155 +376,5 @@ TEST_F( SwTable, AChipMayBeFullSlowOrPicky ) {
    EXPECT_EQ( picture(), "seen m1=53 m3=54! | chip m1=53 | open 0 | told 53:3 51:3 54:4" );
 }
 
-// --- Ends ------------------------------------------------------------------------------------------------------------
-
-TEST_F( SwTable, AHandleMayOutliveItsTable ) {
-   auto settled = ref( 1, 10 );
-   settle();
-   auto const outstanding = ref( 2, 20 );
-   auto const copy = settled;
-   rewrites->clear();
-   EXPECT_EQ( picture(), "seen | chip | open 0 | told 10:3" );
-   EXPECT_FALSE( settled->heldByHardware() );
-   EXPECT_EQ( Vexa::stringOf( settled ), "1" );
-   auto const again = ref( 1, 11 );  // a row of its own
-   EXPECT_NE( again, settled );
-   settled = nullptr;
-   settle();
-   EXPECT_EQ( picture(), "seen r1=11 | chip r1=11 | open 0 | told 11:3" );
-   rewrites = nullptr;
-   EXPECT_EQ( hardware->tables().size(), 1U );
-   settle();
-}
-
-// Rows that hold each other, and themselves, in whatever order the table destroys them.
-TEST_F( SwTable, ClearGivesUpRowsThatReferToRowsOfTheSameTable ) {
-   for ( bool const settled : { false, true } ) {
-      auto gone = refTwin( 900, 59 );
-      for ( U32 row = 0; row < 100; ++row ) {
-         auto const twin = refTwin( 100 + row, 51, { ref( row, 10 ) } );
-         commit( row, 50, { ref( row, 11 ) }, row % 3 == 0 ? gone : twin );
-         if ( row % 5 == 0 ) {
-            commit( row, 52, {}, commit( row, 53, {}, twin ) );
-         }
-      }
-      remove( 900 );
-      if ( settled ) {
-         settle();
-      }
-      gone = nullptr;
-      told.clear();
-      matches->clear();
-      EXPECT_EQ( told, "" );
-      EXPECT_EQ( matches->rowCount() + matches->hardwareRowCount(), 0U );
-      EXPECT_THAT( Support::keysOf( *matches ), IsEmpty() );
-      settle();
-      told.clear();
-      EXPECT_EQ( picture(), "seen | chip | open 0 | told" );
-      EXPECT_THAT( Support::keysOf( *rewrites ), IsEmpty() );
-   }
-}
-
-TEST_F( SwTable, AResponseMayClearItsTableAndWriteItAnew ) {
-   chip->refuseAll = true;
-   commit( 1, 50 );
-   settle();
-   remove( 1 );
-   settle();  // refused
-   auto const twin = refTwin( 2, 51 );
-   commit( 3, 52, { ref( 1, 10 ) }, twin );
-   commit( 4, 53, {}, twin );
-   after[ 52 ] = [ & ] {
-      matches->clear();
-      commit( 3, 54 );
-   };
-   chip->refuseAll = false;
-   told.clear();
-   settle();
-   EXPECT_EQ( picture(), "seen m3=54 | chip m3=54 | open 0 | told 51:3 10:3 52:3 54:3 10:3" );
-   EXPECT_FALSE( twin->heldByHardware() );
-}
-
-// The last reference to everything goes in a response, and another one with the table's last response.
-TEST( SwTableEnd, AResponseMayDropTheLastReferenceToItsTableAndTheHardware ) {
-   auto hardware = Orla::make< Asic::Hardware >();
-   auto table = Orla::make< Support::MatchTable >( hardware );
-   auto const watched = std::make_shared< int >();
-   for ( U32 row = 0; row < 3; ++row ) {
-      Match entry;
-      entry.writeResponse = [ &, watched ]( EntryState ) {
-         ++*watched;
-         table = nullptr;
-         hardware = nullptr;
-      };
-      table->entryCommit( RowNumber( row ), std::move( entry ) );
-   }
-   hardware->settle();
-   EXPECT_EQ( *watched, 1 );  // the queue dropped the others
-   EXPECT_EQ( watched.use_count(), 1 );
-}
-
-// The cycle programmer, table, row, response, programmer is broken by clear(), which then destroys the table itself.
-TEST( SwTableEnd, ClearMayDropTheLastReferenceToItsTable ) {
-   struct Programmer {
-      Orla::Ptr< Support::MatchTable > table;
-      Orla::Ptr< Support::RewriteTable > rewrites;
-      Handle held;
-   };
-   auto const hardware = Orla::make< Asic::Hardware >();
-   auto programmer = std::make_shared< Programmer >();
-   std::weak_ptr< Programmer > const alive = programmer;
-   programmer->table = Orla::make< Support::MatchTable >( hardware );
-   programmer->rewrites = Orla::make< Support::RewriteTable >( hardware );
-   for ( U32 row = 0; row < 9; ++row ) {
-      Match entry;
-      entry.egrHandleIs( programmer->rewrites->entryRef( RowNumber( row ), {} ), true );
-      entry.fragHdl = programmer->held;
-      entry.writeResponse = [ programmer ]( EntryState ) {};
-      programmer->held = programmer->table->entryCommit( RowNumber( row ), std::move( entry ) );
-      if ( row == 5 ) {
-         hardware->settle();
-      }
-   }
-   auto & table = *programmer->table;
-   programmer = nullptr;
-   EXPECT_FALSE( alive.expired() );
-   table.clear();
-   EXPECT_TRUE( alive.expired() );
-   EXPECT_THAT( hardware->tables(), IsEmpty() );
-   EXPECT_EQ( hardware->outstanding(), 0U );
-}
-
-// --- Entries ---------------------------------------------------------------------------------------------------------
-
-TEST( Entry, ComparesAndPrintsItsHandlesButNotItsResponse ) {
-   auto const handle = []( U32 index ) { return Asic::SwTableWorkaround::dontCareHandle( index ); };
-   auto const entryWith = [ & ]( std::vector< U32 > const & egress ) {
-      Pfe::IngTwiceNatEntry entry;
-      for ( auto const index : egress ) {
-         entry.egrHandleIs( handle( index ), true );
-      }
-      return entry;
-   };
-   auto plain = entryWith( {} ), answered = entryWith( {} );
-   answered.writeResponse = []( EntryState ) {};
-   EXPECT_EQ( plain, answered );
-   EXPECT_EQ( Vexa::stringOf( answered ), "egrHdl=[], fragHdl=none, nextHopId=0" );
-   std::vector< U32 > const lists[] = { {}, { 1 }, { 2 }, { 1, 2 }, { 1, 3 }, { 1, 2, 3 } };
-   for ( auto const & a : lists ) {
-      for ( auto const & b : lists ) {
-         EXPECT_EQ( entryWith( a ) == entryWith( b ), a == b );
-      }
-   }
-   auto twin = entryWith( { 1, 2, 3 } );
-   twin.fragHdl = handle( 4 );
-   EXPECT_NE( twin, entryWith( { 1, 2, 3 } ) );
-   EXPECT_EQ( Vexa::stringOf( twin ), "egrHdl=[ dontCare, dontCare, dontCare ], fragHdl=dontCare, nextHopId=0" );
-   Pfe::IngTwiceNatEntry one = entryWith( { 1 } ), other;
-   other.egrHandleIs( handle( 1 ), false );
-   EXPECT_NE( one, other );  // what counts as a failure is part of an entry
-   EXPECT_EQ( handle( 7 ), handle( 7 ) );
-   EXPECT_NE( handle( 7 ), handle( 8 ) );
-}
-
 }  // namespace
+}  // namespace SwTables
