@@ -1,0 +1,124 @@
+// One switch with static rules: the real programmer, the plain model of it, and the things that happen to both.
+#pragma once
+
+#include "StaticTables.h"
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace Model {
+
+// Hardware that fails, refuses, waits and reorders.
+class FaultyHardware final : public Asic::HardwarePolicy {
+ public:
+   unsigned failEvery = 0;    // every n-th write; 0: none
+   unsigned refuseEvery = 0;  // every n-th removal
+   std::size_t capacity = ~std::size_t{ 0 };
+   U64 delay = 0;
+   std::optional< std::mt19937 > order;
+
+   bool isReady( Request const & request ) override { return request.turnsWaited > delay; }
+   Asic::EntryState outcomeOfWrite( Request const & request ) override {
+      if ( failEvery != 0 && ++writes_ % failEvery == 0 ) {
+         return Asic::EntryState::failed;
+      }
+      bool const isFull = request.addsRow && request.table.hardwareRowCount() >= capacity;
+      return isFull ? Asic::EntryState::full : Asic::EntryState::settled;
+   }
+   bool refusesRemoval( Request const & ) override { return refuseEvery != 0 && ++removals_ % refuseEvery == 0; }
+   bool reorders() const override { return order.has_value(); }
+   std::size_t choose( std::size_t count ) override { return ( *order )() % count; }
+
+ private:
+   unsigned writes_ = 0;
+   unsigned removals_ = 0;
+};
+
+// What the base programmer hands over is compared with what it must hand over, call by call, and told to the model of
+// the tables. Nothing here throws: what is wrong is collected.
+class StaticWorld {
+ public:
+   explicit StaticWorld( U32 freeIds );
+   ~StaticWorld();
+
+   // --- What happens. Each is one change of an agent; check() belongs after each. ---
+
+   void configure( Rule const & rule );
+   void unconfigure( StaticKey const & key );
+   void settle();
+   void retryFailed() { running_->tables.hardware->retryFailed(); }
+   void fragmentationIs( bool enabled );
+   void startCleanup();
+   void endCleanup();
+   void replay();
+   // Only at rest.
+   void retryRefused();
+   void restart();
+   void freeIdsAre( U32 count );
+   // Turns until nothing is outstanding, and says so to the programmer. False when that takes too long.
+   bool rest();
+
+   FaultyHardware & hardware() { return *hardware_; }
+   Pfe::NatProgrammerConfig const & config() const { return *surroundings_.config; }
+   bool isCleaningUp() const { return cleaningUp_; }
+   bool isRefused( StaticKey const & key ) const;
+   // Whether another configured rule than the one under `key` has a row of `rule`.
+   bool collides( Rule const & rule ) const;
+
+   // Compares everything that holds after any step; at rest everything else too.
+   void check();
+   // Whether every rule that the chip can do is in the hardware as configured. Only at rest.
+   bool isAllProgrammed() const;
+   // Nothing of any rule is left anywhere.
+   void checkEmpty();
+   Lines takeFaults() { return std::exchange( faults_, {} ); }
+
+   static unsigned programmersAlive;
+
+ private:
+   class Observed;
+
+   // Told by the observed programmer.
+   void adding( Rule const & rule, bool isUpdate );
+   void accepted();
+   void refused();
+   void deleting( Rule const & rule );
+   void sweeping();
+
+   bool isRejected( Rule const & rule ) const;
+   void start();
+   void retryOver();
+   void checkHandOvers();
+   void checkStatus();
+   void expect( bool holds, std::string const & text, StaticKey const & key );
+   void fault( std::string const & text ) { faults_.push_back( text ); }
+
+   Support::Surroundings surroundings_;
+   std::shared_ptr< FaultyHardware > hardware_ = std::make_shared< FaultyHardware >();
+   std::unique_ptr< Support::Programmer > running_;
+   ExpectedTables tables_;
+   U32 freeIds_;
+
+   // The base programmer's memory.
+   std::map< StaticKey, StaticEntry > handedOver_;
+   std::deque< Rule > refused_;
+   std::set< StaticKey > programmed_;  // handed over, and neither dropped by a clean-up nor refused
+   std::map< StaticKey, unsigned > handOvers_;
+
+   std::optional< Rule > inFlight_;  // being added, and whether the id pool must run out
+   bool mustRaise_ = false;
+   std::optional< Rule > undoing_;
+   bool deletingAll_ = false;
+   bool cleaningUp_ = false;
+   bool retrying_ = false;
+   bool retryRaised_ = false;
+
+   std::set< IngressKey > mcastRows_;  // that held something when last looked at
+   Lines faults_;
+};
+
+}  // namespace Model

@@ -1,0 +1,165 @@
+// A table programmer with everything around it, and the words in which tests speak of it.
+#pragma once
+
+#include "PfeNat/PfeNatSwTableProgrammerSm.h"
+
+#include <tests/support/ScriptedHardware.h>
+
+#include <Asic/Hardware.h>
+#include <Trace/Trace.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Support {
+
+using Lines = std::vector< std::string >;
+
+// --- Rules -----------------------------------------------------------------------------------------------------------
+
+Netix::IntfId intf( std::string_view name );
+Netix::IpAddr ip( std::string_view text );
+Netix::IpAndPort pair( std::string_view text );  // "10.0.0.1:80"; without a port "10.0.0.1"
+std::string textOf( Netix::IpAndPort const & pair );
+
+using StaticFields = Pfe::NatProgrammerStaticEntry::Fields;
+using StaticEntry = Pfe::NatProgrammerStaticEntry::PtrConst;
+using StaticKey = Pfe::NatProgrammerStaticKey;
+
+StaticKey staticKey( std::string_view keyPair, std::string_view intfName = "ethernet1", char const * aclName = "" );
+
+// TCP, qualifier 5, target source unless the fields say otherwise; `translated` replaces the one in them.
+StaticEntry staticEntry( std::string_view translated,
+                         StaticFields fields = { .intfQualifier = 5, .connection = { .protocol = 6 } } );
+
+// A static ingress key of the default interface and protocol.
+Pfe::IngStaticNatTable::Key ingressKey( Ip::Nat::NatTarget target, std::string_view matched,
+                                        std::string_view translated, bool fragment = false );
+
+// --- Hooks -----------------------------------------------------------------------------------------------------------
+
+// Rewrites each replication to the translated address, one copy per egress interface.
+class McastHook final : public Pfe::NatMcastProgrammerHelper {
+ public:
+   std::function< bool( StaticKey const &, StaticEntry const & ) > accepts;  // empty: everything
+   std::vector< std::string > egressIntfs{ "ethernet7", "ethernet8" };
+   bool answersValid = true;
+   std::function< void() > whenAsked;  // runs inside getStaticEgrMcastEntry
+
+   std::vector< Pfe::IngNatTableKey > cleaned;
+   unsigned startups = 0;
+
+   Pfe::EgrMcastEntry getStaticEgrMcastEntry( StaticKey const & key, StaticEntry const & entry,
+                                              Pfe::NatMatchKey const & matchKey, Pfe::NatId natId ) override;
+   Pfe::EgrMcastEntry getTwiceEgrMcastEntry( Pfe::NatProgrammerTwiceKey const &,
+                                             Pfe::NatProgrammerTwiceEntry::PtrConst const &, Pfe::NatMatchKey const &,
+                                             Pfe::NatId ) override {
+      return {};
+   }
+   bool isValidMcastStaticTranslation( StaticKey const & key, StaticEntry const & entry ) override {
+      return !accepts || accepts( key, entry );
+   }
+   bool isValidMcastTwiceTranslation( Pfe::NatProgrammerTwiceKey const &,
+                                      Pfe::NatProgrammerTwiceEntry::PtrConst const & ) override {
+      return false;
+   }
+   void cleanupNatEntry( Pfe::IngNatTableKey const & key ) override { cleaned.push_back( key ); }
+   void handleStartup() override { ++startups; }
+};
+
+// --- Tables ----------------------------------------------------------------------------------------------------------
+
+// All tables of one chip.
+struct Tables {
+   Asic::Hardware::Ptr hardware = Orla::make< Asic::Hardware >();
+   Orla::Ptr< Pfe::EgrSourceNatUcRewriteTable > source = Orla::make< Pfe::EgrSourceNatUcRewriteTable >( hardware );
+   Orla::Ptr< Pfe::EgrDestinationNatUcRewriteTable > destination =
+      Orla::make< Pfe::EgrDestinationNatUcRewriteTable >( hardware );
+   Orla::Ptr< Pfe::EgrNatMcRewriteTable > multicast = Orla::make< Pfe::EgrNatMcRewriteTable >( hardware );
+   Orla::Ptr< Pfe::IngStaticNatTable > ingress = Orla::make< Pfe::IngStaticNatTable >( hardware );
+   Orla::Ptr< Pfe::IngTwiceNatTable > twice = Orla::make< Pfe::IngTwiceNatTable >( hardware );
+   Orla::Ptr< Pfe::IngDynamicSnaptTable > snapt = Orla::make< Pfe::IngDynamicSnaptTable >( hardware );
+   Orla::Ptr< Pfe::IngDynamicDnaptTable > dnapt = Orla::make< Pfe::IngDynamicDnaptTable >( hardware );
+   Orla::Ptr< Pfe::IngDynamicSnatAddrOnlyTable > snat = Orla::make< Pfe::IngDynamicSnatAddrOnlyTable >( hardware );
+   Orla::Ptr< Pfe::IngDynamicDnatAddrOnlyTable > dnat = Orla::make< Pfe::IngDynamicDnatAddrOnlyTable >( hardware );
+
+   void attachTo( Pfe::NatSwTableProgrammerSm & programmer ) const;
+   void clear() const;
+
+   std::size_t rowCount() const;
+   std::size_t failedRowCount() const;
+
+   // Every row of the tables of static rules that look-ups see, one line each, ingress rows first, sorted:
+   //    source eth1 10.0.0.1:80 > 192.0.2.1:80 proto 6 | source 2/5 | twin 10.0.0.1 > 192.0.2.1 | nextHop 0 acl 0
+   //    source 2/5 | 192.0.2.1:80 > 0.0.0.0
+   // Rewrites are named by table, NAT id and qualifier (or replication). Rows that have not settled say so at the end.
+   Lines text() const;
+};
+
+// --- Programmer ------------------------------------------------------------------------------------------------------
+
+// What outlives a programmer: its configuration, and the persisted NAT ids.
+struct Surroundings {
+   Pfe::NatProgrammerConfig::Ptr config = Orla::make< Pfe::NatProgrammerConfig >();
+   Pfe::NatIdInfo::Ptr natIdInfo = Orla::make< Pfe::NatIdInfo >();
+   Orla::Ptr< McastHook > mcast = Orla::make< McastHook >();
+   Orla::Ptr< Pfe::NatAclNameIdTable > acls = Orla::make< Pfe::NatAclNameIdTable >();
+   std::shared_ptr< ScriptedHardware > chip = std::make_shared< ScriptedHardware >();
+};
+
+// A programmer in table mode with its tables, hooks and status, as an agent sets it up. Ends as an agent does.
+class Programmer : public Surroundings {
+ public:
+   using Sm = Pfe::NatSwTableProgrammerSm;
+   // Creates the programmer out of configuration, status and persisted ids.
+   using Make = std::function< Sm::Ptr( Surroundings const &, Pfe::NatProgrammerStatus::Ptr const & ) >;
+
+   // Ready for requests, replay() not yet called.
+   explicit Programmer( Surroundings surroundings = {}, Make const & make = {} );
+   ~Programmer() { tables.clear(); }
+   Programmer( Programmer const & ) = delete;
+   Programmer & operator=( Programmer const & ) = delete;
+
+   Sm * operator->() const { return sm.ptr(); }
+
+   void settle() const { tables.hardware->settle(); }
+   // Turns until nothing is outstanding, then says so. False when something stays outstanding.
+   bool settleToRest() const;
+
+   // The result of a static rule; absent while it has none.
+   std::optional< PfeHelper::NatHwResult > result( StaticKey const & key ) const;
+   std::size_t idsInUse() const { return natIdInfo->matchKeyToNatId().count(); }
+   // Takes ids out of the pool until `count` are free, without anybody holding them.
+   void freeIdsAre( U32 count ) const;
+
+   Tables tables;
+   Pfe::NatProgrammerStatus::Ptr status = Orla::make< Pfe::NatProgrammerStatus >();
+   Pfe::NatTrapConfig::Ptr traps = Orla::make< Pfe::NatTrapConfig >();
+   Pfe::NatProfileConfig::Ptr profiles = Orla::make< Pfe::NatProfileConfig >();
+   Sm::Ptr sm;
+};
+
+// --- Traces ----------------------------------------------------------------------------------------------------------
+
+// Collects the text traces up to a level while it lives.
+class TraceLines {
+ public:
+   explicit TraceLines( U8 level );
+   ~TraceLines();
+   TraceLines( TraceLines const & ) = delete;
+   TraceLines & operator=( TraceLines const & ) = delete;
+
+   // "<level> <line>", oldest first, since the last call.
+   Lines take() { return std::exchange( lines_, {} ); }
+
+ private:
+   Lines lines_;
+};
+
+// The messages that the ring got while `action` ran.
+Lines ringLinesOf( std::function< void() > const & action );
+
+}  // namespace Support
