@@ -49,97 +49,63 @@ class Faults {
    std::string text_;
 };
 
-// --- Multicast groups ------------------------------------------------------------------------------------------------
+// --- Members ---------------------------------------------------------------------------------------------------------
 
-struct ReplicationMembers {
+struct ReplicationMembers : Replication {
    U16 number = 0;
-   Replication replication;
-};
-
-struct GroupMembers {
-   std::string_view name;
-   std::shared_ptr< McastGroup > copies = std::make_shared< McastGroup >();
 };
 
 constexpr Member< ReplicationMembers > replicationMembers[] = {
-   { "number", []( JsonValue value, ReplicationMembers & r ) { takeNumber( value, r.number ); }, true },
-   { "interface", []( JsonValue value, ReplicationMembers & r ) { r.replication.intf = takeInterface( value ); },
-     true },
-   { "source-address",
-     []( JsonValue value, ReplicationMembers & r ) { r.replication.sourceAddress = takeHost( value ); } } };
+   { "number", into< &ReplicationMembers::number >, true },
+   { "interface", into< &ReplicationMembers::intf >, true },
+   { "source-address", into< &ReplicationMembers::sourceAddress > } };
 
-void takeReplications( JsonValue list, GroupMembers & group ) {
-   requireList( list );
-   list.forEach( [ & ]( JsonValue value ) {
-      ReplicationMembers members;
-      takeMembers( value, replicationMembers, members );
-      if ( !group.copies->emplace( members.number, members.replication ).second ) {
-         refuse( value, "has the number " + std::to_string( members.number ) + " of another replication",
-                 "a number of its own" );
-      }
-   } );
-}
+struct GroupMembers {
+   std::string_view name;
+   JsonValue replications;
+};
 
-constexpr Member< GroupMembers > groupMembers[] = {
-   { "name", []( JsonValue value, GroupMembers & group ) { group.name = takeName( value ); }, true },
-   { "replication", &takeReplications, true } };
-
-// --- Instance --------------------------------------------------------------------------------------------------------
+constexpr Member< GroupMembers > groupMembers[] = { { "name", into< &GroupMembers::name >, true },
+                                                    { "replication", into< &GroupMembers::replications >, true } };
 
 struct InstanceMembers {
    U32 id = 0;
    std::string_view name;
    bool enabled = true;
+   JsonValue mappingTable;
    bool fragmentation = false;
    JsonValue groups;
-   JsonValue entries;
 };
 
-void takeMappingTable( JsonValue value, InstanceMembers & instance ) {
-   static constexpr Member< InstanceMembers > members[] = {
-      { "mapping-entry", []( JsonValue list, InstanceMembers & i ) {
-          requireList( list );
-          i.entries = list;
-       } } };
-   takeMembers( value, members, instance );
-}
-
 constexpr Member< InstanceMembers > instanceMembers[] = {
-   { "id", []( JsonValue value, InstanceMembers & i ) { takeNumber( value, i.id ); }, true },
-   { "name", []( JsonValue value, InstanceMembers & i ) { i.name = takeName( value ); } },
-   { "enable", []( JsonValue value, InstanceMembers & i ) { i.enabled = takeFlag( value ); } },
-   { "mapping-table", &takeMappingTable },
-   { "pfe-nat:fragmentation", []( JsonValue value, InstanceMembers & i ) { i.fragmentation = takeFlag( value ); } },
-   { "pfe-nat:multicast-group", []( JsonValue value, InstanceMembers & i ) {
-       requireList( value );
-       i.groups = value;
-    } } };
+   { "id", into< &InstanceMembers::id >, true },
+   { "name", into< &InstanceMembers::name > },
+   { "enable", into< &InstanceMembers::enabled > },
+   { "mapping-table", into< &InstanceMembers::mappingTable > },
+   { "pfe-nat:fragmentation", into< &InstanceMembers::fragmentation > },
+   { "pfe-nat:multicast-group", into< &InstanceMembers::groups > } };
 
-void takeInstances( JsonValue value, JsonValue & instance ) {
-   static constexpr Member< JsonValue > members[] = {
-      { "instance",
-        []( JsonValue list, JsonValue & found ) {
-           requireList( list );
-           std::size_t count = 0;
-           list.forEach( [ & ]( JsonValue element ) {
-              found = element;
-              ++count;
-           } );
-           if ( count != 1 ) {
-              refuse( list, "of " + std::to_string( count ) + " instances", "one instance per file" );
-           }
-        },
-        true } };
-   takeMembers( value, members, instance );
+// The value of the one member that an object may have.
+JsonValue onlyMember( JsonValue object, std::string_view name, bool required ) {
+   Member< JsonValue > const members[] = { { name, take, required } };
+   JsonValue value;
+   takeMembers( object, members, value );
+   return value;
 }
 
 JsonValue instanceOf( JsonValue root ) {
-   static constexpr Member< JsonValue > natMembers[] = { { "instances", &takeInstances, true } };
-   static constexpr Member< JsonValue > topMembers[] = {
-      { "ietf-nat:nat", []( JsonValue value, JsonValue & instance ) { takeMembers( value, natMembers, instance ); },
-        true } };
+   auto const list =
+      onlyMember( onlyMember( onlyMember( root, "ietf-nat:nat", true ), "instances", true ), "instance", true );
+   detail::requireList( list );
    JsonValue instance;
-   takeMembers( root, topMembers, instance );
+   std::size_t count = 0;
+   list.forEach( [ & ]( JsonValue element ) {
+      instance = element;
+      ++count;
+   } );
+   if ( count != 1 ) {
+      refuse( list, "of " + std::to_string( count ) + " instances", "one instance per file" );
+   }
    return instance;
 }
 
@@ -166,24 +132,33 @@ class Reader {
       result_.instanceName = instance.name;
       result_.enabled = instance.enabled;
       result_.rules->fragmentationEnabledIs( instance.fragmentation );
-      readGroups( instance.groups );
+      collectForEach( instance.groups, [ & ]( JsonValue value ) { readGroup( value ); } );
       // Entries that name a faulty group are not to be blamed for it.
-      if ( instance.entries && !faults_.any() ) {
-         instance.entries.forEach( [ & ]( JsonValue value ) { faults_.collect( [ & ] { readEntry( value ); } ); } );
+      if ( instance.mappingTable && !faults_.any() ) {
+         collectForEach( onlyMember( instance.mappingTable, "mapping-entry", false ),
+                         [ & ]( JsonValue value ) { readEntry( value ); } );
       }
    }
 
-   void readGroups( JsonValue groups ) {
-      if ( groups ) {
-         groups.forEach( [ & ]( JsonValue value ) {
-            faults_.collect( [ & ] {
-               GroupMembers group;
-               takeMembers( value, groupMembers, group );
-               if ( !groups_.emplace( group.name, group.copies ).second ) {
-                  refuse( value, "has the name of another group", "a name of its own" );
-               }
-            } );
-         } );
+   template< class Function > void collectForEach( JsonValue list, Function && function ) {
+      if ( list ) {
+         detail::requireList( list );
+         list.forEach( [ & ]( JsonValue value ) { faults_.collect( [ & ] { function( value ); } ); } );
+      }
+   }
+
+   void readGroup( JsonValue value ) {
+      GroupMembers group;
+      takeMembers( value, groupMembers, group );
+      auto copies = std::make_shared< McastGroup >();
+      forEachIn( group.replications, replicationMembers, [ & ]( JsonValue at, ReplicationMembers const & replication ) {
+         if ( !copies->emplace( replication.number, replication ).second ) {
+            refuse( at, "has the number " + std::to_string( replication.number ) + " of another replication",
+                    "a number of its own" );
+         }
+      } );
+      if ( !groups_.emplace( group.name, std::move( copies ) ).second ) {
+         refuse( value, "has the name of another group", "a name of its own" );
       }
    }
 

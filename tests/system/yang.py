@@ -15,6 +15,8 @@ AUGMENTED = {
     "/nat:nat/nat:instances/nat:instance": "",
     "/nat:nat/nat:instances/nat:instance/nat:mapping-table/nat:mapping-entry": "/mapping-table/mapping-entry",
 }
+# What lists need before anything below them is looked at.
+KEYS = {"multicast-group": {"name": "g"}}
 RANGES = {"uint16": (0, 2**16 - 1), "uint32": (0, 2**32 - 1)}
 
 
@@ -68,6 +70,8 @@ def file_with(top, below, members):
     value = members
     for i in reversed(range(len(parts))):
         value = {member(i > 0, parts[i]): [value]}
+        if i > 0:
+            value |= KEYS[parts[i - 1]]
     pointer = "".join(f"/{member(i > 0, part)}/0" for i, part in enumerate(parts))
     if top:
         return instance(entry() | value), f"/ietf-nat:nat/instances/instance/0{top}/0{pointer}"
