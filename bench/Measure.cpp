@@ -38,7 +38,8 @@ std::string readAll( int file ) {
    _exit( written == static_cast< ssize_t >( text.size() ) ? EXIT_SUCCESS : EXIT_FAILURE );
 }
 
-// Empty when the process did not come to its end.
+}  // namespace
+
 Figures inOwnProcess( std::function< Figures() > const & run ) {
    std::fflush( nullptr );
    int ends[ 2 ];
@@ -64,8 +65,6 @@ Figures inOwnProcess( std::function< Figures() > const & run ) {
    }
    return figures;
 }
-
-}  // namespace
 
 double median( std::vector< double > values ) {
    auto const middle = values.begin() + static_cast< std::ptrdiff_t >( values.size() / 2 );

@@ -42,6 +42,9 @@ Figures pairedRounds( std::size_t operations, Round const & system, Round const 
 
 double median( std::vector< double > values );
 
+// Figures of a process of its own that calls run(); empty when it did not come to its end.
+Figures inOwnProcess( std::function< Figures() > const & run );
+
 // Registers a case. It runs in a process of its own, forked before anything was programmed, so that no case finds the
 // free lists filled or the heap scattered by another one. `n` goes to the name: case/n.
 void caseIs( std::string const & name, std::size_t n, std::function< Figures() > run );

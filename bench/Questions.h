@@ -1,6 +1,8 @@
 // What the benchmarks ask; one file each, which registers its cases.
 #pragma once
 
+#include <string>
+
 namespace Bench {
 
 void registerStaticConnections();
@@ -8,5 +10,7 @@ void registerUpdates();
 void registerRestart();
 void registerNatIds();
 void registerKeys();
+// With that configuration file.
+void registerAgent( std::string const & file );
 
 }  // namespace Bench

@@ -5,6 +5,10 @@
 // that of the two shortest times. Only ratios of one run can be compared with one another.
 // allocs and bytes are calls of operator new and live heap bytes per operation, counted in the first round of a fresh
 // process, when no free list holds anything.
+//
+//    nat-bench [--configuration=FILE] [--benchmark_filter=REGEX] [--benchmark_out=FILE]
+//
+// The case of the agent needs a configuration file, and nat-agent where it was built.
 #include "Heap.h"
 #include "LineReporter.h"
 #include "Questions.h"
@@ -12,7 +16,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
-#include <string>
+#include <string_view>
 
 int main( int argc, char ** argv ) {
    Bench::keepHeapPages();
@@ -23,6 +27,13 @@ int main( int argc, char ** argv ) {
    Bench::registerKeys();
 
    benchmark::Initialize( &argc, argv );
+   constexpr std::string_view configuration = "--configuration=";
+   if ( argc > 1 && std::string_view( argv[ 1 ] ).starts_with( configuration ) ) {
+      Bench::registerAgent( argv[ 1 ] + configuration.size() );
+      argv[ 1 ] = argv[ 0 ];
+      ++argv;
+      --argc;
+   }
    if ( benchmark::ReportUnrecognizedArguments( argc, argv ) ) {
       return EXIT_FAILURE;
    }
