@@ -61,16 +61,23 @@ template< class Rule > class RuleMemory {
          return;
       }
       auto const [ known, isNew ] = remembered_.refOrEmplace( key );
+      if ( isNew ) {
+         known = configured;
+         run( &Rule::add, key, configured );
+         return;
+      }
       auto const previous = known;
-      if ( !isNew && configured != previous ) {
+      if ( configured != previous ) {
          changed_.push_back( key );
       }
-      bool const sameRows = !isNew && previous->derivesSameRows( *configured );
-      if ( !isNew && !sameRows ) {
-         takeBack( key, previous );
+      if ( previous->derivesSameRows( *configured ) ) {
+         known = configured;
+         run( &Rule::update, key, configured );
+         return;
       }
-      known = configured;
-      run( sameRows ? &Rule::update : &Rule::add, key, configured );
+      takeBack( key, previous );  // while it is the one remembered; whoever watches the status may change the memory
+      remembered_.refOrEmplace( key ).first = configured;
+      run( &Rule::add, key, configured );
    }
 
    // Hands a refused key over again; false when it is refused again.
