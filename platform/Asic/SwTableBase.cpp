@@ -230,7 +230,10 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
 }
 
 void Hardware::tryRefusedRemovalsAgain() {
-   auto const refused = refused_;
+   auto const refused = std::exchange( refused_, {} );
+   for ( auto * const row : refused ) {
+      row->removalRefused = false;
+   }
    for ( auto * const row : refused ) {
       row->table->remove( *row );
    }
