@@ -78,9 +78,8 @@ template< class Show > int program( Options const & options, Show && show ) {
    Host host( std::move( configuration ), std::make_shared< SimulatedHardware >( options.hardware ),
               store ? &*store : nullptr );
    host.program();
-   Report report( options.format == "json" );
+   Report report( std::cout, options.format == "json" );
    bool const isWell = show( host, report );
-   report.write( std::cout );
    return isWell && host.isComplete() ? complete : incomplete;
 }
 

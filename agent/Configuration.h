@@ -48,6 +48,9 @@ struct Configuration {
    Pfe::NatProgrammerConfig::Ptr rules;
 };
 
+// The entry of the file that derives the row; null when none does, as for fragment rows, which entries share.
+StaticConnection const * connectionOf( Pfe::IngStaticNatTable::Key const & row, Configuration const & configuration );
+
 // Reads a file in the names of RFC 8512 and of pfe-nat.yang, encoded by RFC 7951. The whole file is checked before
 // anything is made of it.
 // Throws UnusableInput with a line per fault: file, JSON pointer (line and column where the text is no JSON), value,

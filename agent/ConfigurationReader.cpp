@@ -214,6 +214,13 @@ Pfe::IngStaticNatTable::Key ingressRowOf( StaticConnection const & connection, I
             .mcast = isMulticast( connection ) };
 }
 
+StaticConnection const * connectionOf( Pfe::IngStaticNatTable::Key const & row, Configuration const & configuration ) {
+   auto const found = std::ranges::find_if( configuration.connections, [ & ]( StaticConnection const & connection ) {
+      return ingressRowOf( connection, row.target ) == row;
+   } );
+   return found == configuration.connections.end() ? nullptr : &*found;
+}
+
 Configuration configurationFrom( std::string const & file ) {
    auto const document = JsonDocument::read( file );
    return Reader( *document, file ).read();

@@ -20,15 +20,15 @@ Host::Host( Configuration configuration, std::shared_ptr< Asic::HardwarePolicy >
    }
    programmer_ = Pfe::natSwTableProgrammerSmFactory( configuration_.rules, status_,
                                                      Orla::make< Ip::Nat::HwCapabilities >(), natIdInfo_ );
-   programmer_->egrSourceNatUcRewriteTableIs( tables_.egrSource );
-   programmer_->egrDestinationNatUcRewriteTableIs( tables_.egrDestination );
-   programmer_->egrNatMcRewriteTableIs( tables_.egrMc );
-   programmer_->ingStaticNatTableIs( tables_.ingStatic );
-   programmer_->ingTwiceNatTableIs( tables_.ingTwice );
-   programmer_->ingDynamicSnaptTableIs( tables_.ingDynamicSnapt );
-   programmer_->ingDynamicDnaptTableIs( tables_.ingDynamicDnapt );
-   programmer_->ingDynamicSnatAddrOnlyTableIs( tables_.ingDynamicSnatAddrOnly );
-   programmer_->ingDynamicDnatAddrOnlyTableIs( tables_.ingDynamicDnatAddrOnly );
+   programmer_->egrSourceNatUcRewriteTableIs( tables_.of< Pfe::EgrSourceNatUcRewriteTable >() );
+   programmer_->egrDestinationNatUcRewriteTableIs( tables_.of< Pfe::EgrDestinationNatUcRewriteTable >() );
+   programmer_->egrNatMcRewriteTableIs( tables_.of< Pfe::EgrNatMcRewriteTable >() );
+   programmer_->ingStaticNatTableIs( tables_.of< Pfe::IngStaticNatTable >() );
+   programmer_->ingTwiceNatTableIs( tables_.of< Pfe::IngTwiceNatTable >() );
+   programmer_->ingDynamicSnaptTableIs( tables_.of< Pfe::IngDynamicSnaptTable >() );
+   programmer_->ingDynamicDnaptTableIs( tables_.of< Pfe::IngDynamicDnaptTable >() );
+   programmer_->ingDynamicSnatAddrOnlyTableIs( tables_.of< Pfe::IngDynamicSnatAddrOnlyTable >() );
+   programmer_->ingDynamicDnatAddrOnlyTableIs( tables_.of< Pfe::IngDynamicDnatAddrOnlyTable >() );
    programmer_->aclNameIdTableIs( Orla::make< Pfe::NatAclNameIdTable >() );
    programmer_->natTrapConfigIs( Orla::make< Pfe::NatTrapConfig >() );
    programmer_->natProfileConfigIs( Orla::make< Pfe::NatProfileConfig >() );

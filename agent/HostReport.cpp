@@ -1,12 +1,11 @@
 #include "agent/HostReport.h"
 
-#include "agent/ConnectionState.h"
+#include "agent/McastReplications.h"
 #include "agent/Text.h"
 
+#include <IpNat/NatStatic.h>
 #include <Orla/String.h>
 #include <Trace/RingTrace.h>
-
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <unordered_map>
@@ -17,6 +16,69 @@ namespace Agent {
 namespace {
 
 using Kind = Table::Kind;
+using PfeHelper::NatHwResult;
+using Row = Pfe::IngStaticNatTable::Key;
+
+void appendId( std::string & ids, Row const & row, Host const & host ) {
+   Pfe::StaticNatMatchKey const matchKey{ .natIntf = row.natIntf,
+                                          .vrfId = row.vrfId,
+                                          .ipAndPortOld = row.ipAndPortOld,
+                                          .target = row.target,
+                                          .protocol = row.protocol };
+   if ( auto const * const id = host.natIdInfo().matchKeyToNatId().find( matchKey ) ) {
+      ids += ids.empty() ? "" : " ";
+      append( ids, U64{ id->value() } );
+   }
+}
+
+// Why the row is not in the hardware; empty when it is. A row that was never written is one of a rule that was refused,
+// which happens to static rules for want of a NAT id only.
+std::string faultOf( Row const & row, Host const & host ) {
+   auto const * const handle = host.tables().of< Pfe::IngStaticNatTable >()->entryHandle( row );
+   if ( !handle ) {
+      return "no NAT id was free";
+   }
+   auto const state = handle->state();
+   return state == Asic::EntryState::settled
+             ? ""
+             : std::string( targetText( row.target ) ).append( " row " ).append( stateText( state ) );
+}
+
+// What became of a connection, at rest.
+struct ConnectionState {
+   bool programmed = false;
+   std::string_view result;     // in a word
+   std::string reason;          // empty when it is programmed
+   std::string natIds;          // of the connection's own target, then of the replies, with a blank between
+   std::string fragmentNatIds;  // of the later fragments in these directions; other connections may share them
+};
+
+ConnectionState stateOf( StaticConnection const & connection, Host const & host ) {
+   auto const * const status = host.status().staticStatus().find( connection.key );
+   auto const result = status ? status->result : NatHwResult::pending;
+   ConnectionState state{ .programmed = result == NatHwResult::programmed,
+                          .result = status ? resultText( result ) : "no result",
+                          .reason =
+                             result == NatHwResult::rejectedMulticast ? std::string( whyInvalid( connection ) ) : "",
+                          .natIds = {},
+                          .fragmentNatIds = {} };
+   auto const target = connection.entry->connection().target;
+   for ( auto const side : Ip::Nat::getStaticConnectionTargets( target, isMulticast( connection ) ) ) {
+      auto row = ingressRowOf( connection, side );
+      appendId( state.natIds, row, host );
+      if ( !state.programmed && result != NatHwResult::rejectedMulticast ) {
+         auto const fault = faultOf( row, host );
+         if ( fault != state.reason ) {
+            state.reason += ( fault.empty() || state.reason.empty() ? "" : ", " ) + fault;
+         }
+      }
+      if ( row.ipAndPortOld.port != 0 && host.configuration().rules->fragmentationEnabled() ) {
+         row.ipAndPortOld.port = 0;
+         appendId( state.fragmentNatIds, row, host );
+      }
+   }
+   return state;
+}
 
 void addNumber( Table & table, U64 number ) {
    append( table.cell(), number );

@@ -28,74 +28,52 @@ constexpr mode_t folderMode = 0700;
 
 using IdBytes = std::array< unsigned char, 2 >;
 using Environment = std::unique_ptr< MDB_env, void ( * )( MDB_env * ) >;
+using Transaction = std::unique_ptr< MDB_txn, void ( * )( MDB_txn * ) >;
 
 [[noreturn]] void refuse( std::string const & folder, std::string const & fault ) {
    throw UnusableInput( folder + "/data.mdb: " + fault + "; it was left as it is" );
 }
 
-Environment environmentIn( std::string const & folder, unsigned flags ) {
-   MDB_env * created = nullptr;
-   int error = mdb_env_create( &created );
-   Environment environment( created, &mdb_env_close );
-   if ( error == 0 ) {
-      mdb_env_set_mapsize( created, mapSize );
-      error = mdb_env_open( created, folder.c_str(), flags, fileMode );
-   }
+void require( int error, std::string const & folder, char const * fault ) {
    if ( error != 0 ) {
-      refuse( folder, std::string( "cannot be opened: " ) + mdb_strerror( error ) );
+      refuse( folder, std::string( fault ) + ": " + mdb_strerror( error ) );
    }
+}
+
+Environment environmentIn( std::string const & folder, unsigned flags ) {
+   constexpr char const * fault = "cannot be opened";
+   MDB_env * created = nullptr;
+   require( mdb_env_create( &created ), folder, fault );
+   Environment environment( created, &mdb_env_close );
+   mdb_env_set_mapsize( created, mapSize );
+   require( mdb_env_open( created, folder.c_str(), flags, fileMode ), folder, fault );
    return environment;
 }
 
-// One transaction with the one database of the environment; given up unless committed.
-class Transaction {
- public:
-   Transaction( MDB_env * environment, unsigned flags, std::string const & folder ) : folder_( folder ) {
-      require( mdb_txn_begin( environment, nullptr, flags, &transaction_ ) );
-      require( mdb_dbi_open( transaction_, nullptr, 0, &database_ ) );
+// A transaction on the environment's one database; given up unless committed.
+Transaction begin( MDB_env * environment, unsigned flags, MDB_dbi & database, std::string const & folder ) {
+   MDB_txn * begun = nullptr;
+   require( mdb_txn_begin( environment, nullptr, flags, &begun ), folder, "cannot be used" );
+   Transaction transaction( begun, &mdb_txn_abort );
+   require( mdb_dbi_open( begun, nullptr, 0, &database ), folder, "cannot be used" );
+   return transaction;
+}
+
+// Calls function( key, value ) for every record in the order of the ids.
+template< class Function >
+void forEachRecord( MDB_env * environment, std::string const & folder, Function && function ) {
+   MDB_dbi database = 0;
+   auto const transaction = begin( environment, MDB_RDONLY, database, folder );
+   MDB_cursor * opened = nullptr;
+   require( mdb_cursor_open( transaction.get(), database, &opened ), folder, "cannot be read" );
+   std::unique_ptr< MDB_cursor, void ( * )( MDB_cursor * ) > const cursor( opened, &mdb_cursor_close );
+   int error = 0;
+   for ( MDB_val key, value; ( error = mdb_cursor_get( opened, &key, &value, MDB_NEXT ) ) == 0; ) {
+      function( std::string_view( static_cast< char const * >( key.mv_data ), key.mv_size ),
+                std::string_view( static_cast< char const * >( value.mv_data ), value.mv_size ) );
    }
-   ~Transaction() { mdb_txn_abort( transaction_ ); }
-   Transaction( Transaction const & ) = delete;
-   Transaction & operator=( Transaction const & ) = delete;
-
-   void put( IdBytes id, std::string_view text ) {
-      MDB_val key{ id.size(), id.data() };
-      MDB_val value{ text.size(), const_cast< char * >( text.data() ) };
-      require( mdb_put( transaction_, database_, &key, &value, 0 ) );
-   }
-
-   void remove( IdBytes id ) {
-      MDB_val key{ id.size(), id.data() };
-      int const error = mdb_del( transaction_, database_, &key, nullptr );
-      require( error == MDB_NOTFOUND ? 0 : error );
-   }
-
-   void commit() { require( mdb_txn_commit( std::exchange( transaction_, nullptr ) ) ); }
-
-   // Calls function( key, value ) for every record in the order of the ids.
-   template< class Function > void forEach( Function && function ) {
-      MDB_cursor * opened = nullptr;
-      require( mdb_cursor_open( transaction_, database_, &opened ) );
-      std::unique_ptr< MDB_cursor, void ( * )( MDB_cursor * ) > const cursor( opened, &mdb_cursor_close );
-      int error = 0;
-      for ( MDB_val key, value; ( error = mdb_cursor_get( opened, &key, &value, MDB_NEXT ) ) == 0; ) {
-         function( std::string_view( static_cast< char const * >( key.mv_data ), key.mv_size ),
-                   std::string_view( static_cast< char const * >( value.mv_data ), value.mv_size ) );
-      }
-      require( error == MDB_NOTFOUND ? 0 : error );
-   }
-
- private:
-   void require( int error ) const {
-      if ( error != 0 ) {
-         refuse( folder_, mdb_strerror( error ) );
-      }
-   }
-
-   std::string const & folder_;
-   MDB_txn * transaction_ = nullptr;
-   MDB_dbi database_ = 0;
-};
+   require( error == MDB_NOTFOUND ? 0 : error, folder, "cannot be read" );
+}
 
 // LMDB keeps no checksums and reads through a memory map, so a damaged file may kill whoever reads it. A child reads
 // everything first; what is merely wrong the parent finds again.
@@ -104,11 +82,10 @@ bool survivesReading( std::string const & folder ) {
    if ( child == 0 ) {
       close( STDERR_FILENO );
       try {
-         auto const environment = environmentIn( folder, MDB_RDONLY | MDB_NOLOCK );
          std::size_t volatile sum = 0;
-         Transaction( environment.get(), MDB_RDONLY, folder )
-            .forEach(
-               [ & ]( std::string_view, std::string_view value ) { sum = std::hash< std::string_view >()( value ); } );
+         forEachRecord(
+            environmentIn( folder, MDB_RDONLY | MDB_NOLOCK ).get(), folder,
+            [ & ]( std::string_view, std::string_view value ) { sum = std::hash< std::string_view >()( value ); } );
       } catch ( UnusableInput const & ) {
          _exit( 0 );
       }
@@ -157,30 +134,23 @@ NatIdStore::~NatIdStore() {
 
 void NatIdStore::natIdInfoIs( Pfe::NatIdInfo::Ptr natIdInfo ) {
    natIdInfo_ = std::move( natIdInfo );
-   load();
-   restoredCount_ = natIdInfo_->matchKeyToNatId().count();
-   natIdInfo_->matchKeyToNatId().watcherIs( *this );
-}
-
-void NatIdStore::load() {
-   std::size_t records = 0;
-   Transaction( environment_.get(), MDB_RDONLY, folder_ )
-      .forEach( [ & ]( std::string_view key, std::string_view text ) {
-         ++records;
-         try {
-            if ( key.size() != IdBytes().size() ) {
-               throw Vexa::ParseException( "its key is no id" );
-            }
-            auto const byte = [ & ]( std::size_t i ) { return static_cast< unsigned char >( key[ i ] ); };
-            natIdInfo_->matchKeyToNatIdIs( Vexa::parseWhole< Pfe::NatMatchKey >( text ),
-                                           Pfe::NatId( U64{ byte( 0 ) } << 8 | byte( 1 ) ) );
-            if ( natIdInfo_->matchKeyToNatId().count() != records ) {
-               throw Vexa::ParseException( "its match key has another id already" );
-            }
-         } catch ( Vexa::Exception const & fault ) {
-            refuse( folder_, "is damaged: record " + std::to_string( records ) + ": " + fault.what() );
+   forEachRecord( environment_.get(), folder_, [ & ]( std::string_view key, std::string_view text ) {
+      ++restoredCount_;
+      try {
+         if ( key.size() != IdBytes().size() ) {
+            throw Vexa::ParseException( "its key is no id" );
          }
-      } );
+         auto const byte = [ & ]( std::size_t i ) { return static_cast< unsigned char >( key[ i ] ); };
+         natIdInfo_->matchKeyToNatIdIs( Vexa::parseWhole< Pfe::NatMatchKey >( text ),
+                                        Pfe::NatId( U64{ byte( 0 ) } << 8 | byte( 1 ) ) );
+         if ( natIdInfo_->matchKeyToNatId().count() != restoredCount_ ) {
+            throw Vexa::ParseException( "its match key has another id already" );
+         }
+      } catch ( Vexa::Exception const & fault ) {
+         refuse( folder_, "is damaged: record " + std::to_string( restoredCount_ ) + ": " + fault.what() );
+      }
+   } );
+   natIdInfo_->matchKeyToNatId().watcherIs( *this );
 }
 
 void NatIdStore::onKey( Pfe::NatMatchKey const & key, Pfe::NatId const * previous, Pfe::NatId const * current ) {
@@ -196,20 +166,24 @@ void NatIdStore::commit() {
    if ( changes_.empty() ) {
       return;
    }
-   Transaction transaction( environment_.get(), 0, folder_ );
-   std::ostringstream text;
-   for ( auto const & [ id, key ] : changes_ ) {
-      IdBytes const bytes{ static_cast< unsigned char >( id.value() >> 8 ),
-                           static_cast< unsigned char >( id.value() ) };
-      if ( key ) {
-         text.str( {} );
-         Vexa::write( text, *key );
-         transaction.put( bytes, text.view() );
+   constexpr char const * fault = "does not take the NAT ids";
+   MDB_dbi database = 0;
+   auto transaction = begin( environment_.get(), 0, database, folder_ );
+   std::ostringstream out;
+   for ( auto const & [ id, matchKey ] : changes_ ) {
+      IdBytes bytes{ static_cast< unsigned char >( id.value() >> 8 ), static_cast< unsigned char >( id.value() ) };
+      MDB_val key{ bytes.size(), bytes.data() };
+      if ( matchKey ) {
+         out.str( {} );
+         Vexa::write( out, *matchKey );
+         MDB_val value{ out.view().size(), const_cast< char * >( out.view().data() ) };
+         require( mdb_put( transaction.get(), database, &key, &value, 0 ), folder_, fault );
       } else {
-         transaction.remove( bytes );
+         int const error = mdb_del( transaction.get(), database, &key, nullptr );
+         require( error == MDB_NOTFOUND ? 0 : error, folder_, fault );
       }
    }
-   transaction.commit();
+   require( mdb_txn_commit( transaction.release() ), folder_, fault );
    changes_.clear();
 }
 

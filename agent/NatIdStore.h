@@ -40,7 +40,6 @@ class NatIdStore final : private Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
 
  private:
    void onKey( Pfe::NatMatchKey const & key, Pfe::NatId const * previous, Pfe::NatId const * current ) override;
-   void load();
 
    // Held while the folder is in use; the kernel gives it back however the process ends.
    class Lock {

@@ -8,45 +8,39 @@
 #include <Pfe/IngStaticNatTable.h>
 #include <Pfe/IngTwiceNatTable.h>
 
+#include <tuple>
+
 namespace Agent {
 
-struct NatTables {
-   explicit NatTables( Asic::Hardware::Ptr const & hardware )
-      : ingTwice( Orla::make< Pfe::IngTwiceNatTable >( hardware ) ),
-        ingStatic( Orla::make< Pfe::IngStaticNatTable >( hardware ) ),
-        ingDynamicSnapt( Orla::make< Pfe::IngDynamicSnaptTable >( hardware ) ),
-        ingDynamicDnapt( Orla::make< Pfe::IngDynamicDnaptTable >( hardware ) ),
-        ingDynamicSnatAddrOnly( Orla::make< Pfe::IngDynamicSnatAddrOnlyTable >( hardware ) ),
-        ingDynamicDnatAddrOnly( Orla::make< Pfe::IngDynamicDnatAddrOnlyTable >( hardware ) ),
-        egrSource( Orla::make< Pfe::EgrSourceNatUcRewriteTable >( hardware ) ),
-        egrDestination( Orla::make< Pfe::EgrDestinationNatUcRewriteTable >( hardware ) ),
-        egrMc( Orla::make< Pfe::EgrNatMcRewriteTable >( hardware ) ) {}
+class NatTables {
+ public:
+   explicit NatTables( Asic::Hardware::Ptr const & hardware ) {
+      std::apply( [ & ]( auto &... table ) { ( create( table, hardware ), ... ); }, tables_ );
+   }
+
+   template< class Table > Orla::Ptr< Table > const & of() const { return std::get< Orla::Ptr< Table > >( tables_ ); }
 
    // Calls function( table ) for each, in the order in which a packet meets them.
    template< class Function > void forEach( Function && function ) const {
-      function( *ingTwice );
-      function( *ingStatic );
-      function( *ingDynamicSnapt );
-      function( *ingDynamicDnapt );
-      function( *ingDynamicSnatAddrOnly );
-      function( *ingDynamicDnatAddrOnly );
-      forEachEgress( function );
+      std::apply( [ & ]( auto const &... table ) { ( function( *table ), ... ); }, tables_ );
    }
    template< class Function > void forEachEgress( Function && function ) const {
-      function( *egrSource );
-      function( *egrDestination );
-      function( *egrMc );
+      function( *of< Pfe::EgrSourceNatUcRewriteTable >() );
+      function( *of< Pfe::EgrDestinationNatUcRewriteTable >() );
+      function( *of< Pfe::EgrNatMcRewriteTable >() );
    }
 
-   Orla::Ptr< Pfe::IngTwiceNatTable > ingTwice;
-   Orla::Ptr< Pfe::IngStaticNatTable > ingStatic;
-   Orla::Ptr< Pfe::IngDynamicSnaptTable > ingDynamicSnapt;
-   Orla::Ptr< Pfe::IngDynamicDnaptTable > ingDynamicDnapt;
-   Orla::Ptr< Pfe::IngDynamicSnatAddrOnlyTable > ingDynamicSnatAddrOnly;
-   Orla::Ptr< Pfe::IngDynamicDnatAddrOnlyTable > ingDynamicDnatAddrOnly;
-   Orla::Ptr< Pfe::EgrSourceNatUcRewriteTable > egrSource;
-   Orla::Ptr< Pfe::EgrDestinationNatUcRewriteTable > egrDestination;
-   Orla::Ptr< Pfe::EgrNatMcRewriteTable > egrMc;
+ private:
+   template< class Table > static void create( Orla::Ptr< Table > & table, Asic::Hardware::Ptr const & hardware ) {
+      table = Orla::make< Table >( hardware );
+   }
+
+   std::tuple< Orla::Ptr< Pfe::IngTwiceNatTable >, Orla::Ptr< Pfe::IngStaticNatTable >,
+               Orla::Ptr< Pfe::IngDynamicSnaptTable >, Orla::Ptr< Pfe::IngDynamicDnaptTable >,
+               Orla::Ptr< Pfe::IngDynamicSnatAddrOnlyTable >, Orla::Ptr< Pfe::IngDynamicDnatAddrOnlyTable >,
+               Orla::Ptr< Pfe::EgrSourceNatUcRewriteTable >, Orla::Ptr< Pfe::EgrDestinationNatUcRewriteTable >,
+               Orla::Ptr< Pfe::EgrNatMcRewriteTable > >
+      tables_;
 };
 
 }  // namespace Agent

@@ -95,9 +95,9 @@ class Walk {
    Walk( NatTables const & tables, Packet const & packet ) : tables_( tables ), packet_( packet ) {}
 
    Passage passage() {
-      lookUpIn( *tables_.ingTwice );
+      lookUpIn( *tables_.of< Pfe::IngTwiceNatTable >() );
       if ( matches_.empty() ) {
-         lookUpIn( *tables_.ingStatic );
+         lookUpIn( *tables_.of< Pfe::IngStaticNatTable >() );
       }
       if ( matches_.size() == 1 ) {
          matches_.front()->forEach(

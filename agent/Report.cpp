@@ -1,7 +1,5 @@
 #include "agent/Report.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <sstream>
 #include <utility>
@@ -78,35 +76,30 @@ Json Table::json() const {
    return rows;
 }
 
-Report::Report( bool isJson ) : isJson_( isJson ), json_( std::make_unique< Json >( Json::object() ) ) {}
-
-Report::~Report() = default;
-
-void Report::line( std::string const & text ) {
-   if ( !isJson_ ) {
-      text_ += text + '\n';
+Report::~Report() {
+   if ( isJson_ ) {
+      // File names need not be UTF-8.
+      out_ << json_.dump( 2, ' ', false, Json::error_handler_t::replace ) << '\n';
    }
 }
 
-void Report::fact( char const * name, Json const & value ) {
+void Report::line( std::string_view text ) {
+   if ( !isJson_ ) {
+      out_ << text << '\n';
+   }
+}
+
+void Report::fact( char const * name, Json value ) {
    if ( isJson_ ) {
-      ( *json_ )[ name ] = value;
+      json_[ name ] = std::move( value );
    }
 }
 
 void Report::table( char const * name, Table const & table ) {
    if ( isJson_ ) {
-      ( *json_ )[ name ] = table.json();
+      json_[ name ] = table.json();
    } else {
-      text_ += table.lines();
-   }
-}
-
-void Report::write( std::ostream & out ) const {
-   if ( isJson_ ) {
-      out << json_->dump( 2 ) << '\n';
-   } else {
-      out << text_;
+      out_ << table.lines();
    }
 }
 

@@ -1,10 +1,9 @@
 // What the agent shows, as text for people and as JSON for programs.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
+#include <nlohmann/json.hpp>
 
 #include <cstddef>
-#include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -47,26 +46,25 @@ class Table {
    std::vector< std::size_t > ends_;  // of each cell in it
 };
 
-// Named tables and facts in the order in which they were given.
+// Named tables and facts, as lines written at once or as one object written at the end.
 class Report {
  public:
-   explicit Report( bool isJson );
+   // `out` must outlive the report.
+   Report( std::ostream & out, bool isJson ) : out_( out ), isJson_( isJson ) {}
    ~Report();
    Report( Report const & ) = delete;
    Report & operator=( Report const & ) = delete;
 
-   // Of the two forms each call gives only one.
-   void line( std::string const & text );
-   void fact( char const * name, nlohmann::ordered_json const & value );
+   // Each in one of the two forms only.
+   void line( std::string_view text );
+   void fact( char const * name, nlohmann::ordered_json value );
 
    void table( char const * name, Table const & table );
 
-   void write( std::ostream & out ) const;
-
  private:
+   std::ostream & out_;
    bool isJson_;
-   std::string text_;
-   std::unique_ptr< nlohmann::ordered_json > json_;
+   nlohmann::ordered_json json_;
 };
 
 }  // namespace Agent

@@ -38,13 +38,9 @@ namespace detail {
 template< class T > std::string fieldText( std::string_view name, T const & value ) {
    if constexpr ( std::is_same_v< T, Netix::IpAndPort > ) {
       return textOf( value );
-   } else if constexpr ( std::is_same_v< T, Orla::String > ) {
-      return std::string( value.text() );
    } else if constexpr ( std::is_same_v< T, U32 > ) {
-      return name == "egressIntf" ? Vexa::stringOf( Netix::IntfId::fromValue( value ).value_or( Netix::IntfId() ) )
-                                  : std::to_string( value );
-   } else if constexpr ( std::is_same_v< T, U8 > ) {
-      return name == "protocol" ? protocolText( value ) : std::to_string( value );
+      auto const intf = name == "egressIntf" ? Netix::IntfId::fromValue( value ) : std::nullopt;
+      return intf ? Vexa::stringOf( *intf ) : std::to_string( value );
    } else {
       return Vexa::stringOf( value );
    }

@@ -1,8 +1,5 @@
-#include "agent/ConnectionState.h"
 #include "agent/HostReport.h"
 #include "agent/Text.h"
-
-#include <nlohmann/json.hpp>
 
 #include <variant>
 

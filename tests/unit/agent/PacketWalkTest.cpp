@@ -33,19 +33,20 @@ class PacketWalk : public testing::Test {
    Asic::EntryHandle::PtrConst rewrite( U16 number ) {
       Pfe::EgrNatUcRewriteEntry entry;
       entry.srcPort = number;
-      return tables.egrSource->entryRef( { .natId = Pfe::NatId( number ), .qualifier = 0 }, entry );
+      return tables.of< Pfe::EgrSourceNatUcRewriteTable >()->entryRef(
+         { .natId = Pfe::NatId( number ), .qualifier = 0 }, entry );
    }
 
    void add( U16 number, StaticKey const & key ) {
       Pfe::IngStaticNatEntry entry;
       entry.egrHandleIs( rewrite( number ), true );
-      tables.ingStatic->entryCommit( key, std::move( entry ) );
+      tables.of< Pfe::IngStaticNatTable >()->entryCommit( key, std::move( entry ) );
    }
 
    void add( U16 number, TwiceKey const & key ) {
       Pfe::IngTwiceNatEntry entry;
       entry.egrHandleIs( rewrite( number ), true );
-      tables.ingTwice->entryCommit( key, std::move( entry ) );
+      tables.of< Pfe::IngTwiceNatTable >()->entryCommit( key, std::move( entry ) );
    }
 
    // A row that translates the source of what leaves by ethernet1.
@@ -168,14 +169,18 @@ TEST_F( PacketWalk, RewritesOnlyFieldsThatAreSetAndMakesOneCopyPerRewrite ) {
    Pfe::EgrNatMcRewriteEntry copy;
    copy.dstIp = pair( "239.9.9.9" ).ip;
    copy.egressIntf = intf( "vlan30" ).value();
-   entry.egrHandleIs( tables.egrMc->entryRef( { .natId = Pfe::NatId( 7 ), .replication = 1 }, copy ), true );
+   entry.egrHandleIs(
+      tables.of< Pfe::EgrNatMcRewriteTable >()->entryRef( { .natId = Pfe::NatId( 7 ), .replication = 1 }, copy ),
+      true );
    copy.srcIp = pair( "10.9.9.9" ).ip;
    copy.egressIntf = intf( "vlan40" ).value();
-   entry.egrHandleIs( tables.egrMc->entryRef( { .natId = Pfe::NatId( 7 ), .replication = 2 }, copy ), true );
+   entry.egrHandleIs(
+      tables.of< Pfe::EgrNatMcRewriteTable >()->entryRef( { .natId = Pfe::NatId( 7 ), .replication = 2 }, copy ),
+      true );
    auto key = leaving( pair( "203.0.113.9" ) );
    key.target = NatTarget::destination;
    key.natIntf = "vlan20";
-   tables.ingStatic->entryCommit( key, std::move( entry ) );
+   tables.of< Pfe::IngStaticNatTable >()->entryCommit( key, std::move( entry ) );
    hardware->settle();
 
    auto const passage = walk( tables, packet() );
