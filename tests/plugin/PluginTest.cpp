@@ -56,10 +56,12 @@ TEST( Plugin, IsDrivenFromLoadingToAProgrammedRuleByNamesAlone ) {
    std::any result;
    EXPECT_EQ( Vexa::attributeCall( *programmer, "replay", {}, result ), Vexa::AttrResult::done );
 
-   NatProgrammerStaticKey const key{ .natIntf = *Netix::IntfId::fromName( "ethernet1" ),
-                                     .key = { .aclName = {}, .ip = *Netix::IpAddr::fromText( "10.0.0.1" ), .port = 80 } };
-   config->staticEntryIs( key, Orla::make< NatProgrammerStaticEntry const >( NatProgrammerStaticEntry::Fields{
-                                  .connection = { .translated = { *Netix::IpAddr::fromText( "192.0.2.1" ), 8080 } } } ) );
+   NatProgrammerStaticKey const key{
+      .natIntf = *Netix::IntfId::fromName( "ethernet1" ),
+      .key = { .aclName = {}, .ip = *Netix::IpAddr::fromText( "10.0.0.1" ), .port = 80 } };
+   config->staticEntryIs( key,
+                          Orla::make< NatProgrammerStaticEntry const >( NatProgrammerStaticEntry::Fields{
+                             .connection = { .translated = { *Netix::IpAddr::fromText( "192.0.2.1" ), 8080 } } } ) );
    EXPECT_EQ( status->staticStatus().find( key ), nullptr ) << "nothing has settled yet";
    hardware->settle();
    ASSERT_NE( status->staticStatus().find( key ), nullptr );
