@@ -25,6 +25,6 @@ using PortMaskList = std::vector< Netix::RangeMaskGen< U16 >::Entry >;
 
 // One list of value and mask pairs per range of the field; `count` is set to the number of lists. Every port is one
 // list of one pair whose mask is 0. The two sides of a rule expand alike, so `isSource` decides nothing here.
-std::vector< PortMaskList > generatePortRange( PortSpec const & spec, U8 & count, bool isSource );
+std::vector< PortMaskList > generatePortRange( PortSpec const & ports, U8 & count, bool isSource );
 
 }  // namespace Acl
