@@ -110,13 +110,18 @@ template< class Rule > class RuleMemory {
       Rule::statusDel( programmer_, key );
    }
 
+   // Whoever watches the status may change rules meanwhile; these have their turn at the next rest.
    void dropStaleStatus() {
-      for ( auto const & key : changed_ ) {
+      auto changed = std::exchange( changed_, {} );
+      for ( auto const & key : changed ) {
          if ( auto const * const status = Rule::status( programmer_, key ); status && isStale( key, *status ) ) {
             Rule::statusDel( programmer_, key );
          }
       }
-      changed_.clear();
+      changed.clear();
+      if ( changed_.empty() ) {
+         changed_ = std::move( changed );  // its memory serves again
+      }
    }
 
    void nameStaleStatus( std::vector< std::string > & names ) const {
