@@ -102,18 +102,21 @@ TEST_F( SwTable, AResponseMayClearItsTableAndWriteItAnew ) {
 TEST( SwTableEnd, AResponseMayDropTheLastReferenceToItsTableAndTheHardware ) {
    auto hardware = Orla::make< Asic::Hardware >();
    auto table = Orla::make< Support::MatchTable >( hardware );
+   std::size_t tablesDuringTheResponse = 0;
    auto const watched = std::make_shared< int >();
    for ( U32 row = 0; row < 3; ++row ) {
       Match entry;
       entry.writeResponse = [ &, watched ]( EntryState ) {
          ++*watched;
          table = nullptr;
+         tablesDuringTheResponse = hardware->tables().size();
          hardware = nullptr;
       };
       table->entryCommit( RowNumber( row ), std::move( entry ) );
    }
    hardware->settle();
    EXPECT_EQ( *watched, 1 );  // the queue dropped the others
+   EXPECT_EQ( tablesDuringTheResponse, 1U );
    EXPECT_EQ( watched.use_count(), 1 );
 }
 

@@ -60,7 +60,6 @@ class SwTable : public testing::Test {
       return matches->entryRef( RowNumber( row ), match( data, needed ) );
    }
    void remove( U32 row ) { matches->entryRemove( RowNumber( row ) ); }
-   // Refused removals keep a turn from ending with nothing outstanding.
    void settle() { hardware->settle(); }
 
    // What look-ups see ("?" pending, "!" failed, "#" full), what the chip holds, what is outstanding, who was told
