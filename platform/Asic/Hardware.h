@@ -3,6 +3,7 @@
 
 #include <Asic/SwTableBase.h>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -70,6 +71,12 @@ class Hardware : public Orla::Entity {
 
    using Position = OperationQueue::Position;
 
+   // A removal that is tried again at the next settle.
+   struct Refusal {
+      Row * row;
+      Version * removed;  // held
+   };
+
    void queue( Row & row, Version * version, Operation::Kind kind );
    // Hands the versions of the operations over.
    void dropOperationsWithoutTable( std::vector< Version * > & versions );
@@ -79,11 +86,13 @@ class Hardware : public Orla::Entity {
    std::optional< Position > nextReady() const;
    bool maySettle( Position position ) const;
    void tryRefusedRemovalsAgain();
-   void refusalIsOver( Row & row );
+   // Ends the row's refusal and returns the version whose removal was refused, for the caller to let go; null when
+   // there is none.
+   Version * takeRefusal( Row & row );
 
    std::shared_ptr< HardwarePolicy > policy_;
    std::vector< SwTableBase * > tables_;
-   std::vector< Row * > refused_;
+   std::map< U32, Refusal > refused_;  // by the number of the refused removal, which is its row's newest operation
    OperationQueue queue_;
    U32 turn_ = 0;
 };

@@ -106,6 +106,13 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
 
       EntryBase const & entryBase() const override { return entry; }
 
+      void handlesDel() override {
+         if constexpr ( std::derived_from< Entry, ReferringEntry > ) {
+            auto const egrHdl = std::exchange( entry.egrHdl, {} );
+            auto const fragHdl = std::exchange( entry.fragHdl, nullptr );
+         }
+      }
+
       bool sendable() const override {
          bool all = true;
          if constexpr ( std::derived_from< Entry, ReferringEntry > ) {

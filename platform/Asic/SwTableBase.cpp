@@ -53,20 +53,25 @@ Version * SwTableBase::inHardwareIs( Row & row, Version * version ) {
 }
 
 void SwTableBase::write( Row & row, Version * version ) {
-   hardware_->refusalIsOver( row );
+   auto * const refused = hardware_->takeRefusal( row );
    auto * const replaced = newestIs( row, version );
    row.state_ = EntryState::pending;
    hardware_->queue( row, version, Operation::Kind::write );
    version->number = row.lastOperation;
    letGo( replaced );
+   letGo( refused );
 }
 
-void SwTableBase::remove( Row & row ) {
-   hardware_->refusalIsOver( row );
+void SwTableBase::remove( Row & row ) { removeReportedBy( row, hardware_->takeRefusal( row ) ); }
+
+// What a refusal made visible again is the hardware's version, perhaps an older one. The version whose removal was
+// asked for goes on reporting, without its handles: its entry is the one that whoever removed it waits for.
+void SwTableBase::removeReportedBy( Row & row, Version * refused ) {
    row.committed = false;
-   auto * const removed = newestIs( row, nullptr );
-   hardware_->queue( row, removed, Operation::Kind::removal );
-   letGo( removed );
+   auto * const visible = newestIs( row, nullptr );
+   hardware_->queue( row, refused ? refused : visible, Operation::Kind::removal );
+   letGo( visible );
+   letGo( refused );
 }
 
 // Giving up a version may give up anything: other rows of this table, other tables, this table. So all rows leave
@@ -77,7 +82,7 @@ void SwTableBase::abandon( std::vector< Row * > const & rows ) {
    hardwareRowCount_ = 0;
    std::vector< Version * > versions;
    for ( auto * const row : rows ) {
-      hardware_->refusalIsOver( *row );
+      versions.push_back( hardware_->takeRefusal( *row ) );
       row->table = nullptr;
       ++row->outstanding;
       versions.push_back( std::exchange( row->newest, nullptr ) );
@@ -213,7 +218,8 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
    } else if ( reports ) {
       table->newestIs( row, row.inHardware );
       row.removalRefused = true;
-      refused_.push_back( &row );
+      hold( version );
+      refused_.emplace( row.lastOperation, Refusal{ &row, version } );
    }
 
    if ( reports ) {
@@ -224,6 +230,9 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
    }
 
    letGo( replaced );
+   if ( row.removalRefused && version != row.inHardware ) {
+      version->handlesDel();
+   }
    letGo( version );
    --row.outstanding;
    SwTableBase::eraseIfOver( row );
@@ -231,19 +240,20 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
 
 void Hardware::tryRefusedRemovalsAgain() {
    auto const refused = std::exchange( refused_, {} );
-   for ( auto * const row : refused ) {
-      row->removalRefused = false;
+   for ( auto const & [ number, refusal ] : refused ) {
+      refusal.row->removalRefused = false;
    }
-   for ( auto * const row : refused ) {
-      row->table->remove( *row );
+   for ( auto const & [ number, refusal ] : refused ) {
+      refusal.row->table->removeReportedBy( *refusal.row, refusal.removed );
    }
 }
 
-void Hardware::refusalIsOver( Row & row ) {
-   if ( row.removalRefused ) {
-      row.removalRefused = false;
-      std::erase( refused_, &row );
+Version * Hardware::takeRefusal( Row & row ) {
+   if ( !row.removalRefused ) {
+      return nullptr;
    }
+   row.removalRefused = false;
+   return refused_.extract( row.lastOperation ).mapped().removed;
 }
 
 void Hardware::retryFailed() {

@@ -27,6 +27,9 @@ class Version {
 
    virtual EntryBase const & entryBase() const = 0;
 
+   // Gives up the entry's handles. Called for a version that only reports any more.
+   virtual void handlesDel() = 0;
+
    // False while a row that the entry needs is failed or missing in the hardware.
    virtual bool sendable() const = 0;
 
@@ -101,6 +104,8 @@ class SwTableBase : public Orla::Entity {
  private:
    // Gives the row up when nothing of it is left.
    static void eraseIfOver( Row & row );
+   // Queues the removal of a row; `refused`, if not null, is let go and reports it in place of the visible version.
+   void removeReportedBy( Row & row, Version * refused );
    // Changes what look-ups see of the row, or what the hardware holds; returns what was there before, with its reason.
    Version * newestIs( Row & row, Version * version );
    Version * inHardwareIs( Row & row, Version * version );

@@ -205,6 +205,7 @@ class ModelWorld final : public World {
          auto const & row = placed.second;
          if ( row->table == table ) {
             std::erase( refused_, row );
+            row->reporter = nullptr;
             row->cleared = true;
             versions.push_back( std::exchange( row->newest, nullptr ) );
             versions.push_back( std::exchange( row->inHardware, nullptr ) );
@@ -232,6 +233,7 @@ class ModelWorld final : public World {
          failed += row->newest && isFailure( row->state );
          seen.rows[ place ] = { idOf( row->newest ), idOf( row->inHardware ),
                                 row->newest ? row->state : EntryState::none };
+         idOf( row->reporter );
       }
       for ( auto const & operation : queue_ ) {
          idOf( operation->version );
@@ -278,8 +280,10 @@ class ModelWorld final : public World {
       Table table;
       U32 key;
       VersionPtr newest, inHardware;
+      VersionPtr reporter;  // of a refused removal: the removed version without what it needs
       EntryState state = EntryState::none;
       bool committed = false, cleared = false;
+      U64 lastOperation = 0;
    };
    struct Operation {
       RowPtr row;
@@ -350,12 +354,15 @@ class ModelWorld final : public World {
 
    void queue( RowPtr const & row, VersionPtr const & version, bool removes ) {
       std::erase( refused_, row );
+      row->reporter = nullptr;
       queue_.push_back( std::make_shared< Operation >( Operation{ row, version, removes, turn_ } ) );
-      ++asked_;
+      row->lastOperation = ++asked_;
    }
    void remove( RowPtr const & row ) {
       row->committed = false;
-      queue( row, std::exchange( row->newest, nullptr ), true );
+      auto const visible = std::exchange( row->newest, nullptr );
+      VersionPtr const reporter = row->reporter ? row->reporter : visible;
+      queue( row, reporter, true );
    }
 
    OperationPtr nextReady() {
@@ -390,7 +397,11 @@ class ModelWorld final : public World {
          replaced = std::exchange( row->inHardware, operation->removes ? nullptr : operation->version );
       } else if ( operation->removes && isNewest ) {
          row->newest = row->inHardware;
+         bool const isHeld = operation->version == row->inHardware;
+         row->reporter =
+            isHeld ? row->inHardware : std::make_shared< Version >( Version{ .spec = operation->version->spec } );
          refused_.push_back( row );
+         std::ranges::sort( refused_, {}, []( RowPtr const & refused ) { return refused->lastOperation; } );
       }
       settling_.push_back( row );
       inResponse_.insert( inResponse_.end(), { operation->version, replaced } );

@@ -141,10 +141,10 @@ TEST_F( SwTable, ARefusedRemovalShowsWhatTheHardwareHoldsAndIsTriedAgainEachTurn
    hardware->retryFailed();
    EXPECT_EQ( hardware->outstanding(), 1U );
    settle();
-   EXPECT_EQ( picture(), "seen r1=10 m5=50! | chip r1=10 m5=50 | open 1 | told 50:4" );
+   EXPECT_EQ( picture(), "seen r1=10 m5=50! | chip r1=10 m5=50 | open 1 | told 51:4" );
    chip->refusing.clear();
    settle();
-   EXPECT_EQ( picture(), "seen | chip | open 0 | told 50:3 10:3" );
+   EXPECT_EQ( picture(), "seen | chip | open 0 | told 51:3 10:3" );
 }
 
 TEST_F( SwTable, AnOperationOfTheKeyEndsTheRetriesOfItsRefusedRemoval ) {
