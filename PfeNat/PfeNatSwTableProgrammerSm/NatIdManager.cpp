@@ -42,6 +42,12 @@ NatId const * NatIdManager::persistedId( NatMatchKey const & matchKey ) const {
    return natIdInfo_ ? natIdInfo_->matchKeyToNatId().find( matchKey ) : nullptr;
 }
 
+IngKeySet const & NatIdManager::holdersOf( NatMatchKey const & matchKey ) const {
+   static IngKeySet const none;
+   auto const * const ingKeySet = matchKeyToIngKeySet_.find( matchKey );
+   return ingKeySet ? *ingKeySet : none;
+}
+
 NatId NatIdManager::allocateNatId( IngNatTableKey const & ingKey, NatMatchKey const & matchKey ) {
    NatId natId;
    auto const * const persisted = persistedId( matchKey );
@@ -56,15 +62,20 @@ NatId NatIdManager::allocateNatId( IngNatTableKey const & ingKey, NatMatchKey co
       natId = *persisted;
    }
 
-   auto const [ ingKeySet, isFirstHolder ] = matchKeyToIngKeySet_.refOrEmplace( matchKey );
-   if ( persisted && isFirstHolder ) {
-      TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " has cached natId: ", natId, ".",
-             " Rebuilding natId->IngKey map for restart" );
-   } else if ( persisted ) {
-      TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " already assigned to natId: ", natId );
-   }
-   ingKeySet.entryIs( ingKey );
-   TRACE( traceHandle(), 8, "matchKey ", matchKey, ", natId: ", natId, ", new refCount: ", ingKeySet.entrys() );
+   std::size_t refCount = 0;
+   matchKeyToIngKeySet_.change( matchKey, [ & ]( IngKeySet & ingKeySet ) {
+      if ( !persisted ) {
+         ingKeySet.entryDelAll();
+      } else if ( ingKeySet ) {
+         TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " already assigned to natId: ", natId );
+      } else {
+         TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " has cached natId: ", natId, ".",
+                " Rebuilding natId->IngKey map for restart" );
+      }
+      ingKeySet.entryIs( ingKey );
+      refCount = ingKeySet.entrys();
+   } );
+   TRACE( traceHandle(), 8, "matchKey ", matchKey, ", natId: ", natId, ", new refCount: ", refCount );
    return natId;
 }
 
@@ -82,13 +93,15 @@ void NatIdManager::freeNatId( IngNatTableKey const & ingKey, NatMatchKey const &
       return;
    }
    auto const natId = *persisted;
-   auto const [ ingKeySet, isUnknown ] = matchKeyToIngKeySet_.refOrEmplace( matchKey );
+   auto const & ingKeySet = holdersOf( matchKey );
    VEXA_ASSERT( ingKeySet.entrys() );
-   ingKeySet.entryDel( ingKey );
-   TRACE( traceHandle(), 8, "freeNatId", " matchKey ", matchKey, " new refCount: ", ingKeySet.entrys() );
-   if ( ingKeySet ) {
+   auto const newRefCount = ingKeySet.entrys() - ingKeySet.entryHas( ingKey );
+   TRACE( traceHandle(), 8, "freeNatId", " matchKey ", matchKey, " new refCount: ", newRefCount );
+   if ( newRefCount != 0 ) {
+      matchKeyToIngKeySet_.change( matchKey, [ & ]( IngKeySet & set ) { set.entryDel( ingKey ); } );
       return;
    }
+   // The last holder stays in the set until the set goes, so that a set is never empty.
    natIdBitmap_->clearBit( natId.value() );
    natIdInfo_->matchKeyToNatIdDel( matchKey );
    matchKeyToIngKeySetDel( matchKey );
@@ -117,9 +130,11 @@ Vexa::TypeData const & NatIdManager::classType() {
    using IngKeySetOf = IngKeySet ( NatIdManager::* )( NatMatchKey const & ) const;
    static constexpr Vexa::Attribute< Entity > attributes[] = {
       Vexa::readOnlyAttribute< Entity, &NatIdManager::natIdInfo >( "natIdInfo" ),
-      Vexa::collectionAttribute< Entity, static_cast< IngKeySetOf >( &NatIdManager::matchKeyToIngKeySet ) >(
+      Vexa::collectionAttribute< Entity, static_cast< IngKeySetOf >( &NatIdManager::matchKeyToIngKeySet ),
+                                 &NatIdManager::matchKeyToIngKeySetIs, &NatIdManager::matchKeyToIngKeySetDel >(
          "matchKeyToIngKeySet" ),
-      Vexa::instantiatingAttribute< Entity, &NatIdManager::natIdBitmap, &NatIdManager::natIdBitmapIs >( "natIdBitmap" ),
+      Vexa::instantiatingAttribute< Entity, &NatIdManager::natIdBitmap, &NatIdManager::natIdBitmapIs,
+                                    &NatIdManager::natIdBitmapDel >( "natIdBitmap" ),
       Vexa::methodAttribute< Entity, &NatIdManager::allocateNatId >( "allocateNatId" ),
       Vexa::methodAttribute< Entity, &NatIdManager::getNatId >( "getNatId" ),
       Vexa::methodAttribute< Entity, &NatIdManager::freeNatId >( "freeNatId" ),

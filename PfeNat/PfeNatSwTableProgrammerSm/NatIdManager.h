@@ -71,6 +71,8 @@ class NatIdManager final : public Orla::Entity {
  private:
    // Null when the match key has no id, or there is no `natIdInfo`.
    NatId const * persistedId( NatMatchKey const & matchKey ) const;
+   // In place; empty for an unknown key.
+   IngKeySet const & holdersOf( NatMatchKey const & matchKey ) const;
 
    NatIdInfo::Ptr natIdInfo_;
    MatchKeyToIngKeySet matchKeyToIngKeySet_;

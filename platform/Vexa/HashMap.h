@@ -36,8 +36,10 @@ template< class Key, class Value > class KeyWatcher {
 };
 
 // A map with the operations of a framework collection. References into it last until the next insertion.
-template< class Key, class Value, U32 seedConstant > class HashMap {
+template< class KeyType, class ValueType, U32 seedConstant > class HashMap {
  public:
+   using Key = KeyType;
+   using Value = ValueType;
    using Watcher = KeyWatcher< Key, Value >;
 
    HashMap() = default;
@@ -68,6 +70,19 @@ template< class Key, class Value, U32 seedConstant > class HashMap {
       }
       auto const [ place, inserted ] = entries_.try_emplace( key );
       auto const previous = std::exchange( place->second, std::move( value ) );
+      tell( key, inserted ? nullptr : &previous, &place->second );
+   }
+
+   // Changes the value under `key` where it stands, inserted as the type's default when absent, by function( value ),
+   // then tells the watchers. The function may not change the map.
+   template< class Function > void change( Key const & key, Function && function ) {
+      auto const [ place, inserted ] = entries_.try_emplace( key );
+      if ( watchers_.empty() ) {
+         function( place->second );
+         return;
+      }
+      auto const previous = place->second;
+      function( place->second );
       tell( key, inserted ? nullptr : &previous, &place->second );
    }
 
