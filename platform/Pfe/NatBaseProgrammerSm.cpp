@@ -14,6 +14,9 @@ struct StaticRule {
    static constexpr U32 rememberedConstant = 0xB5470917;
    static constexpr U32 refusedConstant = 0x9216D5D9;
 
+   static Entry::PtrConst configured( NatBaseProgrammerSm const & sm, Key const & key ) {
+      return sm.natProgrammerConfig()->staticEntry( key );
+   }
    static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
       sm.addStaticConnection( key, entry );
    }
@@ -42,6 +45,9 @@ struct TwiceRule {
    static constexpr U32 rememberedConstant = 0x8979FB1B;
    static constexpr U32 refusedConstant = 0xD1310BA6;
 
+   static Entry::PtrConst configured( NatBaseProgrammerSm const & sm, Key const & key ) {
+      return sm.natProgrammerConfig()->twiceEntry( key );
+   }
    static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
       sm.addTwiceConnection( key, entry );
    }
@@ -70,6 +76,9 @@ struct DynamicRule {
    static constexpr U32 rememberedConstant = 0x98DFB5AC;
    static constexpr U32 refusedConstant = 0x2FFD72DB;
 
+   static Entry::PtrConst configured( NatBaseProgrammerSm const & sm, Key const & key ) {
+      return sm.natProgrammerConfig()->dynamicEntry( key );
+   }
    static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
       sm.addDynamicConnection( key, entry );
    }
@@ -174,18 +183,23 @@ void NatBaseProgrammerSm::handleProgrammerTrapConfig( NatProgrammerTrapKey const
 // Traps have no status: what was raised is counted and not remembered.
 void NatBaseProgrammerSm::handleTrap( NatProgrammerTrapKey const & key,
                                       NatProgrammerTrapEntry::PtrConst const & configured ) {
-   if ( auto const previous = memory_->traps.valueOr( key ) ) {
-      if ( !configured || trapKeyOf( key, *previous ) != trapKeyOf( key, *configured ) ) {
-         memory_->traps.del( key );
-         deleteTrap( key, previous );
+   auto const raises = [ & ]( auto const & operation ) {
+      try {
+         operation();
+         return false;
+      } catch ( Vexa::RangeException const & error ) {
+         memory_->refusals.countRangeError( Vexa::stringOf( key ), error );
+         return true;
       }
+   };
+   auto const previous = memory_->traps.valueOr( key );
+   if ( previous && ( !configured || trapKeyOf( key, *previous ) != trapKeyOf( key, *configured ) ) ) {
+      memory_->traps.del( key );
+      raises( [ & ] { deleteTrap( key, previous ); } );
    }
    if ( configured ) {
       memory_->traps.is( key, configured );
-      try {
-         addTrap( key, configured );
-      } catch ( Vexa::RangeException const & error ) {
-         memory_->refusals.countRangeError( Vexa::stringOf( key ), error );
+      if ( raises( [ & ] { addTrap( key, configured ); } ) ) {
          memory_->traps.del( key );
       }
    }

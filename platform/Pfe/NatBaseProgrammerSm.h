@@ -63,7 +63,8 @@ class NatBaseProgrammerSm : public Orla::Entity {
    Mode programmerMode() const { return mode_; }
    void programmerModeIs( Mode mode ) { mode_ = mode; }
 
-   // Where profiles come from; null, as for a programmer that refuses profiles: nowhere.
+   // Where profiles come from; null, as for a programmer that refuses profiles: nowhere. What a new source holds
+   // already is delivered by the next replay.
    NatVlanProfileConfig::PtrConst const & natVlanProfileConfig() const { return natVlanProfileConfig_; }
    void natVlanProfileConfigIs( NatVlanProfileConfig::PtrConst config );
 
@@ -72,7 +73,8 @@ class NatBaseProgrammerSm : public Orla::Entity {
    void natIdPoolIs( NatIdInfo::PtrConst pool ) { natIdPool_ = std::move( pool ); }
 
    // Hands over everything that the configuration holds, then reconciles, then retries what the id pool refused. Until
-   // the first replay changes of the configuration are left to it.
+   // the first replay changes of the configuration are left to it. Whoever watches the status while it runs may remove
+   // rules, but adds none.
    void replay();
 
    // Hands over what `key` is configured as now, or its removal.

@@ -6,6 +6,7 @@
 #include <Vexa/Exception.h>
 #include <Vexa/HashMap.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <utility>
@@ -32,7 +33,8 @@ struct Refusals {
    std::map< U64, Key > poolKeys;  // what the NAT id pool refused, by number
 };
 
-// `Rule` gives Key, Entry, two hash constants, the operations (add, update, del), and of the status find, set and drop.
+// `Rule` gives Key, Entry, two hash constants, what is configured, the operations (add, update, del), and of the status
+// find, set and drop.
 template< class Rule > class RuleMemory {
  public:
    using Key = typename Rule::Key;
@@ -47,13 +49,7 @@ template< class Rule > class RuleMemory {
    // Hands over what `key` is configured as; null: it is not configured any more.
    void handle( Key const & key, EntryPtr const & configured ) {
       if ( refused_.count() != 0 && unmark( key ) ) {
-         if ( configured ) {
-            changed_.push_back( key );
-            remembered_.is( key, configured );
-            run( &Rule::add, key, configured );
-         } else {
-            Rule::statusDel( programmer_, key );
-         }
+         tryAgain( key, configured );
          return;
       }
       if ( !configured ) {
@@ -68,16 +64,18 @@ template< class Rule > class RuleMemory {
       }
       auto const previous = known;
       if ( configured != previous ) {
-         changed_.push_back( key );
+         mayBeStale( key );
       }
       if ( previous->derivesSameRows( *configured ) ) {
          known = configured;
          run( &Rule::update, key, configured );
          return;
       }
-      takeBack( key, previous );  // while it is the one remembered; whoever watches the status may change the memory
-      remembered_.refOrEmplace( key ).first = configured;
-      run( &Rule::add, key, configured );
+      takeBack( key, previous );  // while it is the one remembered
+      if ( isStillConfigured( key, configured ) ) {
+         remembered_.refOrEmplace( key ).first = configured;
+         run( &Rule::add, key, configured );
+      }
    }
 
    // Hands a refused key over again; false when it is refused again.
@@ -114,7 +112,7 @@ template< class Rule > class RuleMemory {
    void dropStaleStatus() {
       auto changed = std::exchange( changed_, {} );
       for ( auto const & key : changed ) {
-         if ( auto const * const status = Rule::status( programmer_, key ); status && isStale( key, *status ) ) {
+         if ( hasStaleStatus( key ) ) {
             Rule::statusDel( programmer_, key );
          }
       }
@@ -142,6 +140,29 @@ template< class Rule > class RuleMemory {
       return !isRefused( key ) && ( !known || *known != status.entry );
    }
 
+   bool hasStaleStatus( Key const & key ) const {
+      auto const * const status = Rule::status( programmer_, key );
+      return status && isStale( key, *status );
+   }
+
+   // Notes the key for the next rest. Where rest is long in coming, keys whose status is true are let go: the notes
+   // stay in proportion to the rules.
+   void mayBeStale( Key const & key ) {
+      changed_.push_back( key );
+      if ( changed_.size() > 2 * keptChanged_ + remembered_.count() + 1024 ) {
+         std::erase_if( changed_, [ & ]( Key const & each ) { return !hasStaleStatus( each ); } );
+         std::ranges::sort( changed_ );
+         auto const repeated = std::ranges::unique( changed_ );
+         changed_.erase( repeated.begin(), repeated.end() );
+         keptChanged_ = changed_.size();
+      }
+   }
+
+   // Whoever watches the status may have changed the rule while an operation ran; that change was handed over then.
+   bool isStillConfigured( Key const & key, EntryPtr const & entry ) const {
+      return Rule::configured( programmer_, key ) == entry;
+   }
+
    // Removes the mark of a refused key; false when it has none.
    bool unmark( Key const & key ) {
       auto const * const number = refused_.find( key );
@@ -153,12 +174,28 @@ template< class Rule > class RuleMemory {
       return true;
    }
 
+   // Hands over a key whose mark was just removed. Its result 2 goes with the mark, unless it is refused again: an add
+   // that does nothing must not leave it.
+   void tryAgain( Key const & key, EntryPtr const & configured ) {
+      if ( configured ) {
+         mayBeStale( key );
+         remembered_.is( key, configured );
+         run( &Rule::add, key, configured );
+      }
+      auto const * const status = Rule::status( programmer_, key );
+      if ( status && status->result == PfeHelper::NatHwResult::failed && !isRefused( key ) ) {
+         Rule::statusDel( programmer_, key );
+      }
+   }
+
    void forget( Key const & key ) {
       if ( auto const * const known = remembered_.find( key ) ) {
          EntryPtr const previous = *known;
-         changed_.push_back( key );
+         mayBeStale( key );
          takeBack( key, previous );
-         remembered_.del( key );
+         if ( isStillConfigured( key, nullptr ) ) {
+            remembered_.del( key );
+         }
       }
    }
 
@@ -192,7 +229,7 @@ template< class Rule > class RuleMemory {
          // Raised for the same reason; there is nothing to undo from there on.
       }
       remembered_.del( key );
-      changed_.push_back( key );
+      mayBeStale( key );
       auto const number = ++refusals_.refused;
       refused_.is( key, number );
       if ( error.what() == std::string_view( NatId::rangeError ) ) {
@@ -206,6 +243,7 @@ template< class Rule > class RuleMemory {
    Vexa::HashMap< Key, EntryPtr, Rule::rememberedConstant > remembered_;
    Vexa::HashMap< Key, U64, Rule::refusedConstant > refused_;  // with the number of the refusal
    std::vector< Key > changed_;                                // since the last rest, with a status that may be stale
+   std::size_t keptChanged_ = 0;                               // of them when they were last looked through
 };
 
 }  // namespace Pfe
