@@ -153,7 +153,8 @@ Vexa::TypeData const & NatSwTableProgrammerSm::classType() {
          "ingDynamicDnatAddrOnlyTable" ),
       Vexa::attribute< Entity, &Sm::natTrapConfig, &Sm::natTrapConfigIs >( "natTrapConfig" ),
       Vexa::attribute< Entity, &Sm::natProfileConfig, &Sm::natProfileConfigIs >( "natProfileConfig" ),
-      Vexa::instantiatingAttribute< Entity, &Sm::natIdManager, &Sm::natIdManagerIs >( "natIdManager" ),
+      Vexa::instantiatingAttribute< Entity, &Sm::natIdManager, &Sm::natIdManagerIs, &Sm::natIdManagerDel >(
+         "natIdManager" ),
       Vexa::attribute< Entity, &Sm::mcastProgrammerHelper, &Sm::mcastProgrammerHelperIs >( "mcastProgrammerHelper" ),
       Vexa::attribute< Entity, &Sm::dynamicNatProgrammerHelper, &Sm::dynamicNatProgrammerHelperIs >(
          "dynamicNatProgrammerHelper" ),

@@ -40,6 +40,22 @@ std::ostream & operator<<( std::ostream & out, EgrMcastEntry::EgrMcastInfo const
    return out << "Value('Pfe::EgrMcastEntry::EgrMcastInfo', key=" << info.key_ << ", entry=" << info.entry_ << ')';
 }
 
+std::span< Vexa::Attribute< EgrMcastEntry::EgrMcastInfo > const > EgrMcastEntry::EgrMcastInfo::attributeTable() {
+   static constexpr Vexa::Attribute< EgrMcastInfo > table[] = {
+      Vexa::readOnlyAttribute< EgrMcastInfo, &EgrMcastInfo::key >( "key" ),
+      Vexa::readOnlyAttribute< EgrMcastInfo, &EgrMcastInfo::entry >( "entry" ) };
+   return table;
+}
+
+std::span< Vexa::Attribute< EgrMcastEntry > const > EgrMcastEntry::attributeTable() {
+   // The list is taken away from its end only.
+   static constexpr Vexa::Attribute< EgrMcastEntry > table[] = {
+      Vexa::collectionAttribute< EgrMcastEntry, &EgrMcastEntry::entry, &EgrMcastEntry::entryIs,
+                                 &EgrMcastEntry::entryPop >( "entry" ),
+      Vexa::attribute< EgrMcastEntry, &EgrMcastEntry::valid, &EgrMcastEntry::validIs >( "valid" ) };
+   return table;
+}
+
 EgrMcastEntry::EgrMcastEntry( Vexa::CharRange & ) {
    VEXA_ASSERT( "No String constructor for EgrMcastEntry - has collection" == nullptr );
 }

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <Pfe/EgrNatTables.h>
+#include <Vexa/Attribute.h>
 #include <Vexa/Value.h>
 
 #include <ostream>
+#include <span>
 #include <vector>
 
 namespace [[gnu::visibility( "default" )]] Pfe {
@@ -29,6 +31,8 @@ class EgrMcastEntry {
          return a.key_ == b.key_ && a.entry_ == b.entry_;
       }
       friend std::ostream & operator<<( std::ostream & out, EgrMcastInfo const & info );
+
+      static std::span< Vexa::Attribute< EgrMcastInfo > const > attributeTable();
 
     private:
       EgrNatMcRewriteTable::Key key_;
@@ -57,6 +61,8 @@ class EgrMcastEntry {
       return &a == &b || ( a.valid_ == b.valid_ && a.entry_ == b.entry_ );
    }
    friend std::ostream & operator<<( std::ostream & out, EgrMcastEntry const & value );
+
+   static std::span< Vexa::Attribute< EgrMcastEntry > const > attributeTable();
 
  private:
    std::vector< EgrMcastInfo > entry_;

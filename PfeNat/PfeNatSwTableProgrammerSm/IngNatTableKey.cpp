@@ -25,6 +25,13 @@ std::span< Vexa::Attribute< IngNatTableKey > const > IngNatTableKey::attributeTa
    return table;
 }
 
+std::span< Vexa::Attribute< IngKeySet > const > IngKeySet::attributeTable() {
+   static constexpr Vexa::Attribute< IngKeySet > table[] = {
+      Vexa::collectionAttribute< IngKeySet, &IngKeySet::entryHas, &IngKeySet::entryIs, &IngKeySet::entryDel >(
+         "entry" ) };
+   return table;
+}
+
 IngKeySet::IngKeySet( Vexa::CharRange & ) {
    VEXA_ASSERT( "No String constructor for IngKeySet - has collection" == nullptr );
 }

@@ -87,6 +87,8 @@ class IngKeySet {
    // Sets are no hash keys: throws UnhashableTypeException.
    [[noreturn]] U32 hash( U32 seed ) const;
 
+   static std::span< Vexa::Attribute< IngKeySet > const > attributeTable();
+
    friend bool operator==( IngKeySet const & a, IngKeySet const & b ) { return a.entry_ == b.entry_; }
    // Value('Pfe::IngKeySet', entry={ ... }), keys in their order.
    friend std::ostream & operator<<( std::ostream & out, IngKeySet const & set );

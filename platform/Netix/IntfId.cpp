@@ -66,7 +66,7 @@ std::optional< IntfId > IntfId::fromValue( U32 value ) {
    return isKnown && ( intf.kind() != IntfKind::none || value == 0 ) ? std::optional( intf ) : std::nullopt;
 }
 
-Orla::String const & IntfId::name() const {
+Orla::String IntfId::name() const {
    // Every rule asks for it; a switch has few interfaces. Never destroyed, as strings may be asked for at exit.
    static auto * const names = new Vexa::HashMap< IntfId, Orla::String, 0x6C9E0E8B >;
    auto const [ text, isNew ] = names->refOrEmplace( *this );

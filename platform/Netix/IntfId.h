@@ -30,7 +30,7 @@ class IntfId {
    IntfKind kind() const { return static_cast< IntfKind >( value_ >> 24 ); }
    U32 number() const { return value_ & maxNumber; }
    U32 value() const { return value_; }
-   Orla::String const & name() const;
+   Orla::String name() const;
    U32 hash( U32 seed ) const { return Vexa::hash( value_, seed ); }
 
    friend constexpr auto operator<=>( IntfId const &, IntfId const & ) = default;

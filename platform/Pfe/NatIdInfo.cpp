@@ -5,7 +5,11 @@
 namespace [[gnu::visibility( "default" )]] Pfe {
 
 Vexa::TypeData const & NatIdInfo::typeData() const {
-   static constexpr Vexa::TypeData type{ .name = "Pfe::NatIdInfo" };
+   using Entity = Orla::Entity;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::mapAttribute< Entity, &NatIdInfo::matchKeyToNatId, &NatIdInfo::matchKeyToNatIdIs,
+                          &NatIdInfo::matchKeyToNatIdDel >( "matchKeyToNatId" ) };
+   static constexpr Vexa::TypeData type{ .name = "Pfe::NatIdInfo", .attributes = attributes };
    return type;
 }
 

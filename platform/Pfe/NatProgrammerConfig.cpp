@@ -6,21 +6,51 @@
 namespace [[gnu::visibility( "default" )]] Pfe {
 
 Vexa::TypeData const & NatProgrammerConfig::typeData() const {
-   static constexpr Vexa::Attribute< Orla::Entity > attributes[] = {
-      Vexa::attribute< Orla::Entity, &NatProgrammerConfig::fragmentationEnabled,
+   using Entity = Orla::Entity;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::attribute< Entity, &NatProgrammerConfig::fragmentationEnabled,
                        &NatProgrammerConfig::fragmentationEnabledIs >( "fragmentationEnabled" ),
-      Vexa::attribute< Orla::Entity, &NatProgrammerConfig::vrfLess, &NatProgrammerConfig::vrfLessIs >( "vrfLess" ) };
+      Vexa::attribute< Entity, &NatProgrammerConfig::vrfLess, &NatProgrammerConfig::vrfLessIs >( "vrfLess" ),
+      Vexa::mapAttribute< Entity,
+                          static_cast< NatProgrammerConfig::StaticEntries const & (NatProgrammerConfig::*)() const >(
+                             &NatProgrammerConfig::staticEntry ),
+                          &NatProgrammerConfig::staticEntryIs, &NatProgrammerConfig::staticEntryDel >( "staticEntry" ),
+      Vexa::mapAttribute< Entity,
+                          static_cast< NatProgrammerConfig::TwiceEntries const & (NatProgrammerConfig::*)() const >(
+                             &NatProgrammerConfig::twiceEntry ),
+                          &NatProgrammerConfig::twiceEntryIs, &NatProgrammerConfig::twiceEntryDel >( "twiceEntry" ),
+      Vexa::mapAttribute< Entity,
+                          static_cast< NatProgrammerConfig::DynamicEntries const & (NatProgrammerConfig::*)() const >(
+                             &NatProgrammerConfig::dynamicEntry ),
+                          &NatProgrammerConfig::dynamicEntryIs, &NatProgrammerConfig::dynamicEntryDel >(
+         "dynamicEntry" ),
+      Vexa::mapAttribute< Entity,
+                          static_cast< NatProgrammerConfig::TrapEntries const & (NatProgrammerConfig::*)() const >(
+                             &NatProgrammerConfig::trapEntry ),
+                          &NatProgrammerConfig::trapEntryIs, &NatProgrammerConfig::trapEntryDel >( "trapEntry" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatProgrammerConfig", .attributes = attributes };
    return type;
 }
 
 Vexa::TypeData const & NatVlanProfileConfig::typeData() const {
-   static constexpr Vexa::TypeData type{ .name = "Pfe::NatVlanProfileConfig" };
+   using Entity = Orla::Entity;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::mapAttribute< Entity, &NatVlanProfileConfig::vlanProfile, &NatVlanProfileConfig::vlanProfileIs,
+                          &NatVlanProfileConfig::vlanProfileDel >( "vlanProfile" ) };
+   static constexpr Vexa::TypeData type{ .name = "Pfe::NatVlanProfileConfig", .attributes = attributes };
    return type;
 }
 
 Vexa::TypeData const & NatProgrammerStatus::typeData() const {
-   static constexpr Vexa::TypeData type{ .name = "Pfe::NatProgrammerStatus" };
+   using Entity = Orla::Entity;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::mapAttribute< Entity, &NatProgrammerStatus::staticStatus, &NatProgrammerStatus::staticStatusIs,
+                          &NatProgrammerStatus::staticStatusDel >( "staticStatus" ),
+      Vexa::mapAttribute< Entity, &NatProgrammerStatus::twiceStatus, &NatProgrammerStatus::twiceStatusIs,
+                          &NatProgrammerStatus::twiceStatusDel >( "twiceStatus" ),
+      Vexa::mapAttribute< Entity, &NatProgrammerStatus::dynamicStatus, &NatProgrammerStatus::dynamicStatusIs,
+                          &NatProgrammerStatus::dynamicStatusDel >( "dynamicStatus" ) };
+   static constexpr Vexa::TypeData type{ .name = "Pfe::NatProgrammerStatus", .attributes = attributes };
    return type;
 }
 

@@ -13,17 +13,28 @@ U32 NatAclNameIdTable::allocateAclId( Orla::String const & aclName ) {
 }
 
 Vexa::TypeData const & NatAclNameIdTable::typeData() const {
-   static constexpr Vexa::TypeData type{ .name = "Pfe::NatAclNameIdTable" };
+   using Entity = Orla::Entity;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::methodAttribute< Entity, &NatAclNameIdTable::allocateAclId >( "allocateAclId" ) };
+   static constexpr Vexa::TypeData type{ .name = "Pfe::NatAclNameIdTable", .attributes = attributes };
    return type;
 }
 
 Vexa::TypeData const & NatTrapConfig::typeData() const {
-   static constexpr Vexa::TypeData type{ .name = "Pfe::NatTrapConfig" };
+   using Entity = Orla::Entity;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::mapAttribute< Entity, &NatTrapConfig::trapAcl, &NatTrapConfig::trapAclIs, &NatTrapConfig::trapAclDel >(
+         "trapAcl" ) };
+   static constexpr Vexa::TypeData type{ .name = "Pfe::NatTrapConfig", .attributes = attributes };
    return type;
 }
 
 Vexa::TypeData const & NatProfileConfig::typeData() const {
-   static constexpr Vexa::TypeData type{ .name = "Pfe::NatProfileConfig" };
+   using Entity = Orla::Entity;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::mapAttribute< Entity, &NatProfileConfig::vlanIdToProfileId, &NatProfileConfig::vlanIdToProfileIdIs,
+                          &NatProfileConfig::vlanIdToProfileIdDel >( "vlanIdToProfileId" ) };
+   static constexpr Vexa::TypeData type{ .name = "Pfe::NatProfileConfig", .attributes = attributes };
    return type;
 }
 

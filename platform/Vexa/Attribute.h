@@ -30,6 +30,9 @@ template< class Object > struct Attribute {
    AttrResult ( *read )( Object const & object, std::any & value ) = nullptr;
    AttrResult ( *write )( Object & object, std::any const & value ) = nullptr;
    AttrResult ( *call )( Object & object, AttrArguments arguments, std::any & result ) = nullptr;
+   // Collections and instantiating attributes: put in, and take out. The result is what the accessor returns.
+   AttrResult ( *insert )( Object & object, AttrArguments arguments, std::any & result ) = nullptr;
+   AttrResult ( *del )( Object & object, AttrArguments arguments, std::any & result ) = nullptr;
 };
 
 namespace detail {
@@ -87,6 +90,18 @@ template< auto setter, class Object > AttrResult writeThunk( Object & object, st
    return callThunk< setter >( object, AttrArguments( &value, 1 ), unused );
 }
 
+template< auto map, class Object > AttrResult findThunk( Object & object, AttrArguments arguments, std::any & result ) {
+   using Traits = MemberTraits< decltype( map ) >;
+   using Key = typename std::remove_cvref_t< typename Traits::Result >::Key;
+   auto const * const key = arguments.size() == 1 ? std::any_cast< Key >( &arguments[ 0 ] ) : nullptr;
+   if ( !key ) {
+      return AttrResult::notSupported;
+   }
+   auto const * const value = ( static_cast< typename Traits::Class const & >( object ).*map )().find( *key );
+   result = value ? std::any( *value ) : std::any();
+   return AttrResult::done;
+}
+
 }  // namespace detail
 
 template< class Object, auto getter > constexpr Attribute< Object > readOnlyAttribute( std::string_view name ) {
@@ -104,18 +119,35 @@ template< class Object, auto function > constexpr Attribute< Object > methodAttr
    return { .name = name, .kind = AttrKind::method, .call = &detail::callThunk< function, Object > };
 }
 
-// A collection answers a call with one key by the value under that key.
-template< class Object, auto lookUp > constexpr Attribute< Object > collectionAttribute( std::string_view name ) {
-   return { .name = name, .kind = AttrKind::collection, .call = &detail::callThunk< lookUp, Object > };
+// A collection answers a call with one key by what it holds under that key.
+template< class Object, auto lookUp, auto insert, auto del >
+constexpr Attribute< Object > collectionAttribute( std::string_view name ) {
+   return { .name = name,
+            .kind = AttrKind::collection,
+            .call = &detail::callThunk< lookUp, Object >,
+            .insert = &detail::callThunk< insert, Object >,
+            .del = &detail::callThunk< del, Object > };
 }
 
-// Read as a value; a call creates what it holds from the arguments.
-template< class Object, auto getter, auto create >
+// A collection whose accessor returns its HashMap: the value under a key, an empty std::any when there is none.
+template< class Object, auto map, auto insert, auto del >
+constexpr Attribute< Object > mapAttribute( std::string_view name ) {
+   return { .name = name,
+            .kind = AttrKind::collection,
+            .call = &detail::findThunk< map, Object >,
+            .insert = &detail::callThunk< insert, Object >,
+            .del = &detail::callThunk< del, Object > };
+}
+
+// Read as a value; an insertion creates what it holds from the arguments, and so does a call.
+template< class Object, auto getter, auto create, auto del >
 constexpr Attribute< Object > instantiatingAttribute( std::string_view name ) {
    return { .name = name,
             .kind = AttrKind::instantiating,
             .read = &detail::readThunk< getter, Object >,
-            .call = &detail::callThunk< create, Object > };
+            .call = &detail::callThunk< create, Object >,
+            .insert = &detail::callThunk< create, Object >,
+            .del = &detail::callThunk< del, Object > };
 }
 
 // The id of the attribute called `name`; absent when the table has none.
@@ -149,14 +181,21 @@ AttrResult attributeWrite( std::span< Attribute< Object > const > table, Object 
    return row.write ? row.write( object, value ) : AttrResult::notSupported;
 }
 
-template< class Object >
-AttrResult attributeCall( std::span< Attribute< Object > const > table, Object & object, U32 id,
-                          AttrArguments arguments, std::any & result ) {
+// Calls, inserts or deletes: `operation` is the row's member that does it.
+template< class Object, class Operation >
+AttrResult attributeInvoke( std::span< Attribute< Object > const > table, Object & object, U32 id,
+                            Operation Attribute< Object >::*operation, AttrArguments arguments, std::any & result ) {
    if ( id == 0 || id > table.size() ) {
       return AttrResult::noSuchAttribute;
    }
-   auto const & row = table[ id - 1 ];
-   return row.call ? row.call( object, arguments, result ) : AttrResult::notSupported;
+   auto const function = table[ id - 1 ].*operation;
+   return function ? function( object, arguments, result ) : AttrResult::notSupported;
+}
+
+template< class Object >
+AttrResult attributeCall( std::span< Attribute< Object > const > table, Object & object, U32 id,
+                          AttrArguments arguments, std::any & result ) {
+   return attributeInvoke( table, object, id, &Attribute< Object >::call, arguments, result );
 }
 
 }  // namespace Vexa

@@ -60,10 +60,28 @@ AttrResult attributeWrite( Orla::Entity & entity, std::string_view name, std::an
    return found.type ? attributeWrite( found.type->attributes, entity, found.id, value ) : AttrResult::noSuchAttribute;
 }
 
-AttrResult attributeCall( Orla::Entity & entity, std::string_view name, AttrArguments arguments, std::any & result ) {
+namespace {
+
+template< class Operation >
+AttrResult invoke( Orla::Entity & entity, std::string_view name, Operation Attribute< Orla::Entity >::*operation,
+                   AttrArguments arguments, std::any & result ) {
    auto const found = attributeOf( entity.typeData(), name );
-   return found.type ? attributeCall( found.type->attributes, entity, found.id, arguments, result )
+   return found.type ? attributeInvoke( found.type->attributes, entity, found.id, operation, arguments, result )
                      : AttrResult::noSuchAttribute;
+}
+
+}  // namespace
+
+AttrResult attributeCall( Orla::Entity & entity, std::string_view name, AttrArguments arguments, std::any & result ) {
+   return invoke( entity, name, &Attribute< Orla::Entity >::call, arguments, result );
+}
+
+AttrResult attributeInsert( Orla::Entity & entity, std::string_view name, AttrArguments arguments, std::any & result ) {
+   return invoke( entity, name, &Attribute< Orla::Entity >::insert, arguments, result );
+}
+
+AttrResult attributeDel( Orla::Entity & entity, std::string_view name, AttrArguments arguments, std::any & result ) {
+   return invoke( entity, name, &Attribute< Orla::Entity >::del, arguments, result );
 }
 
 }  // namespace Vexa

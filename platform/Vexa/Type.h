@@ -48,6 +48,8 @@ TypeData const * typeOf( std::string_view typeName );
 AttrResult attributeRead( Orla::Entity const & entity, std::string_view name, std::any & value );
 AttrResult attributeWrite( Orla::Entity & entity, std::string_view name, std::any const & value );
 AttrResult attributeCall( Orla::Entity & entity, std::string_view name, AttrArguments arguments, std::any & result );
+AttrResult attributeInsert( Orla::Entity & entity, std::string_view name, AttrArguments arguments, std::any & result );
+AttrResult attributeDel( Orla::Entity & entity, std::string_view name, AttrArguments arguments, std::any & result );
 
 namespace detail {
 

@@ -174,4 +174,31 @@ TEST_F( NatIdManagerDeathTest, WithoutPersistedIdsNothingIsKnownAndAllocationSto
    EXPECT_DEATH( manager->allocateNatId( first, matchKey( 80 ) ), "^object_ && \"Orla::Ptr is null\"\n" );
 }
 
+TEST_F( NatIdManagerTest, TellsWatchersOfEveryChangeOfTheHolders ) {
+   struct Watcher final : Pfe::NatIdManager::MatchKeyToIngKeySet::Watcher {
+      void onKey( Pfe::NatMatchKey const &, Pfe::IngKeySet const * previous, Pfe::IngKeySet const * current ) override {
+         auto const text = []( Pfe::IngKeySet const * set ) { return set ? std::to_string( set->entrys() ) : "none"; };
+         told.push_back( text( previous ) + " to " + text( current ) );
+      }
+      Lines told;
+   } watcher;
+   start();
+   manager->matchKeyToIngKeySet().watcherIs( watcher );
+   manager->allocateNatId( first, matchKey( 80 ) );
+   manager->allocateNatId( second, matchKey( 80 ) );
+   manager->freeNatId( second, matchKey( 80 ) );
+   manager->freeNatId( first, matchKey( 80 ) );
+   EXPECT_THAT( watcher.told, ElementsAre( "none to 1", "1 to 2", "2 to 1", "1 to none" ) );
+   manager->matchKeyToIngKeySet().watcherDel( watcher );
+}
+
+TEST_F( NatIdManagerTest, AnEmptySetCountsAsNoHolder ) {
+   start();
+   manager->allocateNatId( first, matchKey( 80 ) );
+   manager->matchKeyToIngKeySetIs( matchKey( 80 ), {} );
+   Support::TraceLines trace( 8 );
+   EXPECT_EQ( manager->allocateNatId( second, matchKey( 80 ) ), 1 );
+   EXPECT_THAT( trace.take(), testing::Contains( testing::HasSubstr( " has cached natId: 1." ) ) );
+}
+
 }  // namespace

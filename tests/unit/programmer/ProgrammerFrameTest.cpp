@@ -293,6 +293,38 @@ TEST_F( Frame, MethodsAreCalledByName ) {
    EXPECT_EQ( std::any_cast< std::size_t >( value ), 0U );
 }
 
+TEST_F( Frame, CollectionsAreFilledAndEmptiedByName ) {
+   using namespace Pfe;
+   using enum Vexa::AttrResult;
+   std::any result;
+   auto const info = Orla::make< NatIdInfo >();
+   std::any const pair[] = { NatMatchKey( TwiceNatMatchKey{ .vrfId = 4 } ), NatId( 7 ) };
+   std::span< std::any const > const keyOnly( pair, 1 );
+   EXPECT_EQ( Vexa::attributeInsert( *info, "matchKeyToNatId", keyOnly, result ), notSupported );
+   EXPECT_EQ( Vexa::attributeInsert( *info, "matchKeyToNatId", pair, result ), done );
+   EXPECT_EQ( Vexa::attributeCall( *info, "matchKeyToNatId", keyOnly, result ), done );
+   EXPECT_EQ( std::any_cast< NatId >( result ), NatId( 7 ) );
+   EXPECT_EQ( Vexa::attributeDel( *info, "matchKeyToNatId", keyOnly, result ), done );
+   EXPECT_EQ( Vexa::attributeCall( *info, "matchKeyToNatId", keyOnly, result ), done );
+   EXPECT_FALSE( result.has_value() );
+
+   auto const manager = sm->natIdManagerIs( info );
+   EXPECT_EQ( Vexa::attributeDel( *sm, "natIdManager", {}, result ), done );
+   EXPECT_EQ( std::any_cast< NatIdManager::Ptr >( result ), manager );
+   EXPECT_FALSE( sm->natIdManager() );
+   EXPECT_EQ( Vexa::attributeDel( *sm, "initialized", {}, result ), notSupported );
+
+   IngKeySet set;
+   std::any const key = IngNatTableKey();
+   EXPECT_EQ( Vexa::attributeInvoke( IngKeySet::attributeTable(), set, 1, &Vexa::Attribute< IngKeySet >::insert,
+                                     std::span( &key, 1 ), result ),
+              done );
+   EXPECT_TRUE( set.entryHas( IngNatTableKey() ) );
+   EgrMcastEntry rewrites;
+   EXPECT_EQ( Vexa::attributeWrite( EgrMcastEntry::attributeTable(), rewrites, 2, true ), done );
+   EXPECT_TRUE( rewrites.valid() );
+}
+
 TEST_F( Frame, IsConstructedFromItsFourArguments ) {
    auto const construct = NatSwTableProgrammerSm::classType().construct;
    std::any const arguments[] = { Pfe::NatProgrammerConfig::PtrConst( config ), status,

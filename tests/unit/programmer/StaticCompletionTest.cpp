@@ -202,6 +202,25 @@ TEST_F( StaticCompletion, ARuleAddedAgainBeforeItsRemovalSettledKeepsItsIds ) {
    EXPECT_EQ( nat.idsInUse(), 4U );
 }
 
+TEST_F( StaticCompletion, ARefusedRemovalIsReportedByTheRuleThatWasRemovedUntilItIsDone ) {
+   nat.config->staticEntryIs( key, entry );
+   nat->replay();
+   ASSERT_TRUE( nat.settleToRest() );
+   nat.chip->failEvery = 1;
+   nat.config->staticEntryIs( key, staticEntry( "192.0.2.1:8080" ) );  // an update that fails: the older rows stay
+   nat.settle();
+   EXPECT_EQ( nat.result( key ), NatHwResult::failed );
+   nat.chip->refuseAll = true;
+   nat->deleteAllConnections();
+   nat.settle();
+   EXPECT_EQ( nat.result( key ), NatHwResult::failed );
+   nat.chip->refuseAll = false;
+   nat.settle();
+   EXPECT_EQ( nat.result( key ), std::nullopt );
+   EXPECT_EQ( nat.idsInUse(), 0U );
+   EXPECT_EQ( nat.tables.rowCount(), 0U );
+}
+
 // --- Reports that nobody asked for -----------------------------------------------------------------------------------
 
 TEST_F( StaticCompletion, SuperfluousReportsOfARowThatIsThereAreHarmless ) {
