@@ -54,9 +54,10 @@ template< class IngTable, class OtherTable > struct DynamicRule {
 
 // What both kinds of dynamic entries begin with: a NAT id of the match key, and the rewrite of this side under it.
 template< class Rule >
-void takeDynamicEgress( RuleContext< Rule > const & rule, typename Rule::Table::Entry & ingEntry,
-                        Ip::Nat::NatTarget target, U16 intfQualifier, Netix::IpAndPort const & ipAndPort ) {
-   auto const natId = rule.programmer->natIdManager()->allocateNatId( rule.ingKey, rule.matchKey );
+void takeDynamicEgress( RuleContext< Rule > const & rule, IngNatTableKey const & ingNatTableKey,
+                        typename Rule::Table::Entry & ingEntry, Ip::Nat::NatTarget target, U16 intfQualifier,
+                        Netix::IpAndPort const & ipAndPort ) {
+   auto const natId = rule.programmer->natIdManager()->allocateNatId( ingNatTableKey, rule.matchKey );
    EgrNatUcRewriteEntry rewrite;
    if ( target == Ip::Nat::NatTarget::destination ) {
       rewrite.dstIp = ipAndPort.ip;
@@ -74,7 +75,7 @@ void takeDynamicEgress( RuleContext< Rule > const & rule, typename Rule::Table::
 template< class Table, class Entry, class Key, class DependentTable, class DependentKey >
 Asic::EntryHandle::PtrConst
 programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 intfQualifier, Key const & key,
-                    Table & table, Entry entry, DependentTable &, IngNatTableKey const &,
+                    Table & table, Entry entry, DependentTable &, IngNatTableKey const & ingNatTableKey,
                     DynamicNatMatchKey const & dynamicNatMatchKey, DependentKey const & dependentKey, U64 /* u64 */,
                     Netix::IpAndPort const & ipAndPort, NatProgrammerDynamicKey const & progKey,
                     NatProgrammerDynamicEntry::PtrConst const & progEntry,
@@ -87,7 +88,7 @@ programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 
                              .matchKey = dynamicNatMatchKey,
                              .dependentKeys = {} };
    rule.dependentKeys.push( dependentKey );
-   takeDynamicEgress( rule, entry, target, intfQualifier, ipAndPort );
+   takeDynamicEgress( rule, ingNatTableKey, entry, target, intfQualifier, ipAndPort );
 
    bool const fragmentationEnabled = sm.natProgrammerConfig()->fragmentationEnabled();
    if ( key.fragment ) {
@@ -110,7 +111,7 @@ programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 
 // The same for an address-only entry, which has no fragment twin.
 template< class Table, class Entry, class Key, class DependentTable, class DependentKey >
 void programDynamicAoRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 intfQualifier, Key const & key,
-                           Table & table, Entry entry, DependentTable &, IngNatTableKey const &,
+                           Table & table, Entry entry, DependentTable &, IngNatTableKey const & ingNatTableKey,
                            DynamicNatMatchKey const & dynamicNatMatchKey, DependentKey const & dependentKey,
                            U64 /* u64 */, Netix::IpAndPort const & ipAndPort, NatProgrammerDynamicKey const & progKey,
                            NatProgrammerDynamicEntry::PtrConst const & progEntry ) {
@@ -122,7 +123,7 @@ void programDynamicAoRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget targe
                              .matchKey = dynamicNatMatchKey,
                              .dependentKeys = {} };
    rule.dependentKeys.push( dependentKey );
-   takeDynamicEgress( rule, entry, target, intfQualifier, ipAndPort );
+   takeDynamicEgress( rule, ingNatTableKey, entry, target, intfQualifier, ipAndPort );
    entry.fragHdl = dontCareHandle;
    entry.writeResponse = NormalEntryResponse< Rule >{ std::move( rule ) };
    table.entryCommit( key, std::move( entry ) );
