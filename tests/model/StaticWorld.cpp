@@ -70,7 +70,7 @@ void StaticWorld::expect( bool holds, std::string const & text, StaticKey const 
 }
 
 bool StaticWorld::isRejected( Rule const & rule ) const {
-   return isMulticast( rule ) && !surroundings_.mcast->accepts( rule.key, rule.entry );
+   return isMulticast( rule ) && !surroundings_.mcast->accepts( Support::StaticRule{ rule.key, rule.entry } );
 }
 
 bool StaticWorld::isRefused( StaticKey const & key ) const {
@@ -142,8 +142,8 @@ void StaticWorld::retryOver() {
 // --- What happens ----------------------------------------------------------------------------------------------------
 
 StaticWorld::StaticWorld( U32 freeIds ) : freeIds_( freeIds ) {
-   surroundings_.mcast->accepts = []( StaticKey const &, StaticEntry const & entry ) {
-      return entry->connection().translated.ip.value() % 4 != 3;
+   surroundings_.mcast->accepts = []( Support::AnyRule const & rule ) {
+      return std::get< Support::StaticRule >( rule ).entry->connection().translated.ip.value() % 4 != 3;
    };
    start();
 }

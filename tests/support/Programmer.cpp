@@ -1,38 +1,12 @@
 #include <tests/support/Programmer.h>
 
-#include <tests/support/TableText.h>
-
-#include <Asic/SwTableWorkaround.h>
 #include <Trace/RingTrace.h>
-
-#include <charconv>
-#include <map>
-#include <sstream>
-#include <stdexcept>
 
 namespace Support {
 
 using Ip::Nat::NatTarget;
 
 // --- Rules -----------------------------------------------------------------------------------------------------------
-
-Netix::IntfId intf( std::string_view name ) { return Netix::IntfId::fromName( name ).value(); }
-
-Netix::IpAddr ip( std::string_view text ) { return Netix::IpAddr::fromText( text ).value(); }
-
-Netix::IpAndPort pair( std::string_view text ) {
-   auto const colon = text.find( ':' );
-   Netix::IpAndPort result{ ip( text.substr( 0, colon ) ), 0 };
-   if ( colon != text.npos ) {
-      auto const port = text.substr( colon + 1 );
-      std::from_chars( port.data(), port.data() + port.size(), result.port );
-   }
-   return result;
-}
-
-std::string textOf( Netix::IpAndPort const & pair ) {
-   return Vexa::stringOf( pair.ip ) + ( pair.port ? ":" + std::to_string( pair.port ) : "" );
-}
 
 StaticKey staticKey( std::string_view keyPair, std::string_view intfName, char const * aclName ) {
    return { intf( intfName ), { aclName, pair( keyPair ).ip, pair( keyPair ).port } };
@@ -55,24 +29,36 @@ Pfe::IngStaticNatTable::Key ingressKey( NatTarget target, std::string_view match
 
 // --- Hooks -----------------------------------------------------------------------------------------------------------
 
-Pfe::EgrMcastEntry McastHook::getStaticEgrMcastEntry( StaticKey const & key, StaticEntry const & entry,
-                                                      Pfe::NatMatchKey const & matchKey, Pfe::NatId natId ) {
+Pfe::EgrMcastEntry McastHook::copiesOf( Pfe::EgrNatMcRewriteEntry rewrite, Pfe::NatId natId ) const {
    if ( whenAsked ) {
       whenAsked();
    }
-   auto const & connection = entry->connection();
-   bool const isSource = connection.target == NatTarget::source;
-   bool const keyIsMatched = matchKey.get< Pfe::StaticNatMatchKey >().target == connection.target;
-   auto const rewritten = keyIsMatched ? connection.translated.ip : key.key.ip;
    Pfe::EgrMcastEntry result;
    for ( U16 i = 0; i < egressIntfs.size(); ++i ) {
-      Pfe::EgrNatMcRewriteEntry rewrite;
-      ( isSource ? rewrite.srcIp : rewrite.dstIp ) = rewritten;
       rewrite.egressIntf = intf( egressIntfs[ i ] ).value();
       result.entryPush( { { natId, i }, rewrite } );
    }
    result.validIs( answersValid );
    return result;
+}
+
+Pfe::EgrMcastEntry McastHook::getStaticEgrMcastEntry( StaticKey const & key, StaticEntry const & entry,
+                                                      Pfe::NatMatchKey const & matchKey, Pfe::NatId natId ) {
+   auto const & connection = entry->connection();
+   bool const keyIsMatched = matchKey.get< Pfe::StaticNatMatchKey >().target == connection.target;
+   Pfe::EgrNatMcRewriteEntry rewrite;
+   ( connection.target == NatTarget::source ? rewrite.srcIp : rewrite.dstIp ) =
+      keyIsMatched ? connection.translated.ip : key.key.ip;
+   return copiesOf( rewrite, natId );
+}
+
+Pfe::EgrMcastEntry McastHook::getTwiceEgrMcastEntry( Pfe::NatProgrammerTwiceKey const &,
+                                                     Pfe::NatProgrammerTwiceEntry::PtrConst const & entry,
+                                                     Pfe::NatMatchKey const &, Pfe::NatId natId ) {
+   Pfe::EgrNatMcRewriteEntry rewrite;
+   rewrite.srcIp = entry->connection().translatedSource.ip;
+   rewrite.dstIp = entry->connection().translatedDestination.ip;
+   return copiesOf( rewrite, natId );
 }
 
 // --- Tables ----------------------------------------------------------------------------------------------------------
@@ -111,92 +97,17 @@ std::size_t Tables::failedRowCount() const {
    return rows;
 }
 
-namespace {
-
-std::string sideText( NatTarget side ) { return side == NatTarget::source ? "source" : "destination"; }
-
-std::string stateSuffix( Asic::EntryHandle const & handle ) {
-   return handle.state() == Asic::EntryState::settled ? "" : " (" + std::string( stateText( handle.state() ) ) + ")";
-}
-
-std::string translationText( Pfe::IngStaticNatTable::Key const & key ) {
-   return textOf( key.ipAndPortOld ) + " > " + textOf( key.ipAndPortNew );
-}
-
-// The rewrite rows by handle, and as lines of their own.
-struct RewriteText {
-   std::map< Asic::EntryHandle const *, std::string > nameOf;
-   Lines lines;
-
-   template< class Table > void unicast( std::string const & side, Table const & table ) {
-      table.forEach( [ & ]( auto const & key, auto const & entry, Asic::EntryHandle const & handle ) {
-         auto const name = side + ' ' + Vexa::stringOf( key.natId ) + '/' + std::to_string( key.qualifier );
-         nameOf[ &handle ] = name;
-         lines.push_back( name + " | " + textOf( { entry.srcIp, entry.srcPort } ) + " > " +
-                          textOf( { entry.dstIp, entry.dstPort } ) + stateSuffix( handle ) );
-      } );
-   }
-
-   void multicast( Pfe::EgrNatMcRewriteTable const & table ) {
-      table.forEach( [ & ]( auto const & key, auto const & entry, Asic::EntryHandle const & handle ) {
-         auto const name = "copy " + Vexa::stringOf( key.natId ) + '/' + std::to_string( key.replication );
-         nameOf[ &handle ] = name;
-         lines.push_back( name + " | " + Vexa::stringOf( entry.srcIp ) + " > " + Vexa::stringOf( entry.dstIp ) +
-                          " by " + std::to_string( entry.egressIntf & Netix::IntfId::maxNumber ) +
-                          stateSuffix( handle ) );
-      } );
-   }
-};
-
-}  // namespace
-
-Lines Tables::text() const {
-   RewriteText rewrites;
-   rewrites.unicast( "source", *source );
-   rewrites.unicast( "destination", *destination );
-   rewrites.multicast( *multicast );
-
-   std::map< Asic::EntryHandle const *, std::string > twinOf{
-      { Asic::SwTableWorkaround::dontCareHandle( 0 ).ptr(), "none" } };
-   ingress->forEach( [ & ]( auto const & key, auto const &, Asic::EntryHandle const & handle ) {
-      twinOf[ &handle ] = translationText( key );
-   } );
-
-   Lines rows;
-   ingress->forEach( [ & ]( auto const & key, auto const & entry, Asic::EntryHandle const & handle ) {
-      std::ostringstream out;
-      out << sideText( key.target ) << ' ' << Netix::ShortName{ intf( key.natIntf.text() ) };
-      if ( key.vrfId != 0 ) {
-         out << " vrf " << key.vrfId;
-      }
-      out << ' ' << translationText( key ) << " proto " << +key.protocol << ( key.mcast ? " mcast" : "" )
-          << ( key.fragment ? " fragment" : "" ) << " |";
-      entry.egrHdl.forEach( [ & ]( Asic::EntryHandle::PtrConst const & rewrite, bool failureCounts ) {
-         out << ' ' << rewrites.nameOf[ rewrite.ptr() ] << ( failureCounts ? "" : " (failure ignored)" );
-      } );
-      out << " | twin " << twinOf[ entry.fragHdl.ptr() ] << " | nextHop " << entry.nextHopId << " acl " << entry.aclId;
-      for ( auto const & filter : entry.filters ) {
-         out << " filter " << filter.source.address << '/' << filter.source.mask;
-      }
-      rows.push_back( out.str() + stateSuffix( handle ) );
-   } );
-   std::ranges::sort( rows );
-   std::ranges::sort( rewrites.lines );
-   rows.insert( rows.end(), rewrites.lines.begin(), rewrites.lines.end() );
-   return rows;
-}
-
 // --- Programmer ------------------------------------------------------------------------------------------------------
 
 Programmer::Programmer( Surroundings surroundings, Make const & make ) : Surroundings( std::move( surroundings ) ) {
-   sm = make ? make( *this, status )
-             : Pfe::natSwTableProgrammerSmFactory( config, status, Orla::make< Ip::Nat::HwCapabilities >(), natIdInfo );
+   sm = make ? make( *this, status ) : Pfe::natSwTableProgrammerSmFactory( config, status, capabilities, natIdInfo );
    tables.hardware->policyIs( chip );
    tables.attachTo( *sm );
    sm->aclNameIdTableIs( acls );
    sm->natTrapConfigIs( traps );
    sm->natProfileConfigIs( profiles );
    sm->mcastProgrammerHelperIs( mcast );
+   sm->dynamicNatProgrammerHelperIs( Orla::make< DynamicHook >() );
    sm->programmerModeIs( Sm::Mode::tables );
    sm->natIdPoolIs( natIdInfo );
    sm->initializedIs( true );
@@ -212,11 +123,6 @@ bool Programmer::settleToRest() const {
    }
    sm->atRest();
    return true;
-}
-
-std::optional< PfeHelper::NatHwResult > Programmer::result( StaticKey const & key ) const {
-   auto const * const found = status->staticStatus().find( key );
-   return found ? std::optional( found->result ) : std::nullopt;
 }
 
 void Programmer::freeIdsAre( U32 count ) const {

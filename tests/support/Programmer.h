@@ -3,6 +3,7 @@
 
 #include "PfeNat/PfeNatSwTableProgrammerSm.h"
 
+#include <tests/support/AnyRule.h>
 #include <tests/support/ScriptedHardware.h>
 
 #include <Asic/Hardware.h>
@@ -20,11 +21,6 @@ using Lines = std::vector< std::string >;
 
 // --- Rules -----------------------------------------------------------------------------------------------------------
 
-Netix::IntfId intf( std::string_view name );
-Netix::IpAddr ip( std::string_view text );
-Netix::IpAndPort pair( std::string_view text );  // "10.0.0.1:80"; without a port "10.0.0.1"
-std::string textOf( Netix::IpAndPort const & pair );
-
 using StaticFields = Pfe::NatProgrammerStaticEntry::Fields;
 using StaticEntry = Pfe::NatProgrammerStaticEntry::PtrConst;
 using StaticKey = Pfe::NatProgrammerStaticKey;
@@ -41,10 +37,16 @@ Pfe::IngStaticNatTable::Key ingressKey( Ip::Nat::NatTarget target, std::string_v
 
 // --- Hooks -----------------------------------------------------------------------------------------------------------
 
+// Recognises UDP alone.
+class DynamicHook final : public Pfe::DynamicNatProgrammerHelper {
+ public:
+   bool getL4ProtocolDetected( U8 proto ) override { return proto == 17; }
+};
+
 // Rewrites each replication to the translated address, one copy per egress interface.
 class McastHook final : public Pfe::NatMcastProgrammerHelper {
  public:
-   std::function< bool( StaticKey const &, StaticEntry const & ) > accepts;  // empty: everything
+   std::function< bool( AnyRule const & ) > accepts;  // empty: everything
    std::vector< std::string > egressIntfs{ "ethernet7", "ethernet8" };
    bool answersValid = true;
    std::function< void() > whenAsked;  // runs inside getStaticEgrMcastEntry
@@ -54,20 +56,21 @@ class McastHook final : public Pfe::NatMcastProgrammerHelper {
 
    Pfe::EgrMcastEntry getStaticEgrMcastEntry( StaticKey const & key, StaticEntry const & entry,
                                               Pfe::NatMatchKey const & matchKey, Pfe::NatId natId ) override;
-   Pfe::EgrMcastEntry getTwiceEgrMcastEntry( Pfe::NatProgrammerTwiceKey const &,
-                                             Pfe::NatProgrammerTwiceEntry::PtrConst const &, Pfe::NatMatchKey const &,
-                                             Pfe::NatId ) override {
-      return {};
-   }
+   Pfe::EgrMcastEntry getTwiceEgrMcastEntry( Pfe::NatProgrammerTwiceKey const & key,
+                                             Pfe::NatProgrammerTwiceEntry::PtrConst const & entry,
+                                             Pfe::NatMatchKey const & matchKey, Pfe::NatId natId ) override;
    bool isValidMcastStaticTranslation( StaticKey const & key, StaticEntry const & entry ) override {
-      return !accepts || accepts( key, entry );
+      return !accepts || accepts( StaticRule{ key, entry } );
    }
-   bool isValidMcastTwiceTranslation( Pfe::NatProgrammerTwiceKey const &,
-                                      Pfe::NatProgrammerTwiceEntry::PtrConst const & ) override {
-      return false;
+   bool isValidMcastTwiceTranslation( Pfe::NatProgrammerTwiceKey const & key,
+                                      Pfe::NatProgrammerTwiceEntry::PtrConst const & entry ) override {
+      return !accepts || accepts( TwiceRule{ key, entry } );
    }
    void cleanupNatEntry( Pfe::IngNatTableKey const & key ) override { cleaned.push_back( key ); }
    void handleStartup() override { ++startups; }
+
+ private:
+   Pfe::EgrMcastEntry copiesOf( Pfe::EgrNatMcRewriteEntry rewrite, Pfe::NatId natId ) const;
 };
 
 // --- Tables ----------------------------------------------------------------------------------------------------------
@@ -92,7 +95,10 @@ struct Tables {
    std::size_t rowCount() const;
    std::size_t failedRowCount() const;
 
-   // Every row of the tables of static rules that look-ups see, one line each, ingress rows first, sorted:
+   // Every row that look-ups see, one line each, ingress rows first, sorted:
+   //    forward eth1 10.0.0.1:80, 10.9.0.9:81 > 192.0.2.1:82, 192.0.2.9:83 | source 1/5 | twin none | nextHop 0
+   //    snapt q5 10.0.0.1:80, 192.0.2.9:81 proto 6 | source 3/5 | twin 10.0.0.1, 192.0.2.9 | natId 3 nextHop 0
+   //    snat q5 10.0.0.1 | source 4/5 | twin none | natId 4 nextHop 0
    //    source eth1 10.0.0.1:80 > 192.0.2.1:80 proto 6 | source 2/5 | twin 10.0.0.1 > 192.0.2.1 | nextHop 0 acl 0
    //    source 2/5 | 192.0.2.1:80 > 0.0.0.0
    // Rewrites are named by table, NAT id and qualifier (or replication). Rows that have not settled say so at the end.
@@ -106,6 +112,7 @@ struct Surroundings {
    Pfe::NatProgrammerConfig::Ptr config = Orla::make< Pfe::NatProgrammerConfig >();
    Pfe::NatIdInfo::Ptr natIdInfo = Orla::make< Pfe::NatIdInfo >();
    Orla::Ptr< McastHook > mcast = Orla::make< McastHook >();
+   Ip::Nat::HwCapabilities::Ptr capabilities = Orla::make< Ip::Nat::HwCapabilities >();
    Orla::Ptr< Pfe::NatAclNameIdTable > acls = Orla::make< Pfe::NatAclNameIdTable >();
    std::shared_ptr< ScriptedHardware > chip = std::make_shared< ScriptedHardware >();
 };
@@ -129,8 +136,8 @@ class Programmer : public Surroundings {
    // Turns until nothing is outstanding, then says so. False when something stays outstanding.
    bool settleToRest() const;
 
-   // The result of a static rule; absent while it has none.
-   std::optional< PfeHelper::NatHwResult > result( StaticKey const & key ) const;
+   // Absent while the rule has none.
+   std::optional< PfeHelper::NatHwResult > result( AnyKey const & key ) const { return resultOf( *status, key ); }
    std::size_t idsInUse() const { return natIdInfo->matchKeyToNatId().count(); }
    // Takes ids out of the pool until `count` are free, without anybody holding them.
    void freeIdsAre( U32 count ) const;

@@ -217,7 +217,7 @@ TEST_F( StaticProgramming, EitherAddressMakesARuleMulticast ) {
 }
 
 TEST_F( StaticProgramming, ARejectedTranslationWritesNothingAndTakesNoId ) {
-   nat.mcast->accepts = []( auto const &, auto const & ) { return false; };
+   nat.mcast->accepts = []( auto const & ) { return false; };
    nat.config->fragmentationEnabledIs( true );
    auto const entry = groupEntry();
    nat->addStaticConnection( staticKey( group ), entry );
@@ -332,10 +332,31 @@ TEST_F( StaticProgrammingDeathTest, StopsWhenTheFragmentHandleDoesNotFit ) {
    EXPECT_DEATH( switchedAt( 1 ), "^fragmentationEnabled && fragHdl == dontCareHandle\n" );
    EXPECT_DEATH( switchedAt( 2 ), "^fragHdl == dontCareHandle\n" );
    nat.mcast->whenAsked = {};
-   nat.mcast->accepts = [ & ]( auto const &, auto const & ) { return ++asked == 2; };
+   nat.mcast->accepts = [ & ]( auto const & ) { return ++asked == 2; };
    asked = 0;
    EXPECT_DEATH( nat->addStaticConnection( staticKey( group ), groupEntry() ),
                  "^fragHdl && fragHdl != dontCareHandle\n" );
+}
+
+TEST( StaticResult, OfARefusedRemovalIsThatOfTheRuleThatWasRemovedUntilItIsDone ) {
+   Support::Programmer nat;
+   auto const key = staticKey( "10.0.0.1:80" );
+   nat.config->staticEntryIs( key, staticEntry( "192.0.2.1:8080" ) );
+   nat->replay();
+   ASSERT_TRUE( nat.settleToRest() );
+   nat.chip->failEvery = 1;
+   nat.config->staticEntryIs( key, staticEntry( "192.0.2.1:8080" ) );  // an update that fails: the older rows stay
+   nat.settle();
+   EXPECT_EQ( nat.result( key ), NatHwResult::failed );
+   nat.chip->refuseAll = true;
+   nat->deleteAllConnections();
+   nat.settle();
+   EXPECT_EQ( nat.result( key ), NatHwResult::failed );
+   nat.chip->refuseAll = false;
+   nat.settle();
+   EXPECT_EQ( nat.result( key ), std::nullopt );
+   EXPECT_EQ( nat.idsInUse(), 0U );
+   EXPECT_EQ( nat.tables.rowCount(), 0U );
 }
 
 }  // namespace

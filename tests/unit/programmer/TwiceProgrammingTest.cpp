@@ -1,0 +1,115 @@
+// What only twice connections do.
+#include "PfeNat/PfeNatSwTableProgrammerSm.h"
+
+#include <tests/support/Programmer.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using PfeHelper::NatHwResult;
+using Support::keyOf;
+using Support::twiceRule;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+struct TwiceProgramming : testing::Test {
+   Support::Lines rowsAfterAdding( Support::AnyRule const & rule ) {
+      Support::add( *nat.sm, rule );
+      nat.settle();
+      return nat.tables.text();
+   }
+   Support::Programmer nat;
+   Support::AnyRule const group = twiceRule( "10.0.0.1:80 > 239.0.0.1:5000", "192.0.2.1:81 > 239.1.0.1:5001" );
+};
+
+TEST_F( TwiceProgramming, EachDirectionHasATwinIfItMatchesAPortOfItsOwn ) {
+   nat.config->fragmentationEnabledIs( true );
+   EXPECT_THAT( rowsAfterAdding( twiceRule( "10.0.0.1 > 192.0.2.9", "192.0.2.1 > 10.9.0.9:83" ) ),
+                ElementsAre( "forward eth1 10.0.0.1, 192.0.2.9 > 192.0.2.1, 10.9.0.9:83 | source 1/5 | twin none | "
+                             "nextHop 0",
+                             "reverse eth1 10.9.0.9, 192.0.2.1 > 192.0.2.9, 10.0.0.1 fragment | destination 2/5 | "
+                             "twin none | nextHop 0",
+                             "reverse eth1 10.9.0.9:83, 192.0.2.1 > 192.0.2.9, 10.0.0.1 | destination 3/5 | "
+                             "twin 10.9.0.9, 192.0.2.1 > 192.0.2.9, 10.0.0.1 | nextHop 0",
+                             "destination 2/5 | 192.0.2.9 > 10.0.0.1", "destination 3/5 | 192.0.2.9 > 10.0.0.1",
+                             "source 1/5 | 192.0.2.1 > 10.9.0.9:83" ) );
+}
+
+TEST_F( TwiceProgramming, RowsCarryVrfAndNextHopAndTheVrfIsZeroWhereItDoesNotMatter ) {
+   for ( bool const vrfLess : { false, true } ) {
+      nat.config->vrfLessIs( vrfLess );
+      auto const rule =
+         twiceRule( "10.0.0.1 > 192.0.2.9", "192.0.2.1 > 10.9.0.9", "ethernet1",
+                    { .vrfId = 0x01000000, .intfQualifier = 9, .nextHop = Orla::make< Pfe::NatNextHopId >( 42 ) } );
+      std::string const vrf = vrfLess ? "" : "vrf 16777216 ";
+      EXPECT_THAT( rowsAfterAdding( rule ),
+                   testing::IsSupersetOf( { "forward eth1 " + vrf + "10.0.0.1, 192.0.2.9 > 192.0.2.1, 10.9.0.9 | "
+                                            "source 1/9 | twin none | nextHop 42",
+                                            "reverse eth1 " + vrf + "10.9.0.9, 192.0.2.1 > 192.0.2.9, 10.0.0.1 | "
+                                            "destination 2/9 | twin none | nextHop 42" } ) );
+      Support::del( *nat.sm, rule );
+      ASSERT_TRUE( nat.settleToRest() );
+      EXPECT_THAT( nat.tables.text(), IsEmpty() );
+   }
+}
+
+TEST_F( TwiceProgramming, AMulticastRuleIsCopiedForwardOnlyAndTellsTheHookWhenItIsGone ) {
+   nat.config->fragmentationEnabledIs( true );
+   EXPECT_THAT( rowsAfterAdding( group ),
+                ElementsAre( "forward eth1 10.0.0.1, 239.0.0.1 > 192.0.2.1, 239.1.0.1 mcast fragment | "
+                             "copy 1/0 copy 1/1 | twin none | nextHop 0",
+                             "forward eth1 10.0.0.1:80, 239.0.0.1:5000 > 192.0.2.1:81, 239.1.0.1:5001 mcast | "
+                             "copy 2/0 copy 2/1 | twin 10.0.0.1, 239.0.0.1 > 192.0.2.1, 239.1.0.1 | nextHop 0",
+                             "copy 1/0 | 192.0.2.1 > 239.1.0.1 by 7", "copy 1/1 | 192.0.2.1 > 239.1.0.1 by 8",
+                             "copy 2/0 | 192.0.2.1 > 239.1.0.1 by 7", "copy 2/1 | 192.0.2.1 > 239.1.0.1 by 8" ) );
+   EXPECT_EQ( nat.result( keyOf( group ) ), NatHwResult::programmed );
+   Support::del( *nat.sm, group );
+   EXPECT_TRUE( nat.settleToRest() );
+   ASSERT_EQ( nat.mcast->cleaned.size(), 2U );
+   EXPECT_TRUE( nat.mcast->cleaned[ 1 ].twiceKey().fragment );
+}
+
+TEST_F( TwiceProgramming, ARejectedTranslationWritesNothingTakesNoIdAndGoesAtOnce ) {
+   nat.mcast->accepts = []( auto const & ) { return false; };
+   nat.config->fragmentationEnabledIs( true );
+   Support::add( *nat.sm, group );
+   EXPECT_EQ( nat.result( keyOf( group ) ), NatHwResult::rejectedMulticast );
+   EXPECT_EQ( nat.tables.hardware->outstanding(), 0U );
+   EXPECT_EQ( nat.idsInUse(), 0U );
+   Support::del( *nat.sm, group );
+   EXPECT_EQ( nat.result( keyOf( group ) ), std::nullopt );
+}
+
+TEST_F( TwiceProgramming, IdsAreSharedByKeysThatDifferInWhatTheyBecomeOrInFragmentOrMulticast ) {
+   Pfe::IngTwiceNatTable::Key const base{ .natIntf = Support::intf( "ethernet1" ), .forward = true };
+   auto const shares = [ & ]( auto change ) {
+      auto changed = base;
+      change( changed );
+      return nat->twiceNatMatchKey( changed ) == nat->twiceNatMatchKey( base );
+   };
+   EXPECT_TRUE( shares( []( auto & key ) { key.srcIpAndPortNew.port = 1; } ) );
+   EXPECT_TRUE( shares( []( auto & key ) { key.dstIpAndPortNew.port = 1; } ) );
+   EXPECT_TRUE( shares( []( auto & key ) { key.fragment = true; } ) );
+   EXPECT_TRUE( shares( []( auto & key ) { key.mcast = true; } ) );
+   EXPECT_FALSE( shares( []( auto & key ) { key.natIntf = Support::intf( "ethernet2" ); } ) );
+   EXPECT_FALSE( shares( []( auto & key ) { key.vrfId = 1; } ) );
+   EXPECT_FALSE( shares( []( auto & key ) { key.srcIpAndPortOld.port = 1; } ) );
+   EXPECT_FALSE( shares( []( auto & key ) { key.dstIpAndPortOld.port = 1; } ) );
+   EXPECT_FALSE( shares( []( auto & key ) { key.forward = false; } ) );
+}
+
+using TwiceProgrammingDeathTest = TwiceProgramming;
+
+TEST_F( TwiceProgrammingDeathTest, StopsBeforeTheTablesAreReadyUnlessACleanupDropsTheRequest ) {
+   nat->initializedIs( false );
+   EXPECT_DEATH( Support::add( *nat.sm, group ), "^initialized\\(\\)\n" );
+   nat->cleanupInProgressIs( true );
+   Support::add( *nat.sm, group );
+   nat->cleanupInProgressIs( false );
+   Support::del( *nat.sm, group );
+   EXPECT_EQ( nat.tables.rowCount(), 0U );
+}
+
+}  // namespace
