@@ -34,6 +34,7 @@ class IntfId {
    U32 hash( U32 seed ) const { return Vexa::hash( value_, seed ); }
 
    friend constexpr auto operator<=>( IntfId const &, IntfId const & ) = default;
+   void appendTo( std::string & text ) const { text.append( name().text() ); }
    friend std::ostream & operator<<( std::ostream & out, IntfId intf );
 
  private:

@@ -55,9 +55,18 @@ std::optional< IpAddr > IpAddr::fromText( std::string_view text ) {
    return range.empty() ? address : std::nullopt;
 }
 
+void IpAddr::appendTo( std::string & text ) const {
+   for ( unsigned shift = 32; shift > 0; ) {
+      shift -= 8;
+      Vexa::append( text, value() >> shift & 0xff );
+      text.append( shift > 0 ? "." : "" );
+   }
+}
+
 std::ostream & operator<<( std::ostream & out, IpAddr address ) {
-   auto const octet = [ & ]( unsigned shift ) { return address.value() >> shift & 0xff; };
-   return out << octet( 24 ) << '.' << octet( 16 ) << '.' << octet( 8 ) << '.' << octet( 0 );
+   std::string text;
+   address.appendTo( text );
+   return out << text;
 }
 
 }  // namespace Netix

@@ -30,6 +30,7 @@ class IpAddr {
 
    friend constexpr bool operator==( IpAddr a, IpAddr b ) { return a.value() == b.value(); }
    friend constexpr auto operator<=>( IpAddr a, IpAddr b ) { return a.value() <=> b.value(); }
+   void appendTo( std::string & text ) const;
    friend std::ostream & operator<<( std::ostream & out, IpAddr address );
 
  private:

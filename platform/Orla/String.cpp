@@ -92,20 +92,23 @@ U32 String::hash( U32 seed ) const {
    return hash.result();
 }
 
-std::ostream & operator<<( std::ostream & out, String const & string ) {
-   out << '\'';
-   for ( char const c : string.text() ) {
+void String::appendTo( std::string & out ) const {
+   out += '\'';
+   for ( char const c : text() ) {
       if ( isControl( c ) ) {
          auto const byte = static_cast< unsigned char >( c );
-         out << "\\x" << hexDigits[ byte / 16 ] << hexDigits[ byte % 16 ];
+         ( out.append( "\\x" ) += hexDigits[ byte / 16 ] ) += hexDigits[ byte % 16 ];
       } else {
-         if ( c == '\'' || c == '\\' ) {
-            out << '\\';
-         }
-         out << c;
+         out.append( c == '\'' || c == '\\' ? "\\" : "" ) += c;
       }
    }
-   return out << '\'';
+   out += '\'';
+}
+
+std::ostream & operator<<( std::ostream & out, String const & string ) {
+   std::string quoted;
+   string.appendTo( quoted );
+   return out << quoted;
 }
 
 String::Record const * String::intern( std::string_view text ) {

@@ -6,6 +6,7 @@
 
 #include <compare>
 #include <ostream>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -43,6 +44,7 @@ class String {
    friend std::strong_ordering operator<=>( String const & a, String const & b ) {
       return a.record_ == b.record_ ? std::strong_ordering::equal : a.text() <=> b.text();
    }
+   void appendTo( std::string & out ) const;
    friend std::ostream & operator<<( std::ostream & out, String const & string );
 
  private:

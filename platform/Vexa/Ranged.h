@@ -21,6 +21,7 @@ template< class Traits > class Ranged {
 
    constexpr Raw value() const { return value_; }
    constexpr U32 hash( U32 seed ) const { return Vexa::hash( value_, seed ); }
+   void appendTo( std::string & text ) const { append( text, value_ ); }
 
    friend constexpr auto operator<=>( Ranged const &, Ranged const & ) = default;
    friend constexpr bool operator==( Ranged const &, Ranged const & ) = default;

@@ -57,13 +57,18 @@ template< class Names, class... Alternatives > class Union {
       return &a == &b ? std::strong_ordering::equal : a.storage_ <=> b.storage_;
    }
 
-   friend std::ostream & operator<<( std::ostream & out, Union const & value ) {
-      out << "Value('" << Names::typeName << '\'';
-      if ( !value.storage_.valueless_by_exception() ) {
-         out << ", " << Names::alternativeName[ value.storage_.index() ] << '=';
-         std::visit( [ & ]( auto const & held ) { write( out, held ); }, value.storage_ );
+   void appendTo( std::string & text ) const {
+      text.append( "Value('" ).append( Names::typeName ) += '\'';
+      if ( !storage_.valueless_by_exception() ) {
+         text.append( ", " ).append( Names::alternativeName[ storage_.index() ] ) += '=';
+         std::visit( [ & ]( auto const & held ) { append( text, held ); }, storage_ );
       }
-      return out << ')';
+      text += ')';
+   }
+   friend std::ostream & operator<<( std::ostream & out, Union const & value ) {
+      std::string text;
+      value.appendTo( text );
+      return out << text;
    }
 
  protected:
