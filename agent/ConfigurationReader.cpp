@@ -2,6 +2,7 @@
 #include "agent/Configuration.h"
 #include "agent/JsonMembers.h"
 #include "agent/MappingEntry.h"
+#include "agent/TextFile.h"
 #include "agent/UnusableInput.h"
 
 #include <Orla/Ptr.h>
@@ -222,8 +223,8 @@ StaticConnection const * connectionOf( Pfe::IngStaticNatTable::Key const & row, 
 }
 
 Configuration configurationFrom( std::string const & file ) {
-   auto const document = JsonDocument::read( file );
-   return Reader( *document, file ).read();
+   JsonDocument const document( file, textOfFile( file ) );
+   return Reader( document, file ).read();
 }
 
 }  // namespace Agent

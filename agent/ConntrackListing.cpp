@@ -1,13 +1,10 @@
 #include "agent/ConntrackListing.h"
 
 #include "agent/ConntrackEntry.h"
+#include "agent/TextFile.h"
 #include "agent/UnusableInput.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
 #include <utility>
 
 namespace Agent {
@@ -147,19 +144,7 @@ ConntrackListing conntrackListing( std::string file, std::string_view text, RowC
 }
 
 ConntrackListing conntrackListingFrom( std::string const & file, RowClaims & claims ) {
-   std::unique_ptr< std::FILE, int ( * )( std::FILE * ) > const in( std::fopen( file.c_str(), "rb" ), &std::fclose );
-   std::string text;
-   constexpr std::size_t chunk = 1U << 20;
-   for ( std::size_t taken = chunk; in && taken == chunk; ) {
-      auto const before = text.size();
-      text.resize( before + chunk );
-      taken = std::fread( text.data() + before, 1, chunk, in.get() );
-      text.resize( before + taken );
-   }
-   if ( !in || std::ferror( in.get() ) ) {
-      throw UnusableInput( file + ": cannot be read: " + std::strerror( errno ) );
-   }
-   return conntrackListing( file, text, claims );
+   return conntrackListing( file, textOfFile( file ), claims );
 }
 
 ConntrackListing learnFrom( std::string const & file, Pfe::NatProgrammerConfig & rules, NatInterface const & intf ) {

@@ -5,8 +5,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -121,22 +119,6 @@ JsonDocument::JsonDocument( std::string file, std::string_view text )
    nodes_.reserve( text.size() / usualBytesPerValue + 1 );
    Builder builder( *this, text );
    nlohmann::json::sax_parse( text.begin(), text.end(), &builder );
-}
-
-std::unique_ptr< JsonDocument const > JsonDocument::read( std::string const & file ) {
-   std::unique_ptr< std::FILE, int ( * )( std::FILE * ) > const in( std::fopen( file.c_str(), "rb" ), &std::fclose );
-   std::string text;
-   constexpr std::size_t chunk = 1U << 20;
-   for ( std::size_t taken = chunk; in && taken == chunk; ) {
-      auto const before = text.size();
-      text.resize( before + chunk );
-      taken = std::fread( text.data() + before, 1, chunk, in.get() );
-      text.resize( before + taken );
-   }
-   if ( !in || std::ferror( in.get() ) ) {
-      throw UnusableInput( file + ": cannot be read: " + std::strerror( errno ) );
-   }
-   return std::make_unique< JsonDocument const >( file, text );
 }
 
 std::string JsonDocument::Value::pointer() const {

@@ -77,10 +77,7 @@ class JsonDocument {
       U32 place_ = 0;
    };
 
-   // Reads a file. Throws UnusableInput when it cannot be read, or with line and column when it holds no JSON.
-   static std::unique_ptr< JsonDocument const > read( std::string const & file );
-
-   // `file` only names the text in messages. Throws UnusableInput as above.
+   // `file` only names the text in messages. Throws UnusableInput with line and column when the text is no JSON.
    JsonDocument( std::string file, std::string_view text );
    JsonDocument( JsonDocument const & ) = delete;
    JsonDocument & operator=( JsonDocument const & ) = delete;

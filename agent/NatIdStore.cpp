@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <sstream>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -27,8 +26,15 @@ constexpr mode_t fileMode = 0600;
 constexpr mode_t folderMode = 0700;
 
 using IdBytes = std::array< unsigned char, 2 >;
+using Cursor = std::unique_ptr< MDB_cursor, void ( * )( MDB_cursor * ) >;
 using Environment = std::unique_ptr< MDB_env, void ( * )( MDB_env * ) >;
 using Transaction = std::unique_ptr< MDB_txn, void ( * )( MDB_txn * ) >;
+
+constexpr char const * notTaken = "does not take the NAT ids";
+
+IdBytes bytesOf( Pfe::NatId id ) {
+   return { static_cast< unsigned char >( id.value() >> 8 ), static_cast< unsigned char >( id.value() ) };
+}
 
 [[noreturn]] void refuse( std::string const & folder, std::string const & fault ) {
    throw UnusableInput( folder + "/data.mdb: " + fault + "; it was left as it is" );
@@ -59,16 +65,20 @@ Transaction begin( MDB_env * environment, unsigned flags, MDB_dbi & database, st
    return transaction;
 }
 
+Cursor cursorOn( MDB_txn * transaction, MDB_dbi database, std::string const & folder ) {
+   MDB_cursor * opened = nullptr;
+   require( mdb_cursor_open( transaction, database, &opened ), folder, "cannot be used" );
+   return { opened, &mdb_cursor_close };
+}
+
 // Calls function( key, value ) for every record in the order of the ids.
 template< class Function >
 void forEachRecord( MDB_env * environment, std::string const & folder, Function && function ) {
    MDB_dbi database = 0;
    auto const transaction = begin( environment, MDB_RDONLY, database, folder );
-   MDB_cursor * opened = nullptr;
-   require( mdb_cursor_open( transaction.get(), database, &opened ), folder, "cannot be read" );
-   std::unique_ptr< MDB_cursor, void ( * )( MDB_cursor * ) > const cursor( opened, &mdb_cursor_close );
+   auto const cursor = cursorOn( transaction.get(), database, folder );
    int error = 0;
-   for ( MDB_val key, value; ( error = mdb_cursor_get( opened, &key, &value, MDB_NEXT ) ) == 0; ) {
+   for ( MDB_val key, value; ( error = mdb_cursor_get( cursor.get(), &key, &value, MDB_NEXT ) ) == 0; ) {
       function( std::string_view( static_cast< char const * >( key.mv_data ), key.mv_size ),
                 std::string_view( static_cast< char const * >( value.mv_data ), value.mv_size ) );
    }
@@ -115,7 +125,11 @@ NatIdStore::Lock::Lock( std::string const & folder )
 
 NatIdStore::Lock::~Lock() { close( descriptor_ ); }
 
-NatIdStore::NatIdStore( std::string folder ) : folder_( std::move( folder ) ), environment_( nullptr, &mdb_env_close ) {
+NatIdStore::NatIdStore( std::string folder )
+   : folder_( std::move( folder ) ),
+     environment_( nullptr, &mdb_env_close ),
+     changes_( nullptr, &mdb_txn_abort ),
+     cursor_( nullptr, &mdb_cursor_close ) {
    if ( mkdir( folder_.c_str(), folderMode ) < 0 && errno != EEXIST ) {
       throw UnusableInput( folder_ + ": cannot be created: " + std::strerror( errno ) );
    }
@@ -153,38 +167,52 @@ void NatIdStore::natIdInfoIs( Pfe::NatIdInfo::Ptr natIdInfo ) {
    natIdInfo_->matchKeyToNatId().watcherIs( *this );
 }
 
+// Nobody who gives ids or takes them back could do anything about a fault of the disk, so commit() tells it.
 void NatIdStore::onKey( Pfe::NatMatchKey const & key, Pfe::NatId const * previous, Pfe::NatId const * current ) {
-   if ( previous ) {
-      changes_.emplace_back( *previous, std::nullopt );
-   }
-   if ( current ) {
-      changes_.emplace_back( *current, key );
+   try {
+      if ( !cursor_ ) {
+         MDB_dbi database = 0;
+         changes_ = begin( environment_.get(), 0, database, folder_ );
+         cursor_ = cursorOn( changes_.get(), database, folder_ );
+      }
+      if ( previous ) {
+         del( *previous );
+      }
+      if ( current ) {
+         put( *current, key );
+      }
+   } catch ( UnusableInput const & fault ) {
+      fault_ = fault.what();
    }
 }
 
+void NatIdStore::put( Pfe::NatId id, Pfe::NatMatchKey const & matchKey ) {
+   auto bytes = bytesOf( id );
+   text_.clear();
+   Vexa::append( text_, matchKey );
+   MDB_val key{ bytes.size(), bytes.data() };
+   MDB_val value{ text_.size(), text_.data() };
+   // Most new ids are greater than all others, which takes no search and leaves no page half empty.
+   int const error = mdb_cursor_put( cursor_.get(), &key, &value, MDB_APPEND );
+   require( error == MDB_KEYEXIST ? mdb_cursor_put( cursor_.get(), &key, &value, 0 ) : error, folder_, notTaken );
+}
+
+void NatIdStore::del( Pfe::NatId id ) {
+   auto bytes = bytesOf( id );
+   MDB_val key{ bytes.size(), bytes.data() };
+   int const error = mdb_cursor_get( cursor_.get(), &key, nullptr, MDB_SET );
+   require( error == 0 ? mdb_cursor_del( cursor_.get(), 0 ) : error, folder_, notTaken );
+}
+
 void NatIdStore::commit() {
-   if ( changes_.empty() ) {
-      return;
+   cursor_ = nullptr;  // the end of the transaction would take it along
+   auto changes = std::move( changes_ );
+   if ( !fault_.empty() ) {
+      throw UnusableInput( std::exchange( fault_, {} ) );
    }
-   constexpr char const * fault = "does not take the NAT ids";
-   MDB_dbi database = 0;
-   auto transaction = begin( environment_.get(), 0, database, folder_ );
-   std::ostringstream out;
-   for ( auto const & [ id, matchKey ] : changes_ ) {
-      IdBytes bytes{ static_cast< unsigned char >( id.value() >> 8 ), static_cast< unsigned char >( id.value() ) };
-      MDB_val key{ bytes.size(), bytes.data() };
-      if ( matchKey ) {
-         out.str( {} );
-         Vexa::write( out, *matchKey );
-         MDB_val value{ out.view().size(), const_cast< char * >( out.view().data() ) };
-         require( mdb_put( transaction.get(), database, &key, &value, 0 ), folder_, fault );
-      } else {
-         int const error = mdb_del( transaction.get(), database, &key, nullptr );
-         require( error == MDB_NOTFOUND ? 0 : error, folder_, fault );
-      }
+   if ( changes ) {
+      require( mdb_txn_commit( changes.release() ), folder_, notTaken );
    }
-   require( mdb_txn_commit( transaction.release() ), folder_, fault );
-   changes_.clear();
 }
 
 }  // namespace Agent

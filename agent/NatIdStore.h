@@ -8,10 +8,10 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
-#include <vector>
 
+struct MDB_cursor;
 struct MDB_env;
+struct MDB_txn;
 
 namespace Agent {
 
@@ -40,6 +40,8 @@ class NatIdStore final : private Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
 
  private:
    void onKey( Pfe::NatMatchKey const & key, Pfe::NatId const * previous, Pfe::NatId const * current ) override;
+   void put( Pfe::NatId id, Pfe::NatMatchKey const & matchKey );
+   void del( Pfe::NatId id );
 
    // Held while the folder is in use; the kernel gives it back however the process ends.
    class Lock {
@@ -58,8 +60,11 @@ class NatIdStore final : private Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
    std::unique_ptr< MDB_env, void ( * )( MDB_env * ) > environment_;
    Pfe::NatIdInfo::Ptr natIdInfo_;
    std::size_t restoredCount_ = 0;
-   // In their order. No key: the id is free.
-   std::vector< std::pair< Pfe::NatId, std::optional< Pfe::NatMatchKey > > > changes_;
+   // The changes since the last commit, and where the next one is written; null: none.
+   std::unique_ptr< MDB_txn, void ( * )( MDB_txn * ) > changes_;
+   std::unique_ptr< MDB_cursor, void ( * )( MDB_cursor * ) > cursor_;
+   std::string text_;   // of the record that is written, for its memory
+   std::string fault_;  // of a change; empty: none
 };
 
 }  // namespace Agent

@@ -15,10 +15,19 @@ struct Column {
    int decimals;
 };
 
-constexpr std::array columns{ Column{ "ns", 1 },          Column{ "floor_ns", 1 },  Column{ "ratio", 2 },
-                              Column{ "min_ratio", 2 },   Column{ "allocs", 3 },    Column{ "bytes", 0 },
-                              Column{ "config_ns", 1 },   Column{ "plain_ns", 1 },  Column{ "plain_ratio", 2 },
-                              Column{ "fresh_ratio", 2 }, Column{ "run_ratio", 2 }, Column{ "second_cycle_bytes", 0 },
+constexpr std::array columns{ Column{ "ns", 1 },
+                              Column{ "floor_ns", 1 },
+                              Column{ "ratio", 2 },
+                              Column{ "min_ratio", 2 },
+                              Column{ "allocs", 3 },
+                              Column{ "bytes", 0 },
+                              Column{ "config_ns", 1 },
+                              Column{ "plain_ns", 1 },
+                              Column{ "plain_ratio", 2 },
+                              Column{ "fresh_ratio", 2 },
+                              Column{ "run_ratio", 2 },
+                              Column{ "same_heap_ratio", 2 },
+                              Column{ "second_cycle_bytes", 0 },
                               Column{ "ids", 0 } };
 
 }  // namespace

@@ -1,0 +1,32 @@
+#include "agent/TextFile.h"
+
+#include "agent/UnusableInput.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+namespace Agent {
+
+std::string textOfFile( std::string const & file ) {
+   constexpr std::size_t chunk = 1U << 16;
+   std::unique_ptr< std::FILE, int ( * )( std::FILE * ) > const in( std::fopen( file.c_str(), "rb" ), &std::fclose );
+   std::error_code unknown;  // of what is no regular file
+   auto const size = std::filesystem::file_size( file, unknown );
+   std::string text;
+   text.reserve( unknown ? 0 : size + chunk );
+   for ( std::size_t taken = chunk; in && taken == chunk; ) {
+      auto const before = text.size();
+      text.resize( before + chunk );
+      taken = std::fread( text.data() + before, 1, chunk, in.get() );
+      text.resize( before + taken );
+   }
+   if ( !in || std::ferror( in.get() ) ) {
+      throw UnusableInput( file + ": cannot be read: " + std::strerror( errno ) );
+   }
+   return text;
+}
+
+}  // namespace Agent
