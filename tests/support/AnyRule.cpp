@@ -164,7 +164,9 @@ std::optional< PfeHelper::NatHwResult > resultOf( Pfe::NatProgrammerStatus const
 
 void resultIs( Pfe::NatProgrammerStatus & status, AnyRule const & rule, PfeHelper::NatHwResult result ) {
    std::visit(
-      [ & ]( auto const & r ) { ( status.*OfferOf< decltype( r ) >::statusIs )( r.key, { result, r.entry } ); },
+      [ & ]( auto const & r ) {
+         ( status.*OfferOf< decltype( r ) >::statusIs )( r.key, { result, r.entry } );
+      },
       rule );
 }
 

@@ -34,8 +34,7 @@ using StaticRule = RuleOf< Pfe::NatProgrammerStaticKey, Pfe::NatProgrammerStatic
 using TwiceRule = RuleOf< Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerTwiceEntry >;
 using DynamicRule = RuleOf< Pfe::NatProgrammerDynamicKey, Pfe::NatProgrammerDynamicEntry >;  // NAPT and address-only
 using AnyRule = std::variant< StaticRule, TwiceRule, DynamicRule >;
-using AnyKey =
-   std::variant< Pfe::NatProgrammerStaticKey, Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerDynamicKey >;
+using AnyKey = std::variant< Pfe::NatProgrammerStaticKey, Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerDynamicKey >;
 
 AnyKey keyOf( AnyRule const & rule );
 std::string textOf( AnyKey const & key );

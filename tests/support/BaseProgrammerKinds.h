@@ -38,7 +38,8 @@ struct KindOperations {
    }
    static void deleteStatus( Sm & sm, Key const & key, EntryPtr const & entry ) { ( sm.*statusDel )( key, entry ); }
    static auto const & status( Pfe::NatProgrammerStatus const & status ) { return ( status.*allStatus )(); }
-   using AllStatus = std::remove_cvref_t< decltype( ( std::declval< Pfe::NatProgrammerStatus const & >().*allStatus )() ) >;
+   using AllStatus =
+      std::remove_cvref_t< decltype( ( std::declval< Pfe::NatProgrammerStatus const & >().*allStatus )() ) >;
    using Status = typename AllStatus::Value;
    using StatusWatcher = typename AllStatus::Watcher;
 };

@@ -111,7 +111,8 @@ std::optional< ConnTuple > rewritten( Ingress const & ingress, Egress const & eg
                                              .firstPort = packet.source.port,
                                              .secondIp = packet.destination.ip,
                                              .secondPort = packet.destination.port,
-                                             .protocol = packet.protocol } );
+                                             .protocol = packet.protocol,
+                                             .l4Detected = packet.protocol == udp } );  // as the hook says
    auto const * const rewrite = row ? egress.entry( { Pfe::NatId( row->natId ), 9 } ) : nullptr;
    if ( !rewrite ) {
       return std::nullopt;

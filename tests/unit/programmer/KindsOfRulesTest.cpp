@@ -234,8 +234,8 @@ TEST( KindsOfRules, FailByTheirEntriesAndRewritesNeverByATwinAndHealWhenSentAgai
          trace.take();
          nat.settleNext( failing < perDirection ? EntryState::failed : EntryState::full );
          nat.settleNext( EntryState::settled, failing % 2 == 0 ? 1 : 0 );  // the entry of a failed rewrite is not sent
-         EXPECT_THAT( trace.take(), ElementsAre( ofTwin ? "6 Fragment entry failure response"
-                                                        : "6 Normal entry failure response" ) );
+         EXPECT_THAT( trace.take(),
+                      ElementsAre( ofTwin ? "6 Fragment entry failure response" : "6 Normal entry failure response" ) );
          nat.settle();
          EXPECT_EQ( nat.result(), ofTwin ? NatHwResult::programmed : NatHwResult::failed );
          EXPECT_EQ( nat.idsInUse(), nat.ids() );
@@ -265,10 +265,12 @@ TEST( KindsOfRules, ReleaseWhatTheyHeldWhenTheirRemovalSettles ) {
       auto const lines = trace.take();
       std::string const success = nat.kind.success;
       EXPECT_THAT( lines, testing::Contains( "6 Delete normal entry" + success + " response" ).Times( 2 ) );
-      EXPECT_THAT( lines, testing::Contains( "6 Delete fragment entry" + success + " response" )
-                             .Times( nat.kind.hasTwins ? 2 : 0 ) );
-      EXPECT_THAT( lines, testing::Contains( testing::HasSubstr( " freeing natId: " ) )
-                             .Times( static_cast< int >( nat.ids() ) ) );
+      EXPECT_THAT(
+         lines,
+         testing::Contains( "6 Delete fragment entry" + success + " response" ).Times( nat.kind.hasTwins ? 2 : 0 ) );
+      EXPECT_THAT(
+         lines,
+         testing::Contains( testing::HasSubstr( " freeing natId: " ) ).Times( static_cast< int >( nat.ids() ) ) );
       EXPECT_THAT( nat.tables.text(), IsEmpty() );
       EXPECT_EQ( nat.idsInUse(), 0U );
       EXPECT_EQ( nat.result(), std::nullopt );

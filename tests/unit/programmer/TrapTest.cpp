@@ -33,7 +33,11 @@ unsigned fewestBlocks( U32 first, U32 last, U32 blockFirst = 0, U32 blockLast = 
    return fewestBlocks( first, last, blockFirst, middle ) + fewestBlocks( first, last, middle + 1, blockLast );
 }
 
-RC_GTEST_PROP( PortRange, IsMatchedExactlyAndByTheFewestEntries, ( std::vector< std::pair< U16, U16 > > ends ) ) {
+// Small numbers and the whole width; a few ranges show what many would.
+RC_GTEST_PROP( PortRange, IsMatchedExactlyAndByTheFewestEntries, () ) {
+   auto const port = rc::gen::resize( 200, rc::gen::arbitrary< U16 >() );
+   auto const ends =
+      *rc::gen::resize( 4, rc::gen::container< std::vector< std::pair< U16, U16 > > >( rc::gen::pair( port, port ) ) );
    PortSpec spec;
    for ( auto const & [ a, b ] : ends ) {
       spec.ranges.push_back( { std::min( a, b ), std::max( a, b ) } );
@@ -46,14 +50,13 @@ RC_GTEST_PROP( PortRange, IsMatchedExactlyAndByTheFewestEntries, ( std::vector< 
       auto const [ first, last ] = spec.ranges[ i ];
       std::vector< unsigned > matches( 0x10000 );
       for ( auto const & entry : lists[ i ] ) {
-         for ( U32 port = entry.value; port <= ( entry.value | ( entry.mask ^ 0xffffU ) ); ++port ) {
-            RC_ASSERT( ( port & entry.mask ) == entry.value );
-            ++matches[ port ];
+         for ( U32 matched = 0; matched <= ( entry.mask ^ 0xffffU ); ++matched ) {
+            ++matches[ entry.value + matched ];
          }
       }
-      for ( U32 port = 0; port <= 0xffff; ++port ) {
-         RC_ASSERT( matches[ port ] == ( first <= port && port <= last ? 1u : 0u ) );
-      }
+      std::vector< unsigned > wanted( 0x10000 );
+      std::fill( wanted.begin() + first, wanted.begin() + last + 1, 1U );
+      RC_ASSERT( matches == wanted );
       RC_ASSERT( lists[ i ].size() == fewestBlocks( first, last ) );
    }
 }
@@ -161,9 +164,8 @@ TEST_F( Trap, AFilterBecomesOneRuleUnderANumberOfItsOwn ) {
    auto lowest = expected;
    lowest.sequence = 0;
    lowest.trap = 1;
-   EXPECT_THAT( rulesOf( rule ),
-                ElementsAre( std::pair( 1U, Pfe::NatTrapRule{ .sequence = 1, .vrfId = 7, .trap = 1 } ),
-                             std::pair( 2U, lowest ), std::pair( 12U, expected ) ) );
+   EXPECT_THAT( rulesOf( rule ), ElementsAre( std::pair( 1U, Pfe::NatTrapRule{ .sequence = 1, .vrfId = 7, .trap = 1 } ),
+                                              std::pair( 2U, lowest ), std::pair( 12U, expected ) ) );
    auto const & acl = *nat.traps->trapAcl().find( { "lab", 4, 2 } );
    EXPECT_EQ( std::tuple( acl.poolValue, acl.priority, acl.action ), std::tuple( 3, 4, 5 ) );
    EXPECT_TRUE( Support::outcomes( *nat.status ).empty() );

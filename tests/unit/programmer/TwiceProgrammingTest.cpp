@@ -45,10 +45,12 @@ TEST_F( TwiceProgramming, RowsCarryVrfAndNextHopAndTheVrfIsZeroWhereItDoesNotMat
                     { .vrfId = 0x01000000, .intfQualifier = 9, .nextHop = Orla::make< Pfe::NatNextHopId >( 42 ) } );
       std::string const vrf = vrfLess ? "" : "vrf 16777216 ";
       EXPECT_THAT( rowsAfterAdding( rule ),
-                   testing::IsSupersetOf( { "forward eth1 " + vrf + "10.0.0.1, 192.0.2.9 > 192.0.2.1, 10.9.0.9 | "
-                                            "source 1/9 | twin none | nextHop 42",
-                                            "reverse eth1 " + vrf + "10.9.0.9, 192.0.2.1 > 192.0.2.9, 10.0.0.1 | "
-                                            "destination 2/9 | twin none | nextHop 42" } ) );
+                   testing::IsSupersetOf( { "forward eth1 " + vrf +
+                                               "10.0.0.1, 192.0.2.9 > 192.0.2.1, 10.9.0.9 | "
+                                               "source 1/9 | twin none | nextHop 42",
+                                            "reverse eth1 " + vrf +
+                                               "10.9.0.9, 192.0.2.1 > 192.0.2.9, 10.0.0.1 | "
+                                               "destination 2/9 | twin none | nextHop 42" } ) );
       Support::del( *nat.sm, rule );
       ASSERT_TRUE( nat.settleToRest() );
       EXPECT_THAT( nat.tables.text(), IsEmpty() );
