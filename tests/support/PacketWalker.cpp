@@ -2,12 +2,12 @@
 
 #include <Asic/SwTableBase.h>
 
+#include <optional>
 #include <unordered_map>
 
 namespace Support {
 
 using Ip::Nat::NatTarget;
-using IngressKey = Pfe::IngStaticNatTable::Key;
 
 namespace {
 
@@ -19,9 +19,9 @@ struct Rewrite {
 
 using Rewrites = std::unordered_map< Asic::EntryHandle const *, Rewrite >;
 
-void applyNonZero( Netix::IpAndPort const & rewrite, Netix::IpAndPort & field ) {
+void applyNonZero( Netix::IpAndPort const & rewrite, Netix::IpAndPort & field, bool hasPorts ) {
    field.ip = rewrite.ip.value() != 0 ? rewrite.ip : field.ip;
-   field.port = rewrite.port != 0 ? rewrite.port : field.port;
+   field.port = hasPorts && rewrite.port != 0 ? rewrite.port : field.port;
 }
 
 Rewrites rewritesInHardware( Tables const & tables ) {
@@ -37,62 +37,131 @@ Rewrites rewritesInHardware( Tables const & tables ) {
    unicast( *tables.destination );
    tables.multicast->forEach( [ & ]( auto const & key, auto const &, Asic::EntryHandle const & handle ) {
       if ( auto const * const held = tables.multicast->hardwareEntry( key ) ) {
-         Netix::IntfId out;
-         for ( auto const * const name : { "ethernet7", "ethernet8", "ethernet9" } ) {
-            out = intf( name ).value() == held->egressIntf ? intf( name ) : out;
-         }
-         rewrites[ &handle ] = { { held->srcIp, 0 }, { held->dstIp, 0 }, out };
+         rewrites[ &handle ] = {
+            { held->srcIp, 0 }, { held->dstIp, 0 }, Netix::IntfId::fromValue( held->egressIntf ).value() };
       }
    } );
    return rewrites;
 }
 
-// How well a row matches; 0: not at all.
-int quality( IngressKey const & row, NatTarget side, Packet const & packet ) {
-   bool const isSource = side == NatTarget::source;
-   auto const & pair = isSource ? packet.source : packet.destination;
+// --- How well a row matches; 0: not at all ---------------------------------------------------------------------------
+
+// Where a packet is on its way; there it meets the rows of one side.
+struct Place {
+   NatTarget side;
+   Netix::IntfId intf;
+   U16 qualifier;
+};
+
+// Of a port that the row names and one that the packet has.
+std::optional< int > portQuality( U16 row, U16 packet ) {
+   return row == packet && row != 0 ? std::optional( 1 ) : row == 0 ? std::optional( 0 ) : std::nullopt;
+}
+
+// `rowPorts` pairs the row's ports with those of the packet.
+int qualityOfPorts( bool ofFragments, Packet const & packet, std::initializer_list< std::pair< U16, U16 > > rowPorts ) {
    bool const isLater = packet.part == Packet::Part::laterFragment;
-   if ( row.target != side || row.natIntf != ( isSource ? packet.outIntf : packet.inIntf ).name() ||
-        row.vrfId != packet.vrfId || ( row.protocol != 0 && row.protocol != packet.protocol ) ||
-        row.ipAndPortOld.ip != pair.ip ) {
-      return 0;
+   int quality = 1;
+   for ( auto const & [ row, own ] : rowPorts ) {
+      auto const one = portQuality( row, isLater ? U16{ 0 } : own );
+      if ( !one ) {
+         return 0;
+      }
+      quality += *one;
    }
-   if ( isLater ) {
-      return row.fragment ? 2 : row.ipAndPortOld.port == 0 ? 1 : 0;
+   return ofFragments ? ( isLater ? 2 : 0 ) : quality;
+}
+
+bool matchesProtocol( U8 row, Packet const & packet ) { return row == 0 || row == packet.protocol; }
+
+int quality( Pfe::IngStaticNatTable::Key const & row, Place const & place, Packet const & packet ) {
+   auto const & pair = place.side == NatTarget::source ? packet.source : packet.destination;
+   bool const applies = row.target == place.side && row.natIntf == place.intf.name() && row.vrfId == packet.vrfId &&
+                        matchesProtocol( row.protocol, packet ) && row.ipAndPortOld.ip == pair.ip;
+   return applies ? qualityOfPorts( row.fragment, packet, { { row.ipAndPortOld.port, pair.port } } ) : 0;
+}
+
+int quality( Pfe::IngTwiceNatTable::Key const & row, Place const & place, Packet const & packet ) {
+   bool const applies = row.forward == ( place.side == NatTarget::source ) && row.natIntf == place.intf &&
+                        row.vrfId == packet.vrfId && row.srcIpAndPortOld.ip == packet.source.ip &&
+                        row.dstIpAndPortOld.ip == packet.destination.ip;
+   return applies ? qualityOfPorts( row.fragment, packet,
+                                    { { row.srcIpAndPortOld.port, packet.source.port },
+                                      { row.dstIpAndPortOld.port, packet.destination.port } } )
+                  : 0;
+}
+
+template< class Tag >
+int quality( Pfe::IngDynamicNaptKey< Tag > const & row, Place const & place, Packet const & packet ) {
+   constexpr auto side =
+      std::is_same_v< Tag, Pfe::IngDynamicSnaptTableTraits > ? NatTarget::source : NatTarget::destination;
+   bool const applies = side == place.side && row.intfQualifier == place.qualifier &&
+                        row.vrfId.value() == packet.vrfId && matchesProtocol( row.protocol, packet ) &&
+                        row.firstIp == packet.source.ip && row.secondIp == packet.destination.ip;
+   return applies
+             ? qualityOfPorts( row.fragment != 0, packet,
+                               { { row.firstPort, packet.source.port }, { row.secondPort, packet.destination.port } } )
+             : 0;
+}
+
+template< class Tag >
+int quality( Pfe::IngDynamicAddrOnlyKey< Tag > const & row, Place const & place, Packet const & packet ) {
+   constexpr bool isSource = std::is_same_v< Tag, Pfe::IngDynamicSnatAddrOnlyTableTraits >;
+   return isSource == ( place.side == NatTarget::source ) && row.intfQualifier == place.qualifier &&
+          row.vrfId.value() == packet.vrfId && row.ip == ( isSource ? packet.source : packet.destination ).ip;
+}
+
+// --- The walk --------------------------------------------------------------------------------------------------------
+
+// The row that matches best.
+struct Best {
+   int quality = 0;
+   unsigned equals = 0;
+   Pfe::IngNatTableKey key;
+   Asic::ReferringEntry const * entry = nullptr;
+
+   template< class Table > void look( Table const & table, Place const & place, Packet const & packet ) {
+      table.forEach( [ & ]( auto const & row, auto const &, Asic::EntryHandle const & ) {
+         int const matches = Support::quality( row, place, packet );
+         auto const * const held = matches != 0 ? table.hardwareEntry( row ) : nullptr;
+         if ( held && matches > quality ) {
+            *this = { matches, 0, row, held };
+         }
+         equals += held && matches == quality;
+      } );
    }
-   if ( row.fragment ) {
-      return 0;
-   }
-   return row.ipAndPortOld.port == 0 ? 1 : row.ipAndPortOld.port == pair.port ? 2 : 0;
+};
+
+Best bestRow( Tables const & tables, Place const & place, Packet const & packet ) {
+   Best twice, configured, napt, addrOnly;
+   twice.look( *tables.twice, place, packet );
+   configured.look( *tables.ingress, place, packet );
+   napt.look( *tables.snapt, place, packet );
+   napt.look( *tables.dnapt, place, packet );
+   addrOnly.look( *tables.snat, place, packet );
+   addrOnly.look( *tables.dnat, place, packet );
+   return twice.entry ? twice : configured.entry ? configured : napt.entry ? napt : addrOnly;
 }
 
 void translate( Tables const & tables, Rewrites const & rewrites, NatTarget side, Walked & walked ) {
    std::vector< Packet > leaving;
    for ( auto const & packet : walked.packets ) {
-      int best = 0;
-      unsigned equals = 0;
-      Pfe::IngStaticNatEntry const * chosen = nullptr;
-      tables.ingress->forEach( [ & ]( IngressKey const & key, auto const &, Asic::EntryHandle const & ) {
-         auto const * const held = tables.ingress->hardwareEntry( key );
-         int const matches = held ? quality( key, side, packet ) : 0;
-         if ( matches > best ) {
-            best = matches;
-            chosen = held;
-            equals = 0;
-         }
-         equals += matches != 0 && matches == best;
-      } );
-      walked.ambiguous = walked.ambiguous || equals > 1;
-      if ( !chosen ) {
+      bool const leaves = side == NatTarget::source;
+      Place const place{ side, leaves ? packet.outIntf : packet.inIntf,
+                         leaves ? packet.outQualifier : packet.inQualifier };
+      auto const best = bestRow( tables, place, packet );
+      walked.ambiguous = walked.ambiguous || best.equals > 1;
+      if ( !best.entry ) {
          leaving.push_back( packet );
          continue;
       }
-      walked.matched = true;
-      chosen->egrHdl.forEach( [ & ]( Asic::EntryHandle::PtrConst const & handle, bool ) {
+      walked.rows.push_back( best.key );
+      best.entry->egrHdl.forEach( [ & ]( Asic::EntryHandle::PtrConst const & handle, bool ) {
          auto const & rewrite = rewrites.at( handle.ptr() );
          auto & copy = leaving.emplace_back( packet );
-         applyNonZero( rewrite.source, copy.source );
-         applyNonZero( rewrite.destination, copy.destination );
+         bool const hasPorts = packet.part != Packet::Part::laterFragment;
+         applyNonZero( rewrite.source, copy.source, hasPorts );
+         applyNonZero( rewrite.destination, copy.destination, hasPorts );
          copy.outIntf = rewrite.egressIntf.value_or( copy.outIntf );
       } );
    }

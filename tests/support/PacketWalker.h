@@ -1,4 +1,4 @@
-// What the programmed tables of static rules do to a packet, told without any knowledge of how rows are made.
+// What the programmed tables do to a packet, told without any knowledge of how rows are made.
 #pragma once
 
 #include <tests/support/Programmer.h>
@@ -12,6 +12,8 @@ struct Packet {
 
    Netix::IntfId inIntf;
    Netix::IntfId outIntf;
+   U16 inQualifier = 0;  // of the interfaces
+   U16 outQualifier = 0;
    U32 vrfId = 0;
    U8 protocol = 6;
    Netix::IpAndPort source;
@@ -23,13 +25,13 @@ struct Packet {
 std::ostream & operator<<( std::ostream & out, Packet const & packet );
 
 struct Walked {
-   std::vector< Packet > packets;  // what leaves; several for multicast
-   bool matched = false;
-   bool ambiguous = false;  // two rows match equally well; nothing was chosen between them
+   std::vector< Packet > packets;            // what leaves; several for multicast
+   std::vector< Pfe::IngNatTableKey > rows;  // that matched
+   bool ambiguous = false;                   // two rows match equally well; nothing was chosen between them
 };
 
-// Walks the packet through what the hardware holds: first the rows that translate its destination where it enters,
-// then those that translate its source where it leaves.
+// Walks the packet through what the hardware holds: first the rows that apply where it enters, then those that apply
+// where it leaves; twice rows before static ones before learned ones, address-only last.
 Walked walk( Tables const & tables, Packet const & packet );
 
 }  // namespace Support

@@ -1,49 +1,12 @@
-#include "StaticTables.h"
+#include "TableModel.h"
 
 #include <Asic/SwTableWorkaround.h>
-#include <Pfe/NatNextHop.h>
 
 #include <algorithm>
 #include <sstream>
 #include <unordered_map>
 
 namespace Model {
-
-using Ip::Nat::NatTarget;
-
-// --- Rules -----------------------------------------------------------------------------------------------------------
-
-bool isMulticast( Rule const & rule ) {
-   return rule.key.key.ip.isMulticast() || rule.entry->connection().translated.ip.isMulticast();
-}
-
-std::vector< IngressKey > rowsOf( Rule const & rule ) {
-   auto const & connection = rule.entry->connection();
-   IngressKey own{ .natIntf = Orla::String( Vexa::stringOf( rule.key.natIntf ) ),
-                   .vrfId = rule.entry->vrfId(),
-                   .ipAndPortOld = { rule.key.key.ip, rule.key.key.port },
-                   .ipAndPortNew = connection.translated,
-                   .target = connection.target,
-                   .protocol = connection.protocol,
-                   .mcast = isMulticast( rule ) };
-   if ( own.mcast ) {
-      return { own };
-   }
-   auto reply = own;
-   std::swap( reply.ipAndPortOld, reply.ipAndPortNew );
-   reply.target = own.target == NatTarget::source ? NatTarget::destination : NatTarget::source;
-   return { own, reply };
-}
-
-IngressKey twinOf( IngressKey key ) {
-   key.ipAndPortOld.port = key.ipAndPortNew.port = 0;
-   key.fragment = true;
-   return key;
-}
-
-Pfe::NatMatchKey matchKeyOf( IngressKey const & key ) {
-   return Pfe::StaticNatMatchKey{ key.natIntf, key.vrfId, key.ipAndPortOld, key.target, key.protocol };
-}
 
 // --- Snapshot --------------------------------------------------------------------------------------------------------
 
@@ -88,6 +51,15 @@ Rewrite contentOf( Pfe::EgrNatMcRewriteEntry const & entry ) {
    return { { entry.srcIp, 0 }, { entry.dstIp, 0 }, entry.egressIntf };
 }
 
+template< class Entry > Carried carriedBy( Entry const & entry ) {
+   Carried carried{ entry.nextHopId, 0, {} };
+   if constexpr ( requires { entry.aclId; } ) {
+      carried.aclId = entry.aclId;
+      carried.filters.assign( entry.filters.begin(), entry.filters.end() );
+   }
+   return carried;
+}
+
 }  // namespace
 
 Snapshot::Snapshot( Support::Tables const & tables ) {
@@ -114,12 +86,24 @@ Snapshot::Snapshot( Support::Tables const & tables ) {
    readRewrites( RewriteTable::destination, *tables.destination );
    readRewrites( RewriteTable::copies, *tables.multicast );
 
+   readMatches( *tables.ingress, rewriteOf );
+   readMatches( *tables.twice, rewriteOf );
+   readMatches( *tables.snapt, rewriteOf );
+   readMatches( *tables.dnapt, rewriteOf );
+   readMatches( *tables.snat, rewriteOf );
+   readMatches( *tables.dnat, rewriteOf );
+}
+
+template< class Table >
+void Snapshot::readMatches( Table & table,
+                            std::unordered_map< Asic::EntryHandle const *, RewriteKey > const & rewriteOf ) {
+   using Key = typename Table::Key;
+   using Entry = typename Table::Entry;
    std::unordered_map< Asic::EntryHandle const *, IngressKey > twinOfHandle;
-   forEachRowLeft( *tables.ingress,
-                   [ & ]( IngressKey const & key, Asic::Row const & row, auto, auto ) { twinOfHandle[ &row ] = key; } );
-   auto const dontCare = Asic::SwTableWorkaround::dontCareHandle( 0 );
-   auto const contentOfMatch = [ & ]( IngressKey const & key, Pfe::IngStaticNatEntry const & entry, bool inHardware ) {
-      Match content{ {}, std::nullopt, entry.nextHopId, entry.aclId, { entry.filters.begin(), entry.filters.end() } };
+   forEachRowLeft( table,
+                   [ & ]( Key const & key, Asic::Row const & row, auto, auto ) { twinOfHandle.emplace( &row, key ); } );
+   auto const contentOfMatch = [ & ]( Key const & key, Entry const & entry, bool inHardware ) {
+      Match content{ {}, std::nullopt, carriedBy( entry ) };
       auto const fault = [ & ]( char const * what ) { faults.push_back( what + Vexa::stringOf( key ) ); };
       entry.egrHdl.forEach( [ & ]( Asic::EntryHandle::PtrConst const & handle, bool failureCounts ) {
          auto const found = rewriteOf.find( handle.ptr() );
@@ -134,8 +118,13 @@ Snapshot::Snapshot( Support::Tables const & tables ) {
          if ( inHardware && !handle->heldByHardware() ) {
             fault( "in the hardware without its rewrite: " );
          }
+         if constexpr ( requires { entry.natId; } ) {
+            if ( entry.natId != found->second.natId ) {
+               fault( "its rewrite has another NAT id than it says: " );
+            }
+         }
       } );
-      if ( entry.fragHdl != dontCare ) {
+      if ( entry.fragHdl != Asic::SwTableWorkaround::dontCareHandle( 0 ) ) {
          auto const found = twinOfHandle.find( entry.fragHdl.ptr() );
          if ( found == twinOfHandle.end() ) {
             fault( "its twin is not in the table: " );
@@ -148,19 +137,18 @@ Snapshot::Snapshot( Support::Tables const & tables ) {
       }
       return content;
    };
-   forEachRowLeft( *tables.ingress,
-                   [ & ]( IngressKey const & key, Asic::Row const & row, auto const * visible, auto const * held ) {
-                      auto & seen = matches[ key ] = seenOf< Match >( row );
-                      if ( visible ) {
-                         seen.visible = contentOfMatch( key, *visible, false );
-                      }
-                      if ( held ) {
-                         seen.inHardware = contentOfMatch( key, *held, true );
-                      }
-                      if ( !visible && !held && !seen.outstanding ) {
-                         faults.push_back( "nothing is left of it but a holder: " + Vexa::stringOf( key ) );
-                      }
-                   } );
+   forEachRowLeft( table, [ & ]( Key const & key, Asic::Row const & row, auto const * visible, auto const * held ) {
+      auto & seen = matches[ key ] = seenOf< Match >( row );
+      if ( visible ) {
+         seen.visible = contentOfMatch( key, *visible, false );
+      }
+      if ( held ) {
+         seen.inHardware = contentOfMatch( key, *held, true );
+      }
+      if ( !visible && !held && !seen.outstanding ) {
+         faults.push_back( "nothing is left of it but a holder: " + Vexa::stringOf( key ) );
+      }
+   } );
 }
 
 // --- Expectations ----------------------------------------------------------------------------------------------------
@@ -181,64 +169,78 @@ std::optional< U32 > ExpectedTables::allocate( Pfe::NatMatchKey const & matchKey
    return std::nullopt;
 }
 
-bool ExpectedTables::write( Rule const & rule, IngressKey const & key, std::optional< IngressKey > const & twin ) {
+// One per replication.
+std::vector< Rewrite > ExpectedTables::rewritesOf( Direction const & direction, bool isTwin ) {
+   std::vector< Rewrite > rewrites( 1, isTwin ? direction.twinRewrite : direction.rewrite );
+   if ( direction.table == RewriteTable::copies ) {
+      auto const & names = Support::McastHook().egressIntfs;
+      rewrites.resize( names.size(), rewrites[ 0 ] );
+      for ( std::size_t i = 0; i < names.size(); ++i ) {
+         rewrites[ i ].egressIntf = Support::intf( names[ i ] ).value();
+      }
+   }
+   return rewrites;
+}
+
+bool ExpectedTables::write( Direction const & direction, bool isTwin, std::optional< IngressKey > const & twin ) {
+   auto const & key = isTwin ? direction.twinKey : direction.key;
    auto const id = allocate( matchKeyOf( key ) );
    if ( !id ) {
       return false;
    }
-   Match match{ .twin = twin };
-   if ( key.mcast ) {
-      U16 copy = 0;
-      for ( auto const & name : Support::McastHook().egressIntfs ) {
-         Rewrite rewrite{ .egressIntf = Support::intf( name ).value() };
-         ( key.target == NatTarget::source ? rewrite.source : rewrite.destination ).ip = key.ipAndPortNew.ip;
-         match.rewrites.push_back( { RewriteTable::copies, *id, copy++ } );
-         rewrites_[ match.rewrites.back() ].push_back( rewrite );
-      }
-   } else {
-      bool const isSource = key.target == NatTarget::source;
-      Rewrite rewrite;
-      ( isSource ? rewrite.source : rewrite.destination ) = key.ipAndPortNew;
-      match.rewrites = {
-         { isSource ? RewriteTable::source : RewriteTable::destination, *id, rule.entry->intfQualifier() } };
+   Match match{ {}, twin, direction.carried };
+   for ( auto const & rewrite : rewritesOf( direction, isTwin ) ) {
+      auto const copy = static_cast< U16 >( match.rewrites.size() );
+      match.rewrites.push_back(
+         { direction.table, *id, direction.table == RewriteTable::copies ? copy : direction.qualifier } );
       rewrites_[ match.rewrites.back() ].push_back( rewrite );
    }
-   if ( auto const * nextHop = dynamic_cast< Pfe::NatNextHopId const * >( rule.entry->nextHop().ptr() ) ) {
-      match.nextHopId = nextHop->id();
-   }
-   if ( auto const & acl = rule.entry->aclName(); !acl.empty() ) {
-      match.aclId = aclIds_.try_emplace( acl, aclIds_.size() + 1 ).first->second;
-   }
-   if ( !rule.entry->filtersDisabled() ) {
-      for ( auto const & [ sequence, filter ] : rule.entry->filters() ) {
-         match.filters.push_back( filter );
-      }
+   if ( auto const & acl = direction.aclName; !acl.empty() ) {
+      match.carried.aclId = aclIds_.try_emplace( acl, aclIds_.size() + 1 ).first->second;
    }
    matches_[ key ].push_back( std::move( match ) );
    return true;
 }
 
-bool ExpectedTables::program( Rule const & rule, bool fragmentationEnabled ) {
-   for ( auto const & key : rowsOf( rule ) ) {
+bool ExpectedTables::program( std::vector< Direction > const & directions, bool fragmentationEnabled ) {
+   for ( auto const & direction : directions ) {
       std::optional< IngressKey > twin;
-      if ( fragmentationEnabled && key.ipAndPortOld.port != 0 ) {
-         twin = twinOf( key );
-         if ( !write( rule, *twin, std::nullopt ) ) {
+      if ( fragmentationEnabled && direction.twin != Direction::Twin::none ) {
+         if ( !write( direction, true, std::nullopt ) ) {
             return false;
          }
+         if ( direction.twin == Direction::Twin::held ) {
+            twin = direction.twinKey;
+         }
       }
-      if ( !write( rule, key, twin ) ) {
+      if ( !write( direction, false, twin ) ) {
          return false;
       }
-      wanted_.insert( key );
+      wanted_.insert( direction.key );
    }
    return true;
 }
 
-void ExpectedTables::remove( Rule const & rule ) {
-   for ( auto const & key : rowsOf( rule ) ) {
-      wanted_.erase( key );
+void ExpectedTables::remove( std::vector< Direction > const & directions ) {
+   for ( auto const & direction : directions ) {
+      wanted_.erase( direction.key );
    }
+}
+
+bool ExpectedTables::isAsWanted( Direction const & direction, bool isTwin, Snapshot const & seen ) const {
+   auto const & key = isTwin ? direction.twinKey : direction.key;
+   auto const row = seen.matches.find( key );
+   if ( row == seen.matches.end() || row->second.state != Asic::EntryState::settled ) {
+      return false;
+   }
+   std::vector< Rewrite > asked;
+   for ( auto const & rewrite : matches_.at( key ).back().rewrites ) {
+      if ( seen.rewrites.at( rewrite ).state != Asic::EntryState::settled ) {
+         return false;
+      }
+      asked.push_back( rewrites_.at( rewrite ).back() );
+   }
+   return asked == rewritesOf( direction, isTwin );
 }
 
 void ExpectedTables::catchUp( Snapshot const & seen ) {
@@ -335,7 +337,7 @@ void ExpectedTables::check( Snapshot const & seen, Pfe::NatIdManager const & man
       }
    }
    for ( auto const & [ key, row ] : seen.matches ) {
-      if ( row.visible && !key.fragment && !wanted_.contains( key ) && !row.removalRefused ) {
+      if ( row.visible && !isFragment( key ) && !wanted_.contains( key ) && !row.removalRefused ) {
          faults.push_back( "a row of no rule: " + nameOf( key ) );
       }
       for ( auto const & rewrite : row.visible ? row.visible->rewrites : std::vector< RewriteKey >() ) {
@@ -352,7 +354,7 @@ void ExpectedTables::checkAtRest( Snapshot const & seen, Lines & faults ) const 
    for ( bool twins : { false, true } ) {
       for ( auto const & [ key, row ] : seen.matches ) {
          for ( auto const & content : { row.visible, row.inHardware } ) {
-            if ( content && key.fragment == twins && needed.contains( key ) ) {
+            if ( content && isFragment( key ) == twins && needed.contains( key ) ) {
                neededRewrites.insert( content->rewrites.begin(), content->rewrites.end() );
                if ( content->twin ) {
                   needed.insert( *content->twin );

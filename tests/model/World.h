@@ -1,8 +1,9 @@
-// One switch with static rules: the real programmer, the plain model of it, and the things that happen to both.
+// One switch: the real programmer, the plain model of it, and the things that happen to both.
 #pragma once
 
-#include "StaticTables.h"
+#include "TableModel.h"
 
+#include <array>
 #include <deque>
 #include <map>
 #include <memory>
@@ -40,21 +41,25 @@ class FaultyHardware final : public Asic::HardwarePolicy {
 
 // What the base programmer hands over is compared with what it must hand over, call by call, and told to the model of
 // the tables. Nothing here throws: what is wrong is collected.
-class StaticWorld {
+class World {
  public:
-   explicit StaticWorld( U32 freeIds );
-   ~StaticWorld();
+   World( U32 freeIds, Chip const & chip );
+   ~World();
 
    // --- What happens. Each is one change of an agent; check() belongs after each. ---
 
-   void configure( Rule const & rule );
-   void unconfigure( StaticKey const & key );
+   void configure( AnyRule const & rule );
+   void unconfigure( AnyKey const & key );
    void settle();
    void retryFailed() { running_->tables.hardware->retryFailed(); }
    void fragmentationIs( bool enabled );
    void startCleanup();
    void endCleanup();
    void replay();
+   // Hands everything over once more, without reconciling.
+   void addAll();
+   // Without a clean-up: addAll() follows.
+   void deleteAll();
    // Only at rest.
    void retryRefused();
    void restart();
@@ -64,10 +69,11 @@ class StaticWorld {
 
    FaultyHardware & hardware() { return *hardware_; }
    Pfe::NatProgrammerConfig const & config() const { return *surroundings_.config; }
+   std::map< AnyKey, AnyRule > configured() const { return Support::configured( config() ); }
    bool isCleaningUp() const { return cleaningUp_; }
-   bool isRefused( StaticKey const & key ) const;
+   bool isRefused( AnyKey const & key ) const;
    // Whether another configured rule than the one under `key` has a row of `rule`.
-   bool collides( Rule const & rule ) const;
+   bool collides( AnyRule const & rule ) const;
 
    // Compares everything that holds after any step; at rest everything else too.
    void check();
@@ -77,24 +83,37 @@ class StaticWorld {
    void checkEmpty();
    Lines takeFaults() { return std::exchange( faults_, {} ); }
 
+   // How many exchanges of packets were checked, by the kind of rule as AnyRule counts them.
+   std::array< unsigned, std::variant_size_v< AnyRule > > exchangesChecked{};
+
    static unsigned programmersAlive;
 
  private:
    class Observed;
 
+   struct Refused {
+      AnyRule rule;
+      bool byPool;  // and so retried when ids are free
+   };
+
    // Told by the observed programmer.
-   void adding( Rule const & rule, bool isUpdate );
+   void adding( AnyRule const & rule, bool isUpdate );
    void accepted();
-   void refused();
-   void deleting( Rule const & rule );
+   void refused( bool byPool );
+   void deleting( AnyRule const & rule );
    void sweeping();
 
-   bool isRejected( Rule const & rule ) const;
+   std::vector< Direction > directionsOf( AnyRule const & rule ) const { return Model::directionsOf( rule, chip_ ); }
+   bool haveSameRows( AnyRule const & a, AnyRule const & b ) const;
+   bool isRejected( AnyRule const & rule ) const;
    void start();
    void retryOver();
+   void handsOverEverything( std::function< void() > const & action );
    void checkHandOvers();
-   void checkStatus();
-   void expect( bool holds, std::string const & text, StaticKey const & key );
+   void checkStatus( Snapshot const & seen );
+   void checkPackets( Snapshot const & seen );
+   void checkExchange( AnyRule const & rule, Support::Packet::Part part );
+   void expect( bool holds, std::string const & text, AnyKey const & key );
    void fault( std::string const & text ) { faults_.push_back( text ); }
 
    Support::Surroundings surroundings_;
@@ -102,16 +121,17 @@ class StaticWorld {
    std::unique_ptr< Support::Programmer > running_;
    ExpectedTables tables_;
    U32 freeIds_;
+   Chip const chip_;
 
    // The base programmer's memory.
-   std::map< StaticKey, StaticEntry > handedOver_;
-   std::deque< Rule > refused_;
-   std::set< StaticKey > programmed_;  // handed over, and neither dropped by a clean-up nor refused
-   std::map< StaticKey, unsigned > handOvers_;
+   std::map< AnyKey, AnyRule > handedOver_;
+   std::deque< Refused > refused_;
+   std::set< AnyKey > programmed_;  // handed over, and neither dropped by a clean-up nor refused
+   std::map< AnyKey, unsigned > handOvers_;
 
-   std::optional< Rule > inFlight_;  // being added, and whether the id pool must run out
+   std::optional< AnyRule > inFlight_;  // being added, and whether it must raise
    bool mustRaise_ = false;
-   std::optional< Rule > undoing_;
+   std::optional< AnyRule > undoing_;
    bool deletingAll_ = false;
    bool cleaningUp_ = false;
    bool retrying_ = false;

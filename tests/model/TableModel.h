@@ -1,56 +1,18 @@
-// What static rules must leave in the tables, told without the programmer, and what is there.
+// What rules must leave in the tables, told without the programmer, and what is there.
 #pragma once
 
-#include <tests/support/Programmer.h>
+#include "Rules.h"
 
 #include <map>
-#include <optional>
 #include <set>
-#include <string>
-#include <vector>
+#include <unordered_map>
 
 namespace Model {
-
-using Support::Lines;
-using Support::StaticEntry;
-using Support::StaticKey;
-using IngressKey = Pfe::IngStaticNatTable::Key;
-
-struct Rule {
-   StaticKey key;
-   StaticEntry entry;
-};
-
-bool isMulticast( Rule const & rule );
-// The ingress keys of whole packets, in the order in which they are programmed.
-std::vector< IngressKey > rowsOf( Rule const & rule );
-IngressKey twinOf( IngressKey key );
-Pfe::NatMatchKey matchKeyOf( IngressKey const & key );
-
-// --- Contents of rows ------------------------------------------------------------------------------------------------
-
-enum class RewriteTable : U8 { source, destination, copies };
-
-struct RewriteKey {
-   RewriteTable table;
-   U32 natId;
-   U16 number;  // qualifier or replication
-   friend auto operator<=>( RewriteKey const &, RewriteKey const & ) = default;
-};
-
-struct Rewrite {
-   Netix::IpAndPort source;
-   Netix::IpAndPort destination;
-   U32 egressIntf = 0;
-   friend bool operator==( Rewrite const &, Rewrite const & ) = default;
-};
 
 struct Match {
    std::vector< RewriteKey > rewrites;
    std::optional< IngressKey > twin;
-   U32 nextHopId = 0;
-   U32 aclId = 0;
-   std::vector< Ip::Nat::NatFilter > filters;
+   Carried carried;
    friend bool operator==( Match const &, Match const & ) = default;
 };
 
@@ -65,7 +27,7 @@ template< class Content > struct Seen {
    bool removalRefused = false;
 };
 
-// The tables of static rules at one moment.
+// The tables at one moment.
 struct Snapshot {
    explicit Snapshot( Support::Tables const & tables );
 
@@ -73,6 +35,10 @@ struct Snapshot {
    std::map< RewriteKey, Seen< Rewrite > > rewrites;
    // What no moment allows: references to rows that are gone, rows in the hardware without their rewrite.
    Lines faults;
+
+ private:
+   template< class Table >
+   void readMatches( Table & table, std::unordered_map< Asic::EntryHandle const *, RewriteKey > const & rewriteOf );
 };
 
 // --- What must be there ----------------------------------------------------------------------------------------------
@@ -81,8 +47,8 @@ struct Snapshot {
 class ExpectedTables {
  public:
    // Programs the rule. False when the id pool runs out on the way; what was written until then is recorded.
-   bool program( Rule const & rule, bool fragmentationEnabled );
-   void remove( Rule const & rule );
+   bool program( std::vector< Direction > const & directions, bool fragmentationEnabled );
+   void remove( std::vector< Direction > const & directions );
 
    // Settled removals: ids that no row holds any more are free.
    void catchUp( Snapshot const & seen );
@@ -93,15 +59,20 @@ class ExpectedTables {
    std::set< U32 > blockedIds;
    std::map< Pfe::NatMatchKey, U32 > ids;
 
+   // Whether row and rewrites have settled, these last asked for as the direction wants them. Directions that match the
+   // same share their rewrites, and the last one writes them.
+   bool isAsWanted( Direction const & direction, bool isTwin, Snapshot const & seen ) const;
+
    // Compares after any step, and once more when nothing is outstanding.
    void check( Snapshot const & seen, Pfe::NatIdManager const & manager, Lines & faults ) const;
    void checkAtRest( Snapshot const & seen, Lines & faults ) const;
 
-   static constexpr U32 largestId = 250;  // of all that a history needs
+   static constexpr U32 largestId = 500;  // of all that a history needs
 
  private:
+   static std::vector< Rewrite > rewritesOf( Direction const & direction, bool isTwin );
    std::optional< U32 > allocate( Pfe::NatMatchKey const & matchKey );
-   bool write( Rule const & rule, IngressKey const & key, std::optional< IngressKey > const & twin );
+   bool write( Direction const & direction, bool isTwin, std::optional< IngressKey > const & twin );
    void checkIds( Snapshot const & seen, Pfe::NatIdManager const & manager, Lines & faults ) const;
 
    std::set< IngressKey > wanted_;  // rows for whole packets

@@ -1,7 +1,8 @@
-// Random histories of static rules. RC_PARAMS="max_success=5000" makes a longer run of it, RC_PARAMS="seed=..." the
-// same one again; a failing history is printed shrunk, and what `reproduce=` it names can be run with
-// MODEL_TRACE=8, which writes the programmer's traces between the steps.
-#include "StaticWorld.h"
+// Random histories of all kinds of rules together. RC_PARAMS="max_success=5000" makes a longer run of it,
+// RC_PARAMS="seed=..." the same one again; a failing history is printed shrunk, and what `reproduce=` it names can be
+// run with MODEL_TRACE=8, which writes the programmer's traces between the steps.
+#include "RandomRules.h"
+#include "World.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
@@ -14,12 +15,9 @@
 
 namespace {
 
-using Ip::Nat::NatTarget;
-using Model::Rule;
-using Model::StaticWorld;
-using Support::StaticEntry;
-using Support::StaticFields;
-using Support::StaticKey;
+using Model::AnyRule;
+using Model::Choices;
+using Model::World;
 
 enum class Event : U8 {
    add,
@@ -89,96 +87,11 @@ rc::Gen< Step > anyStep() {
                         } );
 }
 
-// --- Rules out of a small world, so that they meet -------------------------------------------------------------------
-
-class Choices {
- public:
-   explicit Choices( U32 seed ) : random_( seed ) {}
-   U32 below( U32 count ) { return random_() % count; }
-   bool oneIn( U32 count ) { return below( count ) == 0; }
-   template< class T > T of( std::initializer_list< T > values ) {
-      return *( values.begin() + below( static_cast< U32 >( values.size() ) ) );
-   }
-
- private:
-   std::minstd_rand random_;
-};
-
-Netix::IpAndPort pairIn( char const * network, Choices & choices ) {
-   return { Netix::IpAddr( Support::ip( network ).value() + 1 + choices.below( 3 ) ),
-            choices.of< U16 >( { 0, 80, 80, 81 } ) };
-}
-
-StaticFields fieldsOf( StaticEntry const & entry ) {
-   return { entry->vrfId(),   entry->vlanId(),  entry->intfQualifier(),   entry->connection(),
-            entry->nextHop(), entry->aclName(), entry->filtersDisabled(), entry->filters() };
-}
-
-StaticEntry entryOf( StaticFields fields ) {
-   return Orla::make< Pfe::NatProgrammerStaticEntry const >( std::move( fields ) );
-}
-
-// The fields that an update in place may change.
-void varyWhatRowsCarry( StaticFields & fields, Choices & choices ) {
-   switch ( choices.below( 4 ) ) {
-   case 0: break;  // nothing changes
-   case 1:
-      fields.nextHop = nullptr;
-      if ( !choices.oneIn( 3 ) ) {
-         fields.nextHop = Orla::make< Pfe::NatNextHopId >( choices.below( 3 ) );
-      } else if ( choices.oneIn( 2 ) ) {
-         fields.nextHop = Orla::make< Pfe::NatNextHopInfo >();
-      }
-      break;
-   case 2: fields.aclName = choices.of( { "", "a", "b", "c" } ); break;
-   case 3:
-      fields.filtersDisabled = choices.oneIn( 3 );
-      fields.filters.clear();
-      for ( U32 i = choices.below( 3 ); i > 0; --i ) {
-         fields.filters[ choices.below( 10 ) ].sourcePort = static_cast< U16 >( i );
-      }
-      break;
-   }
-}
-
-// A field that decides keys, or whether rows exist.
-void varyWhatDecidesRows( StaticFields & fields, Choices & choices ) {
-   auto & connection = fields.connection;
-   switch ( choices.below( 7 ) ) {
-   case 0:
-      connection.translated = pairIn( connection.translated.ip.isMulticast() ? "239.1.0.0" : "192.0.2.0", choices );
-      break;
-   case 1:
-      connection.target = connection.target == NatTarget::source ? NatTarget::destination : NatTarget::source;
-      break;
-   case 2: connection.protocol = choices.of< U8 >( { 0, 6, 17 } ); break;
-   case 3: fields.vrfId = choices.of< U32 >( { 0, 7 } ); break;
-   case 4: fields.vlanId = choices.of< U16 >( { 0, 10 } ); break;
-   case 5: fields.intfQualifier = choices.of< U16 >( { 5, 6 } ); break;
-   case 6: connection.translated.port = choices.of< U16 >( { 0, 80, 8080 } ); break;
-   }
-}
-
-Rule anyRule( Choices & choices ) {
-   bool const multicast = choices.oneIn( 5 );
-   auto const keyPair = pairIn( multicast ? "239.0.0.0" : "10.0.0.0", choices );
-   StaticFields fields{ .intfQualifier = 5,
-                        .connection = { .translated = pairIn( multicast ? "239.1.0.0" : "192.0.2.0", choices ),
-                                        .target = choices.of( { NatTarget::source, NatTarget::destination } ),
-                                        .protocol = 6 } };
-   if ( choices.oneIn( 2 ) ) {
-      varyWhatRowsCarry( fields, choices );
-   }
-   StaticKey const key{ Support::intf( choices.of( { "ethernet1", "ethernet1", "vlan10" } ) ),
-                        { choices.oneIn( 4 ) ? "k" : "", keyPair.ip, keyPair.port } };
-   return { key, entryOf( fields ) };
-}
-
 // --- Histories -------------------------------------------------------------------------------------------------------
 
 class History {
  public:
-   explicit History( U32 freeIds ) : world_( freeIds ) {
+   History( U32 freeIds, Model::Chip const & chip ) : world_( freeIds, chip ) {
       if ( auto const * const level = std::getenv( "MODEL_TRACE" ) ) {
          Trace::enabledLevelIs( static_cast< U8 >( std::atoi( level ) ) );
       }
@@ -218,7 +131,7 @@ class History {
          break;
       case Event::replay:
          if ( !world_.isCleaningUp() ) {
-            world_.replay();
+            replay( choices );
          }
          break;
       case Event::pool: world_.freeIdsAre( choices.of< U32 >( { 3, 6, 12, 60 } ) ); break;
@@ -227,6 +140,8 @@ class History {
       world_.check();
       rcAssertNoFaults();
    }
+
+   auto const & exchangesChecked() const { return world_.exchangesChecked; }
 
    // Everything heals: nothing fails any more, and all rules are programmed; then they all go.
    void ends() {
@@ -242,7 +157,7 @@ class History {
       rcAssertNoFaults();
       RC_ASSERT( world_.isAllProgrammed() );
       while ( auto const rule = firstConfigured() ) {
-         world_.unconfigure( rule->key );
+         world_.unconfigure( keyOf( *rule ) );
       }
       RC_ASSERT( world_.rest() );
       world_.check();
@@ -262,66 +177,62 @@ class History {
       }
    }
 
-   std::optional< Rule > firstConfigured() const {
-      auto const & rules = world_.config().staticEntry();
-      return rules.count() == 0 ? std::nullopt : std::optional( Rule{ rules.begin()->first, rules.begin()->second } );
+   std::optional< AnyRule > firstConfigured() const {
+      auto const rules = world_.configured();
+      return rules.empty() ? std::nullopt : std::optional( rules.begin()->second );
    }
 
-   std::optional< Rule > anyConfigured( Choices & choices ) const {
-      std::map< StaticKey, StaticEntry > rules( world_.config().staticEntry().begin(),
-                                                world_.config().staticEntry().end() );
-      if ( rules.empty() ) {
-         return std::nullopt;
-      }
-      auto const & [ key, entry ] = *std::next( rules.begin(), choices.below( static_cast< U32 >( rules.size() ) ) );
-      return Rule{ key, entry };
+   std::optional< AnyRule > anyConfigured( Choices & choices ) const {
+      auto const rules = world_.configured();
+      return rules.empty()
+                ? std::nullopt
+                : std::optional(
+                     std::next( rules.begin(), choices.below( static_cast< U32 >( rules.size() ) ) )->second );
    }
 
-   void configureIfFree( Rule const & rule ) {
-      if ( !world_.collides( rule ) ) {
+   // During a clean-up learned connections are only recorded: its end hands them over. Here they wait for it.
+   bool mustWait( AnyRule const & rule ) const {
+      return world_.isCleaningUp() && std::holds_alternative< Support::DynamicRule >( rule );
+   }
+
+   void configureIfFree( AnyRule const & rule ) {
+      if ( !world_.collides( rule ) && !mustWait( rule ) ) {
          world_.configure( rule );
       }
    }
 
-   void happensTo( Rule rule, Event event, Choices & choices ) {
-      auto fields = fieldsOf( rule.entry );
+   void happensTo( AnyRule const & rule, Event event, Choices & choices ) {
+      auto const key = keyOf( rule );
+      if ( mustWait( rule ) ) {
+         return;
+      }
       switch ( event ) {
       case Event::touch:
          // A rule that stays refused during a clean-up would keep its result with nothing to tell why.
-         if ( !( world_.isCleaningUp() && world_.isRefused( rule.key ) ) ) {
+         if ( !( world_.isCleaningUp() && world_.isRefused( key ) ) ) {
             world_.configure( rule );
          }
          break;
-      case Event::update:
-         varyWhatRowsCarry( fields, choices );
-         world_.configure( { rule.key, entryOf( fields ) } );
+      case Event::update: world_.configure( withOtherContents( rule, choices ) ); break;
+      case Event::change: configureIfFree( withOtherRows( rule, choices ) ); break;
+      case Event::remove: world_.unconfigure( key ); break;
+      case Event::moveRows:
+         world_.unconfigure( key );
+         configureIfFree( withRowsMoved( rule, choices ) );
          break;
-      case Event::change:
-         varyWhatDecidesRows( fields, choices );
-         configureIfFree( { rule.key, entryOf( fields ) } );
-         break;
-      case Event::remove: world_.unconfigure( rule.key ); break;
-      case Event::moveRows: {
-         world_.unconfigure( rule.key );
-         // The same rows in the other form, or the same form under another key.
-         if ( choices.oneIn( 2 ) ) {
-            auto & connection = fields.connection;
-            Netix::IpAndPort const keyPair{ rule.key.key.ip, rule.key.key.port };
-            rule.key.key.ip = connection.translated.ip;
-            rule.key.key.port = connection.translated.port;
-            connection.translated = keyPair;
-            connection.target = connection.target == NatTarget::source ? NatTarget::destination : NatTarget::source;
-         } else {
-            rule.key.key.aclName = rule.key.key.aclName.empty() ? "k" : "";
-         }
-         configureIfFree( { rule.key, entryOf( fields ) } );
-         break;
-      }
       case Event::addAgain:
-         world_.unconfigure( rule.key );
-         world_.configure( { rule.key, entryOf( fields ) } );
+         world_.unconfigure( key );
+         world_.configure( Model::anew( rule ) );
          break;
       default: break;
+      }
+   }
+
+   void replay( Choices & choices ) {
+      switch ( choices.below( 3 ) ) {
+      case 0: world_.replay(); break;
+      case 1: world_.deleteAll(); [[fallthrough]];
+      case 2: world_.addAll(); break;
       }
    }
 
@@ -348,18 +259,22 @@ class History {
       }
    }
 
-   StaticWorld world_;
+   World world_;
 };
 
-RC_GTEST_PROP( StaticHistory, LeavesExactlyWhatTheModelSays, () ) {
+RC_GTEST_PROP( History, LeavesExactlyWhatTheModelSays, ( bool vrfLess, bool fullConeProgrammed ) ) {
    auto const freeIds = *rc::gen::element< U32 >( 4, 8, 60 );
    auto const steps =
       *rc::gen::resize( 250, rc::gen::container< std::vector< Step > >( rc::gen::noShrink( anyStep() ) ) );
-   History history( freeIds );
+   History history( freeIds, { vrfLess, fullConeProgrammed } );
    for ( auto const & step : steps ) {
       history.happens( step );
    }
    history.ends();
+   auto const [ ofStatic, ofTwice, ofDynamic ] = history.exchangesChecked();
+   RC_CLASSIFY( ofStatic != 0, "packets of static rules walked" );
+   RC_CLASSIFY( ofTwice != 0, "packets of twice rules walked" );
+   RC_CLASSIFY( ofDynamic != 0, "packets of learned connections walked" );
 }
 
 }  // namespace
