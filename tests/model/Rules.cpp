@@ -186,33 +186,31 @@ bool isMulticast( AnyRule const & rule ) {
 
 bool isOutOfRange( AnyRule const & rule, Chip const & chip ) {
    auto const * const dynamic = std::get_if< DynamicRule >( &rule );
-   bool const programmed =
-      dynamic && ( !dynamic->entry->connection().fullCone || chip.fullConeProgrammed );
+   bool const programmed = dynamic && ( !dynamic->entry->connection().fullCone || chip.fullConeProgrammed );
    return programmed && !chip.vrfLess && dynamic->entry->vrfId() > 0x00ffffff;
 }
 
 std::vector< Direction > directionsOf( AnyRule const & rule, Chip const & chip ) {
-   return isOutOfRange( rule, chip )
-             ? std::vector< Direction >()
-             : std::visit( [ & ]( auto const & r ) { return directionsOf( r, chip ); }, rule );
+   return isOutOfRange( rule, chip ) ? std::vector< Direction >()
+                                     : std::visit( [ & ]( auto const & r ) { return directionsOf( r, chip ); }, rule );
 }
 
 Pfe::NatMatchKey matchKeyOf( IngressKey const & key ) {
    return std::visit(
-      Overloaded{ []( Pfe::IngStaticNatTable::Key const & k ) -> Pfe::NatMatchKey {
-                    return Pfe::StaticNatMatchKey{ k.natIntf, k.vrfId, k.ipAndPortOld, k.target, k.protocol };
-                 },
-                  []( Pfe::IngTwiceNatTable::Key const & k ) -> Pfe::NatMatchKey {
-                     return Pfe::TwiceNatMatchKey{ k.natIntf, k.vrfId, k.srcIpAndPortOld, k.dstIpAndPortOld,
-                                                   k.forward };
-                  },
-                  []< class Tag >( Pfe::IngDynamicNaptKey< Tag > const & k ) -> Pfe::NatMatchKey {
-                     return Pfe::DynamicNatMatchKey{
-                        k.vrfId, { k.firstIp, k.firstPort }, { k.secondIp, k.secondPort }, k.protocol };
-                  },
-                  []< class Tag >( Pfe::IngDynamicAddrOnlyKey< Tag > const & k ) -> Pfe::NatMatchKey {
-                     return Pfe::DynamicNatMatchKey{ k.vrfId, { k.ip, 0 }, {}, 0 };
-                  } },
+      Overloaded{
+         []( Pfe::IngStaticNatTable::Key const & k ) -> Pfe::NatMatchKey {
+            return Pfe::StaticNatMatchKey{ k.natIntf, k.vrfId, k.ipAndPortOld, k.target, k.protocol };
+         },
+         []( Pfe::IngTwiceNatTable::Key const & k ) -> Pfe::NatMatchKey {
+            return Pfe::TwiceNatMatchKey{ k.natIntf, k.vrfId, k.srcIpAndPortOld, k.dstIpAndPortOld, k.forward };
+         },
+         []< class Tag >( Pfe::IngDynamicNaptKey< Tag > const & k ) -> Pfe::NatMatchKey {
+            return Pfe::DynamicNatMatchKey{
+               k.vrfId, { k.firstIp, k.firstPort }, { k.secondIp, k.secondPort }, k.protocol };
+         },
+         []< class Tag >( Pfe::IngDynamicAddrOnlyKey< Tag > const & k ) -> Pfe::NatMatchKey {
+            return Pfe::DynamicNatMatchKey{ k.vrfId, { k.ip, 0 }, {}, 0 };
+         } },
       key.storage() );
 }
 

@@ -15,7 +15,6 @@ using PfeHelper::NatHwResult;
 using Support::dynamicRule;
 using Support::keyOf;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 struct DynamicProgramming : testing::Test {
    Support::Lines rowsAfterAdding( Support::AnyRule const & rule ) {
@@ -70,25 +69,6 @@ TEST_F( DynamicProgramming, AnEntryWithoutPortsHoldsNoTwinSoItsTableTakesThatOut
                              "destination 2/5 | 0.0.0.0 > 10.0.0.1", "destination 3/5 | 0.0.0.0 > 10.0.0.1",
                              "source 1/5 | 192.0.2.1:5000 > 0.0.0.0" ) );
    EXPECT_EQ( nat.result( keyOf( rule ) ), NatHwResult::programmed );
-}
-
-TEST_F( DynamicProgramming, ConnectionsOfTheSameHostsShareTheirTwinsUntilTheLastIsGone ) {
-   nat.config->fragmentationEnabledIs( true );
-   auto const first = dynamicRule( "10.0.0.1:4000 > 203.0.113.1:443", "192.0.2.1:5000" );
-   auto const second = dynamicRule( "10.0.0.1:4001 > 203.0.113.1:443", "192.0.2.1:5001" );
-   Support::add( *nat.sm, first );
-   Support::add( *nat.sm, second );
-   nat.settle();
-   EXPECT_EQ( nat.tables.snapt->rowCount() + nat.tables.dnapt->rowCount(), 6U );
-   EXPECT_EQ( nat.idsInUse(), 6U );
-   Support::del( *nat.sm, first );
-   ASSERT_TRUE( nat.settleToRest() );
-   EXPECT_THAT( nat.tables.text(), testing::Contains( testing::HasSubstr( " fragment |" ) ).Times( 2 ) );
-   EXPECT_EQ( nat.idsInUse(), 4U );
-   Support::del( *nat.sm, second );
-   ASSERT_TRUE( nat.settleToRest() );
-   EXPECT_THAT( nat.tables.text(), IsEmpty() );
-   EXPECT_EQ( nat.idsInUse(), 0U );
 }
 
 TEST_F( DynamicProgramming, FullConeConnectionsAreLeftAloneWhereTheyAreProgrammedElsewhere ) {

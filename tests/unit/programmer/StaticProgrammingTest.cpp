@@ -31,15 +31,6 @@ StaticFields fields( NatTarget target, U8 protocol = 6 ) {
    return { .intfQualifier = 5, .connection = { .target = target, .protocol = protocol } };
 }
 
-TEST_F( StaticProgramming, ASourceRuleMatchesItsKeyAndAnswersAreTurnedBack ) {
-   EXPECT_THAT(
-      rowsAfterAdding( "10.0.0.1:80", staticEntry( "192.0.2.1:8080" ) ),
-      ElementsAre( "destination eth1 192.0.2.1:8080 > 10.0.0.1:80 proto 6 | destination 2/5 | twin none | "
-                   "nextHop 0 acl 0",
-                   "source eth1 10.0.0.1:80 > 192.0.2.1:8080 proto 6 | source 1/5 | twin none | nextHop 0 acl 0",
-                   "destination 2/5 | 0.0.0.0 > 10.0.0.1:80", "source 1/5 | 192.0.2.1:8080 > 0.0.0.0" ) );
-}
-
 TEST_F( StaticProgramming, ADestinationRuleMatchesItsKeyAtTheDestination ) {
    EXPECT_THAT(
       rowsAfterAdding( "192.0.2.1:8080", staticEntry( "10.0.0.1:80", fields( NatTarget::destination ) ) ),
@@ -47,45 +38,6 @@ TEST_F( StaticProgramming, ADestinationRuleMatchesItsKeyAtTheDestination ) {
          "destination eth1 192.0.2.1:8080 > 10.0.0.1:80 proto 6 | destination 1/5 | twin none | nextHop 0 acl 0",
          "source eth1 10.0.0.1:80 > 192.0.2.1:8080 proto 6 | source 2/5 | twin none | nextHop 0 acl 0",
          "destination 1/5 | 0.0.0.0 > 10.0.0.1:80", "source 2/5 | 192.0.2.1:8080 > 0.0.0.0" ) );
-}
-
-TEST_F( StaticProgramming, FragmentTwinsComeFirstAndTheEntriesPointToThem ) {
-   nat.config->fragmentationEnabledIs( true );
-   nat->addStaticConnection( staticKey( "10.0.0.1:80" ), staticEntry( "192.0.2.1:8080" ) );
-   nat.settle();
-   EXPECT_THAT(
-      nat.chip->takeLog(),
-      ElementsAre( testing::StartsWith( "write egrSourceNatUcRewriteTable Value('Pfe::EgrNatUcRewriteKey', natId=1," ),
-                   testing::AllOf( testing::StartsWith( "write ingStaticNatTable" ),
-                                   testing::HasSubstr( "port=0), target=0, protocol=6, fragment=1" ) ),
-                   testing::StartsWith( "write egrSourceNatUcRewriteTable Value('Pfe::EgrNatUcRewriteKey', natId=2," ),
-                   testing::AllOf( testing::StartsWith( "write ingStaticNatTable" ),
-                                   testing::HasSubstr( "port=8080), target=0, protocol=6, fragment=0" ) ),
-                   testing::HasSubstr( "natId=3" ), testing::HasSubstr( "target=1, protocol=6, fragment=1" ),
-                   testing::HasSubstr( "natId=4" ), testing::HasSubstr( "target=1, protocol=6, fragment=0" ) ) );
-   EXPECT_THAT(
-      nat.tables.text(),
-      ElementsAre(
-         "destination eth1 192.0.2.1 > 10.0.0.1 proto 6 fragment | destination 3/5 | twin none | nextHop 0 acl 0",
-         "destination eth1 192.0.2.1:8080 > 10.0.0.1:80 proto 6 | destination 4/5 | "
-         "twin 192.0.2.1 > 10.0.0.1 | nextHop 0 acl 0",
-         "source eth1 10.0.0.1 > 192.0.2.1 proto 6 fragment | source 1/5 | twin none | nextHop 0 acl 0",
-         "source eth1 10.0.0.1:80 > 192.0.2.1:8080 proto 6 | source 2/5 | "
-         "twin 10.0.0.1 > 192.0.2.1 | nextHop 0 acl 0",
-         "destination 3/5 | 0.0.0.0 > 10.0.0.1", "destination 4/5 | 0.0.0.0 > 10.0.0.1:80",
-         "source 1/5 | 192.0.2.1 > 0.0.0.0", "source 2/5 | 192.0.2.1:8080 > 0.0.0.0" ) );
-}
-
-TEST_F( StaticProgramming, OnlyAKeyThatMatchesAPortHasAFragmentTwin ) {
-   nat.config->fragmentationEnabledIs( true );
-   EXPECT_THAT(
-      rowsAfterAdding( "10.0.0.1:80", staticEntry( "192.0.2.1" ) ),
-      ElementsAre( "destination eth1 192.0.2.1 > 10.0.0.1:80 proto 6 | destination 3/5 | twin none | nextHop 0 acl 0",
-                   "source eth1 10.0.0.1 > 192.0.2.1 proto 6 fragment | source 1/5 | twin none | nextHop 0 acl 0",
-                   "source eth1 10.0.0.1:80 > 192.0.2.1 proto 6 | source 2/5 | twin 10.0.0.1 > 192.0.2.1 | "
-                   "nextHop 0 acl 0",
-                   "destination 3/5 | 0.0.0.0 > 10.0.0.1:80", "source 1/5 | 192.0.2.1 > 0.0.0.0",
-                   "source 2/5 | 192.0.2.1 > 0.0.0.0" ) );
 }
 
 TEST_F( StaticProgramming, RowsCarryVrfNextHopAclAndFilters ) {
@@ -155,34 +107,6 @@ TEST_F( StaticProgramming, WithoutAnAclTableTheAclIsZero ) {
                 testing::Contains( testing::HasSubstr( "nextHop 0 acl 0" ) ).Times( 2 ) );
 }
 
-TEST_F( StaticProgramming, RulesOfOneAddressShareItsFragmentTwinUntilTheLastIsGone ) {
-   nat.config->fragmentationEnabledIs( true );
-   auto const web = staticKey( "10.0.0.1:80" ), ssh = staticKey( "10.0.0.1:22" );
-   auto const webEntry = staticEntry( "192.0.2.1:80" ), sshEntry = staticEntry( "192.0.2.1:22" );
-   nat->addStaticConnection( web, webEntry );
-   nat->addStaticConnection( ssh, sshEntry );
-   nat.settle();
-   EXPECT_EQ( nat.tables.ingress->rowCount(), 6U );
-   EXPECT_EQ( nat.idsInUse(), 6U );
-   nat->deleteStaticConnection( web, webEntry );
-   nat.settle();
-   nat.settle();
-   EXPECT_THAT(
-      nat.tables.text(),
-      ElementsAre(
-         "destination eth1 192.0.2.1 > 10.0.0.1 proto 6 fragment | destination 3/5 | twin none | nextHop 0 acl 0",
-         "destination eth1 192.0.2.1:22 > 10.0.0.1:22 proto 6 | destination 6/5 | twin 192.0.2.1 > 10.0.0.1 | "
-         "nextHop 0 acl 0",
-         "source eth1 10.0.0.1 > 192.0.2.1 proto 6 fragment | source 1/5 | twin none | nextHop 0 acl 0",
-         "source eth1 10.0.0.1:22 > 192.0.2.1:22 proto 6 | source 5/5 | twin 10.0.0.1 > 192.0.2.1 | nextHop 0 acl 0",
-         "destination 3/5 | 0.0.0.0 > 10.0.0.1", "destination 6/5 | 0.0.0.0 > 10.0.0.1:22",
-         "source 1/5 | 192.0.2.1 > 0.0.0.0", "source 5/5 | 192.0.2.1:22 > 0.0.0.0" ) );
-   nat->deleteStaticConnection( ssh, sshEntry );
-   EXPECT_TRUE( nat.settleToRest() );
-   EXPECT_THAT( nat.tables.text(), IsEmpty() );
-   EXPECT_EQ( nat.idsInUse(), 0U );
-}
-
 // --- Multicast -------------------------------------------------------------------------------------------------------
 
 constexpr char const * group = "239.0.0.1:5000";
@@ -241,24 +165,6 @@ TEST_F( StaticProgramming, WithoutTheHookAMulticastRuleTakesTheUnicastPath ) {
 }
 
 // --- Sharing of ids --------------------------------------------------------------------------------------------------
-
-TEST_F( StaticProgramming, IdsAreSharedByKeysThatDifferInWhatTheyBecomeOrInFragmentOrMulticast ) {
-   auto const base = Support::ingressKey( NatTarget::source, "10.0.0.1:80", "192.0.2.1:80" );
-   auto const shares = [ & ]( auto change ) {
-      auto changed = base;
-      change( changed );
-      return nat->staticNatMatchKey( changed ) == nat->staticNatMatchKey( base );
-   };
-   EXPECT_TRUE( shares( []( auto & key ) { key.ipAndPortNew = Support::pair( "192.0.2.9:99" ); } ) );
-   EXPECT_TRUE( shares( []( auto & key ) { key.fragment = true; } ) );
-   EXPECT_TRUE( shares( []( auto & key ) { key.mcast = true; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.natIntf = "ethernet2"; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.vrfId = 1; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.ipAndPortOld.ip = Support::ip( "10.0.0.2" ); } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.ipAndPortOld.port = 81; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.target = NatTarget::destination; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.protocol = 17; } ) );
-}
 
 // A programmer whose ids do not tell ports apart.
 class WideProgrammer final : public Pfe::NatSwTableProgrammerSm {

@@ -12,7 +12,6 @@ using PfeHelper::NatHwResult;
 using Support::keyOf;
 using Support::twiceRule;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 struct TwiceProgramming : testing::Test {
    Support::Lines rowsAfterAdding( Support::AnyRule const & rule ) {
@@ -35,26 +34,6 @@ TEST_F( TwiceProgramming, EachDirectionHasATwinIfItMatchesAPortOfItsOwn ) {
                              "twin 10.9.0.9, 192.0.2.1 > 192.0.2.9, 10.0.0.1 | nextHop 0",
                              "destination 2/5 | 192.0.2.9 > 10.0.0.1", "destination 3/5 | 192.0.2.9 > 10.0.0.1",
                              "source 1/5 | 192.0.2.1 > 10.9.0.9:83" ) );
-}
-
-TEST_F( TwiceProgramming, RowsCarryVrfAndNextHopAndTheVrfIsZeroWhereItDoesNotMatter ) {
-   for ( bool const vrfLess : { false, true } ) {
-      nat.config->vrfLessIs( vrfLess );
-      auto const rule =
-         twiceRule( "10.0.0.1 > 192.0.2.9", "192.0.2.1 > 10.9.0.9", "ethernet1",
-                    { .vrfId = 0x01000000, .intfQualifier = 9, .nextHop = Orla::make< Pfe::NatNextHopId >( 42 ) } );
-      std::string const vrf = vrfLess ? "" : "vrf 16777216 ";
-      EXPECT_THAT( rowsAfterAdding( rule ),
-                   testing::IsSupersetOf( { "forward eth1 " + vrf +
-                                               "10.0.0.1, 192.0.2.9 > 192.0.2.1, 10.9.0.9 | "
-                                               "source 1/9 | twin none | nextHop 42",
-                                            "reverse eth1 " + vrf +
-                                               "10.9.0.9, 192.0.2.1 > 192.0.2.9, 10.0.0.1 | "
-                                               "destination 2/9 | twin none | nextHop 42" } ) );
-      Support::del( *nat.sm, rule );
-      ASSERT_TRUE( nat.settleToRest() );
-      EXPECT_THAT( nat.tables.text(), IsEmpty() );
-   }
 }
 
 TEST_F( TwiceProgramming, AMulticastRuleIsCopiedForwardOnlyAndTellsTheHookWhenItIsGone ) {
@@ -82,24 +61,6 @@ TEST_F( TwiceProgramming, ARejectedTranslationWritesNothingTakesNoIdAndGoesAtOnc
    EXPECT_EQ( nat.idsInUse(), 0U );
    Support::del( *nat.sm, group );
    EXPECT_EQ( nat.result( keyOf( group ) ), std::nullopt );
-}
-
-TEST_F( TwiceProgramming, IdsAreSharedByKeysThatDifferInWhatTheyBecomeOrInFragmentOrMulticast ) {
-   Pfe::IngTwiceNatTable::Key const base{ .natIntf = Support::intf( "ethernet1" ), .forward = true };
-   auto const shares = [ & ]( auto change ) {
-      auto changed = base;
-      change( changed );
-      return nat->twiceNatMatchKey( changed ) == nat->twiceNatMatchKey( base );
-   };
-   EXPECT_TRUE( shares( []( auto & key ) { key.srcIpAndPortNew.port = 1; } ) );
-   EXPECT_TRUE( shares( []( auto & key ) { key.dstIpAndPortNew.port = 1; } ) );
-   EXPECT_TRUE( shares( []( auto & key ) { key.fragment = true; } ) );
-   EXPECT_TRUE( shares( []( auto & key ) { key.mcast = true; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.natIntf = Support::intf( "ethernet2" ); } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.vrfId = 1; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.srcIpAndPortOld.port = 1; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.dstIpAndPortOld.port = 1; } ) );
-   EXPECT_FALSE( shares( []( auto & key ) { key.forward = false; } ) );
 }
 
 using TwiceProgrammingDeathTest = TwiceProgramming;
