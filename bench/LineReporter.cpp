@@ -28,7 +28,13 @@ constexpr std::array columns{ Column{ "ns", 1 },
                               Column{ "run_ratio", 2 },
                               Column{ "same_heap_ratio", 2 },
                               Column{ "second_cycle_bytes", 0 },
-                              Column{ "ids", 0 } };
+                              Column{ "ids", 0 },
+                              Column{ "static_ns", 1 },
+                              Column{ "static_ratio", 2 },
+                              Column{ "sum_ns", 1 },
+                              Column{ "sum_ratio", 2 },
+                              Column{ "single_ns", 1 },
+                              Column{ "single_ratio", 2 } };
 
 }  // namespace
 

@@ -94,6 +94,16 @@ Figures pairedRounds( std::size_t operations, Round const & system, Round const 
             { "rounds", static_cast< double >( rounds ) } };
 }
 
+Figures pairedRounds( std::size_t operations, Round const & system, Round const & reference,
+                      std::string const & name ) {
+   auto const figures = pairedRounds( operations, system, reference );
+   return { { "ns", figures.at( "ns" ) },
+            { name + "_ns", figures.at( "floor_ns" ) },
+            { name + "_ratio", figures.at( "ratio" ) },
+            { "min_ratio", figures.at( "min_ratio" ) },
+            { "rounds", figures.at( "rounds" ) } };
+}
+
 void caseIs( std::string const & name, std::size_t n, std::function< Figures() > run ) {
    auto const measure = [ run = std::move( run ) ]( benchmark::State & state ) {
       auto const figures = inOwnProcess( run );

@@ -40,6 +40,10 @@ using Round = std::function< double() >;
 // floor_ns, their medians; ratio, the median of the pairs' ratios; min_ratio, the ratio of the two shortest times.
 Figures pairedRounds( std::size_t operations, Round const & system, Round const & reference );
 
+// The same with the reference's figures named <name>_ns and <name>_ratio; for rounds that are not compared with the
+// floor.
+Figures pairedRounds( std::size_t operations, Round const & system, Round const & reference, std::string const & name );
+
 double median( std::vector< double > values );
 
 // Figures of a process of its own that calls run(); empty when it did not come to its end.

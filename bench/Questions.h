@@ -6,6 +6,9 @@
 namespace Bench {
 
 void registerStaticConnections();
+void registerKindsOfRules();
+void registerChurn();
+void registerBulkOperations();
 void registerUpdates();
 void registerRestart();
 void registerNatIds();

@@ -13,16 +13,29 @@
 
 namespace Bench {
 
-struct StaticRule {
-   Pfe::NatProgrammerStaticKey key;
-   Pfe::NatProgrammerStaticEntry::PtrConst entry;
+template< class Key, class Entry > struct RuleOf {
+   Key key;
+   Orla::Ptr< Entry const > entry;
 };
+using StaticRule = RuleOf< Pfe::NatProgrammerStaticKey, Pfe::NatProgrammerStaticEntry >;
+using TwiceRule = RuleOf< Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerTwiceEntry >;
+using DynamicRule = RuleOf< Pfe::NatProgrammerDynamicKey, Pfe::NatProgrammerDynamicEntry >;
 
 using StaticRules = std::vector< StaticRule >;
+using TwiceRules = std::vector< TwiceRule >;
+using DynamicRules = std::vector< DynamicRule >;
 
 // `count` unicast rules with ports on four interfaces, every second one with target destination. Rule i is on address
 // i % addresses, inside and outside, and on the next free port of it.
 StaticRules staticRules( std::size_t count, std::size_t addresses );
+
+// The same translations as twice rules, each of whose flows goes to a host of its address, and as learned connections
+// to that host.
+TwiceRules twiceRules( std::size_t count, std::size_t addresses );
+DynamicRules naptRules( std::size_t count, std::size_t addresses );
+
+// Learned connections of `count` addresses whose ports are left alone.
+DynamicRules addrOnlyRules( std::size_t count );
 
 // The same rules with another next hop, which changes rows but derives the same ones.
 StaticRules withNextHop( StaticRules const & rules );

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <utility>
 
 namespace Bench {
@@ -13,22 +14,32 @@ System::System( Pfe::NatProgrammerConfig::Ptr config, Pfe::NatIdInfo::Ptr natIdI
      status_( Orla::make< Pfe::NatProgrammerStatus >() ),
      natIdInfo_( std::move( natIdInfo ) ),
      hardware_( Orla::make< Asic::Hardware >() ),
-     ingress_( Orla::make< Pfe::IngStaticNatTable >( hardware_ ) ),
+     ingStatic_( Orla::make< Pfe::IngStaticNatTable >( hardware_ ) ),
+     ingTwice_( Orla::make< Pfe::IngTwiceNatTable >( hardware_ ) ),
+     ingSnapt_( Orla::make< Pfe::IngDynamicSnaptTable >( hardware_ ) ),
+     ingDnapt_( Orla::make< Pfe::IngDynamicDnaptTable >( hardware_ ) ),
+     ingSnatAddrOnly_( Orla::make< Pfe::IngDynamicSnatAddrOnlyTable >( hardware_ ) ),
+     ingDnatAddrOnly_( Orla::make< Pfe::IngDynamicDnatAddrOnlyTable >( hardware_ ) ),
      sourceRewrites_( Orla::make< Pfe::EgrSourceNatUcRewriteTable >( hardware_ ) ),
      destinationRewrites_( Orla::make< Pfe::EgrDestinationNatUcRewriteTable >( hardware_ ) ),
      programmer_( Pfe::NatSwTableProgrammerSmIs( config_, status_, nullptr, natIdInfo_ ) ) {
    programmer_->programmerModeIs( Pfe::NatBaseProgrammerSm::Mode::tables );
    programmer_->natIdPoolIs( natIdInfo_ );
-   programmer_->ingStaticNatTableIs( ingress_ );
+   programmer_->ingStaticNatTableIs( ingStatic_ );
+   programmer_->ingTwiceNatTableIs( ingTwice_ );
+   programmer_->ingDynamicSnaptTableIs( ingSnapt_ );
+   programmer_->ingDynamicDnaptTableIs( ingDnapt_ );
+   programmer_->ingDynamicSnatAddrOnlyTableIs( ingSnatAddrOnly_ );
+   programmer_->ingDynamicDnatAddrOnlyTableIs( ingDnatAddrOnly_ );
    programmer_->egrSourceNatUcRewriteTableIs( sourceRewrites_ );
    programmer_->egrDestinationNatUcRewriteTableIs( destinationRewrites_ );
 }
 
 // Rows hold their responses, and these the programmer.
 System::~System() {
-   ingress_->clear();
-   sourceRewrites_->clear();
-   destinationRewrites_->clear();
+   for ( auto * const table : hardware_->tables() ) {
+      table->clear();
+   }
 }
 
 void System::start() {
@@ -37,12 +48,14 @@ void System::start() {
    settle();
 }
 
-void System::configure( StaticRules const & rules ) { Bench::configure( *config_, rules ); }
+void System::deleteAll() {
+   programmer_->deleteAllConnections();
+   programmer_->cleanupInProgressIs( true );
+}
 
-void System::unconfigure( StaticRules const & rules ) {
-   for ( auto const & rule : rules ) {
-      config_->staticEntryDel( rule.key );
-   }
+void System::addAll() {
+   programmer_->cleanupInProgressIs( false );
+   programmer_->replay();
 }
 
 void System::settle() {
@@ -52,21 +65,29 @@ void System::settle() {
 
 void System::requireProgrammed( std::size_t rules, std::size_t ingressRows, std::size_t natIds ) const {
    require( hardware_->outstanding() == 0, "nothing is outstanding" );
-   require( ingress_->rowCount() == ingressRows && ingress_->hardwareRowCount() == ingressRows,
-            "every ingress row is in the hardware" );
+   std::size_t seen = 0;
+   std::size_t inHardware = 0;
+   for ( auto const * const table : std::initializer_list< Asic::SwTableBase const * >{
+            ingStatic_.ptr(), ingTwice_.ptr(), ingSnapt_.ptr(), ingDnapt_.ptr(), ingSnatAddrOnly_.ptr(),
+            ingDnatAddrOnly_.ptr() } ) {
+      seen += table->rowCount();
+      inHardware += table->hardwareRowCount();
+   }
+   require( seen == ingressRows && inHardware == ingressRows, "every ingress row is in the hardware" );
    auto const rewrites = sourceRewrites_->rowCount() + destinationRewrites_->rowCount();
    require( rewrites == natIds, "there is one rewrite per NAT id" );
    require( natIdInfo_->matchKeyToNatId().count() == natIds, "as many NAT ids as expected are in use" );
-   require( status_->staticStatus().count() == rules, "every rule has a status" );
-   for ( auto const & [ key, status ] : status_->staticStatus() ) {
-      require( status.result == PfeHelper::NatHwResult::programmed, "every status says programmed" );
-   }
-}
-
-void configure( Pfe::NatProgrammerConfig & config, StaticRules const & rules ) {
-   for ( auto const & rule : rules ) {
-      config.staticEntryIs( rule.key, rule.entry );
-   }
+   std::size_t programmed = 0;
+   auto const count = [ & ]( auto const & statuses ) {
+      for ( auto const & [ key, status ] : statuses ) {
+         require( status.result == PfeHelper::NatHwResult::programmed, "every status says programmed" );
+      }
+      programmed += statuses.count();
+   };
+   count( status_->staticStatus() );
+   count( status_->twiceStatus() );
+   count( status_->dynamicStatus() );
+   require( programmed == rules, "every rule has a status" );
 }
 
 void require( bool condition, char const * what ) {

@@ -9,6 +9,31 @@
 
 namespace Bench {
 
+inline void configure( Pfe::NatProgrammerConfig & config, StaticRule const & rule ) {
+   config.staticEntryIs( rule.key, rule.entry );
+}
+inline void configure( Pfe::NatProgrammerConfig & config, TwiceRule const & rule ) {
+   config.twiceEntryIs( rule.key, rule.entry );
+}
+inline void configure( Pfe::NatProgrammerConfig & config, DynamicRule const & rule ) {
+   config.dynamicEntryIs( rule.key, rule.entry );
+}
+template< class Rule > void configure( Pfe::NatProgrammerConfig & config, std::vector< Rule > const & rules ) {
+   for ( auto const & rule : rules ) {
+      configure( config, rule );
+   }
+}
+
+inline void unconfigure( Pfe::NatProgrammerConfig & config, StaticRule const & rule ) {
+   config.staticEntryDel( rule.key );
+}
+inline void unconfigure( Pfe::NatProgrammerConfig & config, TwiceRule const & rule ) {
+   config.twiceEntryDel( rule.key );
+}
+inline void unconfigure( Pfe::NatProgrammerConfig & config, DynamicRule const & rule ) {
+   config.dynamicEntryDel( rule.key );
+}
+
 // Text traces off, ring trace on, base programmer and reactors included; nobody watches the NAT ids, for the agent's
 // store is its own matter.
 class System {
@@ -25,8 +50,16 @@ class System {
    void start();
 
    // Changes the configuration; what has been handed over settles with settle().
-   void configure( StaticRules const & rules );
-   void unconfigure( StaticRules const & rules );
+   template< class Rules > void configure( Rules const & rules ) { Bench::configure( *config_, rules ); }
+   template< class Rules > void unconfigure( Rules const & rules ) {
+      for ( auto const & rule : rules ) {
+         Bench::unconfigure( *config_, rule );
+      }
+   }
+
+   // Takes every rule out of the tables, or hands it over again, whatever the configuration holds.
+   void deleteAll();
+   void addAll();
 
    // Ends a turn as the agent does: settles everything and tells the base programmer that nothing is outstanding.
    void settle();
@@ -43,13 +76,16 @@ class System {
    Pfe::NatProgrammerStatus::Ptr status_;
    Pfe::NatIdInfo::Ptr natIdInfo_;
    Asic::Hardware::Ptr hardware_;
-   Orla::Ptr< Pfe::IngStaticNatTable > ingress_;
+   Orla::Ptr< Pfe::IngStaticNatTable > ingStatic_;
+   Orla::Ptr< Pfe::IngTwiceNatTable > ingTwice_;
+   Orla::Ptr< Pfe::IngDynamicSnaptTable > ingSnapt_;
+   Orla::Ptr< Pfe::IngDynamicDnaptTable > ingDnapt_;
+   Orla::Ptr< Pfe::IngDynamicSnatAddrOnlyTable > ingSnatAddrOnly_;
+   Orla::Ptr< Pfe::IngDynamicDnatAddrOnlyTable > ingDnatAddrOnly_;
    Orla::Ptr< Pfe::EgrSourceNatUcRewriteTable > sourceRewrites_;
    Orla::Ptr< Pfe::EgrDestinationNatUcRewriteTable > destinationRewrites_;
    Pfe::NatSwTableProgrammerSm::Ptr programmer_;
 };
-
-void configure( Pfe::NatProgrammerConfig & config, StaticRules const & rules );
 
 // Ends the process with a message when what was measured is not what should have been.
 void require( bool condition, char const * what );

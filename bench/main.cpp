@@ -21,6 +21,9 @@
 int main( int argc, char ** argv ) {
    Bench::keepHeapPages();
    Bench::registerStaticConnections();
+   Bench::registerKindsOfRules();
+   Bench::registerChurn();
+   Bench::registerBulkOperations();
    Bench::registerUpdates();
    Bench::registerRestart();
    Bench::registerNatIds();

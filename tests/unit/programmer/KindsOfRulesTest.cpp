@@ -107,6 +107,16 @@ std::vector< Kind > kinds() {
    };
 }
 
+// The same rule in another entry.
+AnyRule ruleAgain( Kind const & kind ) {
+   for ( auto const & fresh : kinds() ) {
+      if ( fresh.name == std::string_view( kind.name ) ) {
+         return fresh.rule;
+      }
+   }
+   return kind.rule;
+}
+
 // A programmer with fragmentation, and one rule of a kind.
 struct Switch : Support::Programmer {
    explicit Switch( Kind const & ofKind ) : kind( ofKind ) { config->fragmentationEnabledIs( true ); }
@@ -275,6 +285,29 @@ TEST( KindsOfRules, ReleaseWhatTheyHeldWhenTheirRemovalSettles ) {
       EXPECT_EQ( nat.idsInUse(), 0U );
       EXPECT_EQ( nat.result(), std::nullopt );
       EXPECT_THAT( nat.mcast->cleaned, IsEmpty() ) << "not a multicast rule";
+   } );
+}
+
+TEST( KindsOfRules, HearOfARefusedRemovalUntilItIsDone ) {
+   forEachKind( []( Switch const & nat ) {
+      configure( *nat.config, nat.kind.rule );
+      nat->replay();
+      ASSERT_TRUE( nat.settleToRest() );
+      // An update that fails: the older rows stay.
+      nat.chip->failEvery = 1;
+      configure( *nat.config, ruleAgain( nat.kind ) );
+      nat.settle();
+      EXPECT_EQ( nat.result(), NatHwResult::failed );
+      nat.chip->refuseAll = true;
+      nat->deleteAllConnections();
+      nat.settle();
+      EXPECT_EQ( nat.result(), NatHwResult::failed );
+      nat.chip->refuseAll = false;
+      nat.settle();
+      EXPECT_EQ( nat.result(), std::nullopt );
+      nat.settle();
+      EXPECT_EQ( nat.idsInUse(), 0U );
+      EXPECT_EQ( nat.tables.rowCount(), 0U );
    } );
 }
 
