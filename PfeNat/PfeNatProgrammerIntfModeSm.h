@@ -1,0 +1,218 @@
+// The programmer of interface mode: turns static NAT rules into entries of the software-table configuration, each shared
+// by all interfaces that have the rule.
+#pragma once
+
+#include "PfeNat/PfeNatProgrammerConfigSm.h"
+
+#include <Bridging/VlanId.h>
+#include <Orla/Entity.h>
+#include <Orla/Ptr.h>
+#include <Pfe/NatProgrammerConfig.h>
+#include <Pfe/NatProgrammerEntries.h>
+#include <Pfe/NatProgrammerKeys.h>
+#include <Pfe/NatProgrammerStatus.h>
+#include <Pfe/NatSwTableConfig.h>
+#include <Pfe/NatSwTableStatus.h>
+#include <Vexa/HashMap.h>
+#include <Vexa/Optional.h>
+
+#include <cstddef>
+#include <vector>
+
+namespace [[gnu::visibility( "default" )]] Pfe {
+
+// Which software-table keys each programmer key feeds, and which programmer keys each software-table key depends on.
+//
+// Invariant, kept by the dependency operations: a pair is in both directions or in none, and no set is empty. The
+// collection operations touch one direction only.
+class NatProgrammerStaticMap final : public Orla::Entity {
+ public:
+   using Ptr = Orla::Ptr< NatProgrammerStaticMap >;
+   using PtrConst = Orla::Ptr< NatProgrammerStaticMap const >;
+
+   // What one programmer key feeds.
+   class SwTableKeySet final : public Orla::Entity {
+    public:
+      using Ptr = Orla::Ptr< SwTableKeySet >;
+      using Keys = Vexa::HashSet< NatSwTableStaticKey, 0xCA417918 >;
+
+      explicit SwTableKeySet( NatProgrammerStaticKey const & progKey ) : progKey_( progKey ) {}
+
+      NatProgrammerStaticKey const & progKey() const { return progKey_; }
+
+      // Of the latest addDependency for the key; null until then.
+      NatProgrammerStaticEntry::PtrConst const & progEntry() const { return progEntry_; }
+      void progEntryIs( NatProgrammerStaticEntry::PtrConst const & progEntry );
+
+      Keys const & entry() const { return entry_; }
+      void entryIs( NatSwTableStaticKey const & swTableKey ) { entry_.is( swTableKey ); }
+      bool entryHas( NatSwTableStaticKey const & swTableKey ) const { return entry_.has( swTableKey ); }
+      void entryDel( NatSwTableStaticKey const & swTableKey ) { entry_.del( swTableKey ); }
+      void entryDelAll() { entry_.delAll(); }
+      std::size_t entrys() const { return entry_.count(); }
+
+      static Vexa::TypeData const & classType();
+      Vexa::TypeData const & typeData() const override { return classType(); }
+
+    private:
+      NatProgrammerStaticKey const progKey_;
+      NatProgrammerStaticEntry::PtrConst progEntry_;
+      Keys entry_;
+   };
+
+   // What one software-table key depends on.
+   class ProgrammerKeySet final : public Orla::Entity {
+    public:
+      using Ptr = Orla::Ptr< ProgrammerKeySet >;
+      using Keys = Vexa::HashSet< NatProgrammerStaticKey, 0xB8DB38EF >;
+
+      explicit ProgrammerKeySet( NatSwTableStaticKey const & swTableKey ) : swTableKey_( swTableKey ) {}
+
+      NatSwTableStaticKey const & swTableKey() const { return swTableKey_; }
+
+      Keys const & entry() const { return entry_; }
+      void entryIs( NatProgrammerStaticKey const & progKey ) { entry_.is( progKey ); }
+      bool entryHas( NatProgrammerStaticKey const & progKey ) const { return entry_.has( progKey ); }
+      void entryDel( NatProgrammerStaticKey const & progKey ) { entry_.del( progKey ); }
+      void entryDelAll() { entry_.delAll(); }
+      std::size_t entrys() const { return entry_.count(); }
+
+      static Vexa::TypeData const & classType();
+      Vexa::TypeData const & typeData() const override { return classType(); }
+
+    private:
+      NatSwTableStaticKey const swTableKey_;
+      Keys entry_;
+   };
+
+   // Each of the four collections has a constant of its own, so that keys that share a bucket in one do not in another.
+   using ProgKeyToSwTableKeys = Vexa::HashMap< NatProgrammerStaticKey, SwTableKeySet::Ptr, 0x8E79DCB0 >;
+   using SwTableKeyToProgKeys = Vexa::HashMap< NatSwTableStaticKey, ProgrammerKeySet::Ptr, 0x603A180E >;
+
+   // Look-ups yield null for an absent key; `...Is` yields the set that is there, or a new empty one.
+   ProgKeyToSwTableKeys const & progKeyToSwTableKeysMap() const { return progKeyToSwTableKeysMap_; }
+   SwTableKeySet::Ptr progKeyToSwTableKeysMap( NatProgrammerStaticKey const & progKey ) const {
+      return progKeyToSwTableKeysMap_.valueOr( progKey );
+   }
+   bool progKeyToSwTableKeysMapHas( NatProgrammerStaticKey const & progKey ) const {
+      return progKeyToSwTableKeysMap_.has( progKey );
+   }
+   SwTableKeySet::Ptr progKeyToSwTableKeysMapIs( NatProgrammerStaticKey const & progKey );
+   void progKeyToSwTableKeysMapDel( NatProgrammerStaticKey const & progKey ) {
+      progKeyToSwTableKeysMap_.del( progKey );
+   }
+   void progKeyToSwTableKeysMapDelAll() { progKeyToSwTableKeysMap_.delAll(); }
+
+   SwTableKeyToProgKeys const & swTableKeyToProgKeysMap() const { return swTableKeyToProgKeysMap_; }
+   ProgrammerKeySet::Ptr swTableKeyToProgKeysMap( NatSwTableStaticKey const & swTableKey ) const {
+      return swTableKeyToProgKeysMap_.valueOr( swTableKey );
+   }
+   bool swTableKeyToProgKeysMapHas( NatSwTableStaticKey const & swTableKey ) const {
+      return swTableKeyToProgKeysMap_.has( swTableKey );
+   }
+   ProgrammerKeySet::Ptr swTableKeyToProgKeysMapIs( NatSwTableStaticKey const & swTableKey );
+   void swTableKeyToProgKeysMapDel( NatSwTableStaticKey const & swTableKey ) {
+      swTableKeyToProgKeysMap_.del( swTableKey );
+   }
+   void swTableKeyToProgKeysMapDelAll() { swTableKeyToProgKeysMap_.delAll(); }
+
+   // A pair that is there already only gets the new `progEntry`.
+   void addDependency( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticKey const & progKey,
+                       NatProgrammerStaticEntry::PtrConst const & progEntry );
+   // The pair must be there. The keys may not be references into the sets, which let go of them.
+   void delDependency( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticKey const & progKey );
+   // Whether both directions hold the pair.
+   bool hasDependency( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticKey const & progKey ) const;
+
+   static Vexa::TypeData const & classType();
+   Vexa::TypeData const & typeData() const override { return classType(); }
+
+ private:
+   ProgKeyToSwTableKeys progKeyToSwTableKeysMap_;
+   SwTableKeyToProgKeys swTableKeyToProgKeysMap_;
+};
+
+NatProgrammerStaticMap::Ptr NatProgrammerStaticMapIs();
+NatProgrammerStaticMap::Ptr natProgrammerStaticMapFactory();
+
+// The VLAN ids of all programmer keys that `swTableKey` depends on, one per key, from their latest entries; empty for a
+// key that nothing feeds. Throws Vexa::RangeException when one of them is no VLAN id.
+std::vector< Bridging::VlanId > getVlanIdsForSwTableEntry( NatProgrammerStaticMap::PtrConst const & configMap,
+                                                           NatSwTableStaticKey const & swTableKey );
+
+// Static rules only: twice and dynamic rules and traps are traced and ignored, profiles stop the agent. The interface is
+// no part of a software-table key, so that a rule that several interfaces have is one entry, with the VLANs of all.
+//
+// Writes no status. Entries stay in the software-table configuration when the programmer goes. Every operation runs on
+// the agent's one activity thread.
+class NatProgrammerIntfModeSm : public NatProgrammerConfigSm {
+ public:
+   using Ptr = Orla::Ptr< NatProgrammerIntfModeSm >;
+
+   NatProgrammerIntfModeSm( NatProgrammerConfig::PtrConst const & natProgrammerConfig,
+                            NatProgrammerStatus::Ptr const & natProgrammerStatus,
+                            NatSwTableConfig::Ptr const & natSwTableConfig,
+                            NatSwTableStatus::PtrConst const & natSwTableStatus );
+   ~NatProgrammerIntfModeSm() override;
+
+   // The dependencies behind what is written, and an equal map that is meant for statuses and stays empty. `...Is`
+   // yields the map that is there, or a new one.
+   NatProgrammerStaticMap::Ptr const & staticConfigMap() const { return staticConfigMap_; }
+   NatProgrammerStaticMap::Ptr staticConfigMapIs();
+   NatProgrammerStaticMap::Ptr const & staticStatusMap() const { return staticStatusMap_; }
+   NatProgrammerStaticMap::Ptr staticStatusMapIs();
+
+   // --- Operations, in slot order ------------------------------------------------------------------------------------
+
+   void vexaDoZombieReactors( bool zombie ) override;
+   void setNatProfile( U16 vlanId, U16 profileId ) override;
+   void clearNatProfile( U16 vlanId ) override;
+   // Throws Vexa::RangeException for a VLAN id above 4094, before anything is written, and when a rule that shares an
+   // entry has no VLAN: then the dependency is recorded and the entry not written.
+   void addStaticConnection( NatProgrammerStaticKey const & key,
+                             NatProgrammerStaticEntry::PtrConst const & entry ) override;
+   // Removes nothing: what the rule fed before and does not feed any more stays.
+   void updateStaticConnection( NatProgrammerStaticKey const & key,
+                                NatProgrammerStaticEntry::PtrConst const & entry ) override;
+   // `entry` is the one last added. Throws as the add does.
+   void deleteStaticConnection( NatProgrammerStaticKey const & key,
+                                NatProgrammerStaticEntry::PtrConst const & entry ) override;
+   void addTwiceConnection( NatProgrammerTwiceKey const & key,
+                            NatProgrammerTwiceEntry::PtrConst const & entry ) override;
+   void updateTwiceConnection( NatProgrammerTwiceKey const & key,
+                               NatProgrammerTwiceEntry::PtrConst const & entry ) override;
+   void deleteTwiceConnection( NatProgrammerTwiceKey const & key,
+                               NatProgrammerTwiceEntry::PtrConst const & entry ) override;
+   void addDynamicConnection( NatProgrammerDynamicKey const & key,
+                              NatProgrammerDynamicEntry::PtrConst const & entry ) override;
+   void updateDynamicConnection( NatProgrammerDynamicKey const & key,
+                                 NatProgrammerDynamicEntry::PtrConst const & entry ) override;
+   void deleteDynamicConnection( NatProgrammerDynamicKey const & key,
+                                 NatProgrammerDynamicEntry::PtrConst const & entry ) override;
+   void addTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) override;
+   void deleteTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) override;
+   void handleStaticSwTableStatus( NatSwTableStaticKey const & key,
+                                   Vexa::Optional< NatSwTableStatusEntry > const & status ) override;
+
+   static Vexa::TypeData const & classType();
+   Vexa::TypeData const & typeData() const override { return classType(); }
+
+ private:
+   // Writes what `swTableKey` stands for now: made from `entry`, with the VLANs of all that it depends on.
+   void writeSwTableEntry( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticEntry::PtrConst const & entry );
+
+   NatProgrammerStaticMap::Ptr staticConfigMap_;
+   NatProgrammerStaticMap::Ptr staticStatusMap_;
+};
+
+// Creates a programmer, lets it take what status and configuration hold, and switches its notifications on.
+NatProgrammerIntfModeSm::Ptr NatProgrammerIntfModeSmIs( NatProgrammerConfig::PtrConst const & natProgrammerConfig,
+                                                        NatProgrammerStatus::Ptr const & natProgrammerStatus,
+                                                        NatSwTableConfig::Ptr const & natSwTableConfig,
+                                                        NatSwTableStatus::PtrConst const & natSwTableStatus );
+NatProgrammerIntfModeSm::Ptr natProgrammerIntfModeSmFactory( NatProgrammerConfig::PtrConst const & natProgrammerConfig,
+                                                             NatProgrammerStatus::Ptr const & natProgrammerStatus,
+                                                             NatSwTableConfig::Ptr const & natSwTableConfig,
+                                                             NatSwTableStatus::PtrConst const & natSwTableStatus );
+
+}  // namespace Pfe
