@@ -73,7 +73,8 @@ void NatProgrammerStaticMap::delDependency( NatSwTableStaticKey const & swTableK
    TRACE( traceHandle(), 6, "NatProgrammerStaticMap::", "delDependency", ", swTableKey: ", swTableKey,
           ", progKey: ", progKey );
    VEXA_ASSERT( progKeyToSwTableKeysMapHas( progKey ) && progKeyToSwTableKeysMap( progKey )->entryHas( swTableKey ) );
-   VEXA_ASSERT( swTableKeyToProgKeysMapHas( swTableKey ) && swTableKeyToProgKeysMap( swTableKey )->entryHas( progKey ) );
+   VEXA_ASSERT( swTableKeyToProgKeysMapHas( swTableKey ) &&
+                swTableKeyToProgKeysMap( swTableKey )->entryHas( progKey ) );
    auto const swTableKeys = progKeyToSwTableKeysMap( progKey );
    auto const progKeys = swTableKeyToProgKeysMap( swTableKey );
    swTableKeys->entryDel( swTableKey );
@@ -176,8 +177,8 @@ namespace {
 // The ring names the table programmer, on purpose: both programmers leave the same message for the same request.
 void traceStaticRequest( char const * operation, NatProgrammerStaticKey const & key ) {
    TRACE( traceHandle(), 6, operation, ", natIntf: ", key.natIntf, ", key: ", key.key.stringValue() );
-   Trace::RingTrace::defaultHandle().message(
-      "NatSwTableProgrammerSm::", operation, ", natIntf: ", Netix::ShortName{ key.natIntf }, ", key: ", key.key );
+   Trace::RingTrace::defaultHandle().message( "NatSwTableProgrammerSm::", operation,
+                                              ", natIntf: ", Netix::ShortName{ key.natIntf }, ", key: ", key.key );
 }
 
 using SwTableKeys = Vexa::InlineList< NatSwTableStaticKey, 2 >;
@@ -257,9 +258,7 @@ void NatProgrammerIntfModeSm::deleteStaticConnection( NatProgrammerStaticKey con
 
 // --- What interface mode does not program ----------------------------------------------------------------------------
 
-void NatProgrammerIntfModeSm::setNatProfile( U16, U16 ) {
-   VEXA_ASSERT( false && "profile config mode not supported" );
-}
+void NatProgrammerIntfModeSm::setNatProfile( U16, U16 ) { VEXA_ASSERT( false && "profile config mode not supported" ); }
 
 void NatProgrammerIntfModeSm::clearNatProfile( U16 ) { VEXA_ASSERT( false && "profile config mode not supported" ); }
 

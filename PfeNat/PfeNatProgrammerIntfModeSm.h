@@ -1,5 +1,5 @@
-// The programmer of interface mode: turns static NAT rules into entries of the software-table configuration, each shared
-// by all interfaces that have the rule.
+// The programmer of interface mode: turns static NAT rules into entries of the software-table configuration, each
+// shared by all interfaces that have the rule.
 #pragma once
 
 #include "PfeNat/PfeNatProgrammerConfigSm.h"
@@ -140,8 +140,8 @@ NatProgrammerStaticMap::Ptr natProgrammerStaticMapFactory();
 std::vector< Bridging::VlanId > getVlanIdsForSwTableEntry( NatProgrammerStaticMap::PtrConst const & configMap,
                                                            NatSwTableStaticKey const & swTableKey );
 
-// Static rules only: twice and dynamic rules and traps are traced and ignored, profiles stop the agent. The interface is
-// no part of a software-table key, so that a rule that several interfaces have is one entry, with the VLANs of all.
+// Static rules only: twice and dynamic rules and traps are traced and ignored, profiles stop the agent. The interface
+// is no part of a software-table key, so that a rule that several interfaces have is one entry, with the VLANs of all.
 //
 // Writes no status. Entries stay in the software-table configuration when the programmer goes. Every operation runs on
 // the agent's one activity thread.

@@ -1,5 +1,5 @@
-// The software-table configuration: static NAT rules as interface mode hands them on, each shared by all interfaces that
-// have it.
+// The software-table configuration: static NAT rules as interface mode hands them on, each shared by all interfaces
+// that have it.
 #pragma once
 
 #include <Bridging/VlanId.h>
@@ -29,13 +29,14 @@ struct NatSwTableStaticKey {
 
    static constexpr std::string_view typeName = "Pfe::NatSwTableStaticKey";
    static constexpr auto attributes() {
-      return std::tuple(
-         Vexa::attr< &NatSwTableStaticKey::aclName >( "aclName" ), Vexa::attr< &NatSwTableStaticKey::vrfId >( "vrfId" ),
-         Vexa::attr< &NatSwTableStaticKey::ipAndPortOld >( "ipAndPortOld" ),
-         Vexa::attr< &NatSwTableStaticKey::ipAndPortNew >( "ipAndPortNew" ),
-         Vexa::attr< &NatSwTableStaticKey::vlanId >( "vlanId" ),
-         Vexa::attr< &NatSwTableStaticKey::reverse >( "reverse" ),
-         Vexa::attr< &NatSwTableStaticKey::protocol >( "protocol" ), Vexa::attr< &NatSwTableStaticKey::mcast >( "mcast" ) );
+      return std::tuple( Vexa::attr< &NatSwTableStaticKey::aclName >( "aclName" ),
+                         Vexa::attr< &NatSwTableStaticKey::vrfId >( "vrfId" ),
+                         Vexa::attr< &NatSwTableStaticKey::ipAndPortOld >( "ipAndPortOld" ),
+                         Vexa::attr< &NatSwTableStaticKey::ipAndPortNew >( "ipAndPortNew" ),
+                         Vexa::attr< &NatSwTableStaticKey::vlanId >( "vlanId" ),
+                         Vexa::attr< &NatSwTableStaticKey::reverse >( "reverse" ),
+                         Vexa::attr< &NatSwTableStaticKey::protocol >( "protocol" ),
+                         Vexa::attr< &NatSwTableStaticKey::mcast >( "mcast" ) );
    }
    friend auto operator<=>( NatSwTableStaticKey const &, NatSwTableStaticKey const & ) = default;
 };

@@ -15,9 +15,7 @@ struct NatSwTableStatusEntry {
    PfeHelper::NatHwResult result = PfeHelper::NatHwResult::pending;
 
    static constexpr std::string_view typeName = "Pfe::NatSwTableStatusEntry";
-   static constexpr auto attributes() {
-      return std::tuple( Vexa::attr< &NatSwTableStatusEntry::result >( "result" ) );
-   }
+   static constexpr auto attributes() { return std::tuple( Vexa::attr< &NatSwTableStatusEntry::result >( "result" ) ); }
    friend auto operator<=>( NatSwTableStatusEntry const &, NatSwTableStatusEntry const & ) = default;
 };
 static_assert( Vexa::describesEveryMember< NatSwTableStatusEntry > );

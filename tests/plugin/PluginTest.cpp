@@ -5,6 +5,7 @@
 #include <Pfe/EgrNatTables.h>
 #include <Pfe/IngStaticNatTable.h>
 #include <Pfe/NatBaseProgrammerSm.h>
+#include <Pfe/NatSwTableStatus.h>
 #include <Vexa/MemoryManager.h>
 #include <Vexa/Type.h>
 
@@ -68,6 +69,44 @@ TEST( Plugin, IsDrivenFromLoadingToAProgrammedRuleByNamesAlone ) {
    EXPECT_EQ( status->staticStatus().find( key )->result, PfeHelper::NatHwResult::programmed );
    EXPECT_EQ( ingress->rowCount(), 2U );
    ingress->clear();
+}
+
+TEST( Plugin, OffersInterfaceModeByNames ) {
+   ASSERT_NE( dlopen( PFENAT_LIBRARY, RTLD_NOW | RTLD_LOCAL ), nullptr ) << dlerror();
+   for ( auto const * module : { "PfeNatProgrammerIntfModeSm", "PfeNatProgrammerConfigSm", "PfeNatSwTableSm" } ) {
+      EXPECT_NE( Vexa::moduleOf( module ), nullptr ) << module;
+   }
+   auto const * const programmerType = Vexa::typeOf( "Pfe::NatProgrammerIntfModeSm" );
+   auto const * const consumerType = Vexa::typeOf( "Pfe::NatSwTableSm" );
+   auto const * const mapType = Vexa::typeOf( "Pfe::NatProgrammerStaticMap" );
+   ASSERT_TRUE( programmerType && consumerType && mapType && Vexa::typeOf( "Pfe::NatProgrammerConfigSm" ) );
+   EXPECT_TRUE( mapType->construct( {} ) );
+
+   auto const config = Orla::make< NatProgrammerConfig >();
+   auto const swTableConfig = Orla::make< NatSwTableConfig >();
+   auto const swTableStatus = Orla::make< NatSwTableStatus >();
+   NatProgrammerStaticKey const key{
+      .natIntf = *Netix::IntfId::fromName( "ethernet1" ),
+      .key = { .aclName = {}, .ip = *Netix::IpAddr::fromText( "10.0.0.1" ), .port = 80 } };
+   config->staticEntryIs(
+      key, Orla::make< NatProgrammerStaticEntry const >( NatProgrammerStaticEntry::Fields{
+              .vlanId = 10, .connection = { .translated = { *Netix::IpAddr::fromText( "192.0.2.1" ), 8080 } } } ) );
+   std::vector< std::any > const arguments{ NatProgrammerConfig::PtrConst( config ),
+                                            Orla::make< NatProgrammerStatus >(), swTableConfig,
+                                            NatSwTableStatus::PtrConst( swTableStatus ) };
+   auto const programmer = programmerType->construct( arguments );
+   ASSERT_TRUE( programmer );
+   std::vector< std::any > const consumerArguments{ NatSwTableConfig::PtrConst( swTableConfig ), swTableStatus };
+   EXPECT_TRUE( consumerType->construct( consumerArguments ) );
+   EXPECT_EQ( swTableConfig->staticEntry().count(), 2U );
+
+   std::any result;
+   EXPECT_EQ( Vexa::attributeRead( *programmer, "natSwTableConfig", result ), Vexa::AttrResult::done );
+   EXPECT_EQ( std::any_cast< NatSwTableConfig::Ptr >( result ), swTableConfig );
+   EXPECT_EQ( Vexa::attributeRead( *programmer, "rangeErrorCount", result ), Vexa::AttrResult::done );
+   EXPECT_EQ( std::any_cast< std::size_t >( result ), 0U );
+   config->staticEntryDel( key );
+   EXPECT_EQ( swTableConfig->staticEntry().count(), 0U );
 }
 
 }  // namespace

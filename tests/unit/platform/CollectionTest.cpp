@@ -260,12 +260,16 @@ TEST( InlineList, StopsWhenOneMoreIsPushedThanItHolds ) {
 struct Machine final : Orla::Entity {
    void handleNumber( U32 const & key, U32 const * previous, U32 const * current ) {
       lines.push_back( change( key, previous, current ) );
+      if ( auto const action = std::exchange( then, {} ) ) {
+         action();
+      }
    }
    Vexa::TypeData const & typeData() const override {
       static constexpr Vexa::TypeData type{ .name = "Machine" };
       return type;
    }
    Lines lines;
+   std::function< void() > then;  // inside the next handler
    Vexa::Reactor< Machine, Map, &Machine::handleNumber > reactor{ *this };
 };
 
@@ -301,6 +305,98 @@ TEST( Reactor, GoesOffTheCollectionWithItsMachine ) {
    }
    map.is( 1, 1 );
    EXPECT_EQ( map.count(), 1U );
+}
+
+// --- Replacement walks -----------------------------------------------------------------------------------------------
+
+RC_GTEST_PROP( Reactor, AReplacementTellsEachKeyOfEitherCollectionOnce,
+               ( std::map< U8, U8 > const & olds, std::map< U8, U8 > const & news, bool hasOld, bool hasNew ) ) {
+   Map old, next;
+   Lines expected;
+   for ( auto const & [ key, value ] : olds ) {
+      old.is( key, value );
+   }
+   for ( auto const & [ key, value ] : news ) {
+      next.is( key, value );
+   }
+   auto const valueIn = [ & ]( Map const & map, bool isWatched, U32 key ) {
+      return isWatched ? map.find( key ) : nullptr;
+   };
+   if ( hasOld ) {
+      old.forEach(
+         [ & ]( U32 key, U32 value ) { expected.push_back( change( key, &value, valueIn( next, hasNew, key ) ) ); } );
+   }
+   if ( hasNew ) {
+      next.forEach( [ & ]( U32 key, U32 value ) {
+         if ( !valueIn( old, hasOld, key ) ) {
+            expected.push_back( change( key, nullptr, &value ) );
+         }
+      } );
+   }
+   auto const machine = Orla::make< Machine >();
+   machine->reactor.watchedIs( hasOld ? &old : nullptr );
+   machine->reactor.replacedBy( hasNew ? &next : nullptr );
+   RC_ASSERT( machine->lines == expected );
+   RC_ASSERT( machine->referenceCount() == 1U );
+
+   machine->lines.clear();
+   machine->reactor.handOverAll();
+   RC_ASSERT( machine->lines.size() == ( hasNew ? news.size() : 0 ) );
+}
+
+// What handlers do to the collections in the middle of a walk is seen by its later steps.
+TEST( Reactor, AWalkGoesOnOverWhatItsHandlersChange ) {
+   Map old, next, newest;
+   old.is( 1, 10 );
+   for ( U32 key = 2; key < 5; ++key ) {
+      next.is( key, key );
+   }
+   auto const machine = Orla::make< Machine >();
+   machine->reactor.watchedIs( &old );
+   machine->then = [ & ] {
+      old.del( 1 );
+      for ( U32 key = 100; key < 200; ++key ) {
+         next.is( key, key );  // moves the entries
+      }
+      next.del( 2 );
+      next.is( 3, 33 );
+   };
+   machine->reactor.replacedBy( &next );
+   EXPECT_THAT( machine->lines, UnorderedElementsAre( "1: 10 -> none", "3: none -> 33", "4: none -> 4" ) );
+
+   // Replaced again by a handler: nothing is told of what is not watched any more.
+   old.delAll();
+   old.is( 1, 1 );
+   old.is( 2, 2 );
+   next.delAll();
+   next.is( 5, 5 );
+   newest.is( 6, 6 );
+   machine->reactor.watchedIs( &old );
+   machine->lines.clear();
+   machine->then = [ & ] { machine->reactor.replacedBy( &newest ); };
+   machine->reactor.replacedBy( &next );
+   EXPECT_THAT( machine->lines,
+                UnorderedElementsAre( "1: 1 -> none", "2: 2 -> none", "5: 5 -> none", "6: none -> 6" ) );
+}
+
+TEST( Reactor, AMachineMayGoWhileItIsTold ) {
+   Map map;
+   map.is( 1, 1 );
+   map.is( 2, 2 );
+   for ( bool const inWalk : { true, false } ) {
+      auto machine = Orla::make< Machine >();
+      machine->hasNotificationActiveIs( true );
+      machine->reactor.watchedIs( &map );
+      Lines lines;
+      machine->then = [ & ] { std::exchange( machine, nullptr )->lines.swap( lines ); };
+      if ( inWalk ) {
+         machine->reactor.handOverAll();
+      } else {
+         map.is( 3, 3 );
+      }
+      EXPECT_FALSE( machine );
+      EXPECT_EQ( lines.size(), 1U );
+   }
 }
 
 // --- Bitmap ----------------------------------------------------------------------------------------------------------

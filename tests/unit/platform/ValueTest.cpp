@@ -8,6 +8,7 @@
 #include <Pfe/NatMatchKey.h>
 #include <Pfe/NatProgrammerKeys.h>
 #include <Pfe/NatSideTables.h>
+#include <Pfe/NatSwTableStatus.h>
 #include <tests/support/RandomValue.h>
 
 #include <gtest/gtest.h>
@@ -34,7 +35,8 @@ using ValueTypes = testing::Types<
    Pfe::IngStaticNatTableKey, Pfe::IngTwiceNatTableKey, Pfe::IngDynamicSnaptTable::Key, Pfe::IngDynamicDnaptTable::Key,
    Pfe::IngDynamicSnatAddrOnlyTable::Key, Pfe::IngDynamicDnatAddrOnlyTable::Key, Pfe::NatProgrammerStaticKey,
    Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerDynamicKey, Pfe::NatProgrammerTrapKey, Pfe::NatTrapKey,
-   Pfe::NatTrapRule, Pfe::StaticNatMatchKey, Pfe::TwiceNatMatchKey, Pfe::DynamicNatMatchKey, Pfe::NatMatchKey >;
+   Pfe::NatTrapRule, Pfe::NatSwTableStaticKey, Pfe::NatSwTableStatusEntry, Pfe::StaticNatMatchKey,
+   Pfe::TwiceNatMatchKey, Pfe::DynamicNatMatchKey, Pfe::NatMatchKey >;
 TYPED_TEST_SUITE( EveryValue, ValueTypes );
 
 TYPED_TEST( EveryValue, ReadsBackFromItsTextAndLeavesWhatFollows ) {
