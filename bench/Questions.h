@@ -13,6 +13,7 @@ void registerUpdates();
 void registerRestart();
 void registerNatIds();
 void registerKeys();
+void registerInterfaceMode();
 // With that configuration file.
 void registerAgent( std::string const & file );
 

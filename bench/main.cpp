@@ -28,6 +28,7 @@ int main( int argc, char ** argv ) {
    Bench::registerRestart();
    Bench::registerNatIds();
    Bench::registerKeys();
+   Bench::registerInterfaceMode();
 
    benchmark::Initialize( &argc, argv );
    constexpr std::string_view configuration = "--configuration=";

@@ -59,7 +59,8 @@ Orla::Ptr< Orla::Entity > constructFrom( AttrArguments arguments, std::index_seq
    if ( arguments.size() != sizeof...( Arguments ) ) {
       return nullptr;
    }
-   auto const pointers = std::tuple( std::any_cast< std::remove_cvref_t< Arguments > >( &arguments[ index ] )... );
+   [[maybe_unused]] auto const pointers =
+      std::tuple( std::any_cast< std::remove_cvref_t< Arguments > >( &arguments[ index ] )... );
    if ( !( ... && std::get< index >( pointers ) ) ) {
       return nullptr;
    }

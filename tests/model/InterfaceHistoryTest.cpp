@@ -33,16 +33,11 @@ std::set< NatSwTableStaticKey > keysFedBy( StaticKey const & key, StaticEntry co
    auto const inside = isSource ? keyPair : connection.translated;
    auto const outside = isSource ? connection.translated : keyPair;
    bool const mcast = inside.ip.isMulticast() || outside.ip.isMulticast();
-   NatSwTableStaticKey const out{ key.key.aclName, entry->vrfId(), inside, outside, {}, false, connection.protocol,
-                                  mcast };
-   NatSwTableStaticKey const back{ key.key.aclName,
-                                   entry->vrfId(),
-                                   outside,
-                                   inside,
-                                   Bridging::VlanIdOrNone( entry->vlanId() ),
-                                   true,
-                                   connection.protocol,
-                                   mcast };
+   NatSwTableStaticKey const out{ key.key.aclName, entry->vrfId(),      inside, outside, {},
+                                  false,           connection.protocol, mcast };
+   NatSwTableStaticKey const back{
+      key.key.aclName,     entry->vrfId(), outside, inside, Bridging::VlanIdOrNone( entry->vlanId() ), true,
+      connection.protocol, mcast };
    return !mcast ? std::set{ out, back } : std::set{ isSource ? out : back };
 }
 
@@ -129,7 +124,8 @@ class World final : EntryWatcher {
 
    void removeAll() {
       while ( !model_.rules.empty() ) {
-         remove( model_.rules.begin()->first );
+         auto const key = model_.rules.begin()->first;
+         remove( key );
       }
    }
 

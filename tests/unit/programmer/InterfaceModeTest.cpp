@@ -37,8 +37,9 @@ auto const onEth1 = staticKey( "10.0.0.1:80", "ethernet1" );
 auto const onEth2 = staticKey( "10.0.0.1:80", "ethernet2" );
 
 NatSwTableStaticKey forwardKey() {
-   return {
-      .ipAndPortOld = Support::pair( "10.0.0.1:80" ), .ipAndPortNew = Support::pair( "192.0.2.1:8080" ), .protocol = 6 };
+   return { .ipAndPortOld = Support::pair( "10.0.0.1:80" ),
+            .ipAndPortNew = Support::pair( "192.0.2.1:8080" ),
+            .protocol = 6 };
 }
 
 NatSwTableStaticKey reverseKey( U16 vlanId ) {
@@ -305,10 +306,10 @@ TEST_F( InterfaceMode, StaticRequestsAreTracedInBothChannelsUnderTheirOddNames )
       return StartsWith( std::string( "6 NatProgrammerStaticMap::" ) + operation );
    };
    auto const add = dependency( "addDependency, " ), del = dependency( "delDependency, " );
-   EXPECT_THAT( trace.take(), ElementsAre( "6 addStaticConnection" + text, add, add,
-                                           "6 NatProgrammerIntfModeSm::updateStaticConnection",
-                                           "6 addStaticConnection" + text, add, add, "6 deleteStaticConnection" + text,
-                                           del, del ) );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "6 addStaticConnection" + text, add, add,
+                             "6 NatProgrammerIntfModeSm::updateStaticConnection", "6 addStaticConnection" + text, add,
+                             add, "6 deleteStaticConnection" + text, del, del ) );
 }
 
 TEST_F( InterfaceMode, OtherRulesAreTracedAndIgnored ) {
@@ -329,9 +330,9 @@ TEST_F( InterfaceMode, OtherRulesAreTracedAndIgnored ) {
    } );
    EXPECT_THAT( ring, IsEmpty() );
    Lines expected;
-   for ( auto const * operation :
-         { "addTwiceConnection", "updateTwiceConnection", "deleteTwiceConnection", "addDynamicConnection",
-           "updateDynamicConnection", "deleteDynamicConnection", "addTrap", "deleteTrap", "handleStaticSwTableStatus" } ) {
+   for ( auto const * operation : { "addTwiceConnection", "updateTwiceConnection", "deleteTwiceConnection",
+                                    "addDynamicConnection", "updateDynamicConnection", "deleteDynamicConnection",
+                                    "addTrap", "deleteTrap", "handleStaticSwTableStatus" } ) {
       expected.push_back( std::string( "6 NatProgrammerIntfModeSm::" ) + operation );
    }
    EXPECT_EQ( trace.take(), expected );

@@ -218,7 +218,8 @@ std::string attributesOf( Vexa::TypeData const & type ) {
 }
 
 TEST( InterfaceModeTypes, AttributesStandInTheirOrder ) {
-   Vexa::TypeData const * const types[] = { &NatSwTableSm::classType(), &Pfe::NatProgrammerConfigSm::classType(),
+   Vexa::TypeData const * const types[] = { &NatSwTableSm::classType(),
+                                            &Pfe::NatProgrammerConfigSm::classType(),
                                             &Pfe::NatProgrammerIntfModeSm::classType(),
                                             &Pfe::NatProgrammerStaticMap::classType(),
                                             &Pfe::NatProgrammerStaticMap::SwTableKeySet::classType(),
