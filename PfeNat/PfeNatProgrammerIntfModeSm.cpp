@@ -11,6 +11,7 @@
 #include <Vexa/Type.h>
 
 #include <array>
+#include <utility>
 
 namespace [[gnu::visibility( "default" )]] Pfe {
 
@@ -170,6 +171,14 @@ NatProgrammerStaticMap::Ptr NatProgrammerIntfModeSm::staticStatusMapIs() {
    return staticStatusMap_;
 }
 
+NatProgrammerStaticMap::Ptr NatProgrammerIntfModeSm::staticConfigMapDel() {
+   return std::exchange( staticConfigMap_, nullptr );
+}
+
+NatProgrammerStaticMap::Ptr NatProgrammerIntfModeSm::staticStatusMapDel() {
+   return std::exchange( staticStatusMap_, nullptr );
+}
+
 // --- Static connections ----------------------------------------------------------------------------------------------
 
 namespace {
@@ -312,7 +321,7 @@ Vexa::TypeData const & NatProgrammerStaticMap::SwTableKeySet::classType() {
    static constexpr Vexa::Attribute< Orla::Entity > attributes[] = {
       Vexa::readOnlyAttribute< Orla::Entity, &Set::progKey >( "progKey" ),
       Vexa::attribute< Orla::Entity, &Set::progEntry, &Set::progEntryIs >( "progEntry" ),
-      Vexa::collectionAttribute< Orla::Entity, &Set::entryHas >( "entry" ) };
+      Vexa::collectionAttribute< Orla::Entity, &Set::entryHas, &Set::entryIs, &Set::entryDel >( "entry" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatProgrammerStaticMap::SwTableKeySet",
                                          .attributes = attributes };
    return type;
@@ -322,7 +331,7 @@ Vexa::TypeData const & NatProgrammerStaticMap::ProgrammerKeySet::classType() {
    using Set = ProgrammerKeySet;
    static constexpr Vexa::Attribute< Orla::Entity > attributes[] = {
       Vexa::readOnlyAttribute< Orla::Entity, &Set::swTableKey >( "swTableKey" ),
-      Vexa::collectionAttribute< Orla::Entity, &Set::entryHas >( "entry" ) };
+      Vexa::collectionAttribute< Orla::Entity, &Set::entryHas, &Set::entryIs, &Set::entryDel >( "entry" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatProgrammerStaticMap::ProgrammerKeySet",
                                          .attributes = attributes };
    return type;
@@ -333,9 +342,11 @@ Vexa::TypeData const & NatProgrammerStaticMap::classType() {
    using SwTableKeysOf = SwTableKeySet::Ptr ( Map::* )( NatProgrammerStaticKey const & ) const;
    using ProgKeysOf = ProgrammerKeySet::Ptr ( Map::* )( NatSwTableStaticKey const & ) const;
    static constexpr Vexa::Attribute< Orla::Entity > attributes[] = {
-      Vexa::collectionAttribute< Orla::Entity, static_cast< SwTableKeysOf >( &Map::progKeyToSwTableKeysMap ) >(
+      Vexa::collectionAttribute< Orla::Entity, static_cast< SwTableKeysOf >( &Map::progKeyToSwTableKeysMap ),
+                                 &Map::progKeyToSwTableKeysMapIs, &Map::progKeyToSwTableKeysMapDel >(
          "progKeyToSwTableKeysMap" ),
-      Vexa::collectionAttribute< Orla::Entity, static_cast< ProgKeysOf >( &Map::swTableKeyToProgKeysMap ) >(
+      Vexa::collectionAttribute< Orla::Entity, static_cast< ProgKeysOf >( &Map::swTableKeyToProgKeysMap ),
+                                 &Map::swTableKeyToProgKeysMapIs, &Map::swTableKeyToProgKeysMapDel >(
          "swTableKeyToProgKeysMap" ),
       Vexa::methodAttribute< Orla::Entity, &Map::addDependency >( "addDependency" ),
       Vexa::methodAttribute< Orla::Entity, &Map::delDependency >( "delDependency" ),
@@ -350,8 +361,10 @@ Vexa::TypeData const & NatProgrammerIntfModeSm::classType() {
    using Entity = Orla::Entity;
    using Sm = NatProgrammerIntfModeSm;
    static constexpr Vexa::Attribute< Entity > attributes[] = {
-      Vexa::instantiatingAttribute< Entity, &Sm::staticConfigMap, &Sm::staticConfigMapIs >( "staticConfigMap" ),
-      Vexa::instantiatingAttribute< Entity, &Sm::staticStatusMap, &Sm::staticStatusMapIs >( "staticStatusMap" ) };
+      Vexa::instantiatingAttribute< Entity, &Sm::staticConfigMap, &Sm::staticConfigMapIs, &Sm::staticConfigMapDel >(
+         "staticConfigMap" ),
+      Vexa::instantiatingAttribute< Entity, &Sm::staticStatusMap, &Sm::staticStatusMapIs, &Sm::staticStatusMapDel >(
+         "staticStatusMap" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatProgrammerIntfModeSm",
                                          .base = &NatProgrammerConfigSm::classType,
                                          .attributes = attributes,

@@ -156,11 +156,13 @@ class NatProgrammerIntfModeSm : public NatProgrammerConfigSm {
    ~NatProgrammerIntfModeSm() override;
 
    // The dependencies behind what is written, and an equal map that is meant for statuses and stays empty. `...Is`
-   // yields the map that is there, or a new one.
+   // yields the map that is there, or a new one; `...Del` takes it away and returns it.
    NatProgrammerStaticMap::Ptr const & staticConfigMap() const { return staticConfigMap_; }
    NatProgrammerStaticMap::Ptr staticConfigMapIs();
+   NatProgrammerStaticMap::Ptr staticConfigMapDel();
    NatProgrammerStaticMap::Ptr const & staticStatusMap() const { return staticStatusMap_; }
    NatProgrammerStaticMap::Ptr staticStatusMapIs();
+   NatProgrammerStaticMap::Ptr staticStatusMapDel();
 
    // --- Operations, in slot order ------------------------------------------------------------------------------------
 

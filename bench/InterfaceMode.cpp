@@ -66,9 +66,8 @@ class IntfModeSystem {
  private:
    Pfe::NatProgrammerConfig::Ptr config_ = Orla::make< Pfe::NatProgrammerConfig >();
    Pfe::NatSwTableConfig::Ptr swTableConfig_ = Orla::make< Pfe::NatSwTableConfig >();
-   Pfe::NatProgrammerIntfModeSm::Ptr programmer_ =
-      Pfe::NatProgrammerIntfModeSmIs( config_, Orla::make< Pfe::NatProgrammerStatus >(), swTableConfig_,
-                                      Orla::make< Pfe::NatSwTableStatus >() );
+   Pfe::NatProgrammerIntfModeSm::Ptr programmer_ = Pfe::NatProgrammerIntfModeSmIs(
+      config_, Orla::make< Pfe::NatProgrammerStatus >(), swTableConfig_, Orla::make< Pfe::NatSwTableStatus >() );
 };
 
 std::array< Pfe::NatSwTableStaticKey, 2 > swTableKeysOf( StaticRule const & rule ) {
@@ -176,8 +175,7 @@ Figures interfaceFigures( Workload const & workload, Operation operation ) {
       deleted = heap.used();
    }
    auto figures = pairedRounds(
-      workload.writtenVlans(),
-      [ & ] { return timeOf( operation, roundOf< IntfModeSystem >( workload, rules ) ); },
+      workload.writtenVlans(), [ & ] { return timeOf( operation, roundOf< IntfModeSystem >( workload, rules ) ); },
       [ & ] { return timeOf( operation, roundOf< FloorEntries >( workload, rules ) ); } );
    auto const count = static_cast< double >( workload.count() );
    for ( auto const * const figure : { "ns", "floor_ns" } ) {

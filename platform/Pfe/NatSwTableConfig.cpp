@@ -6,29 +6,31 @@
 namespace [[gnu::visibility( "default" )]] Pfe {
 
 Vexa::TypeData const & NatSwTableStaticEntry::typeData() const {
+   using Entity = Orla::Entity;
    using Entry = NatSwTableStaticEntry;
-   static constexpr Vexa::Attribute< Orla::Entity > attributes[] = {
-      Vexa::attribute< Orla::Entity, &Entry::programmerEntry, &Entry::programmerEntryIs >( "programmerEntry" ),
-      Vexa::attribute< Orla::Entity, &Entry::fragment, &Entry::fragmentIs >( "fragment" ),
-      Vexa::collectionAttribute< Orla::Entity, &Entry::vlanIdHas >( "vlanId" ) };
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::attribute< Entity, &Entry::programmerEntry, &Entry::programmerEntryIs >( "programmerEntry" ),
+      Vexa::attribute< Entity, &Entry::fragment, &Entry::fragmentIs >( "fragment" ),
+      Vexa::collectionAttribute< Entity, &Entry::vlanIdHas, &Entry::vlanIdIs, &Entry::vlanIdDel >( "vlanId" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatSwTableStaticEntry", .attributes = attributes };
    return type;
 }
 
 Vexa::TypeData const & NatSwTableConfig::typeData() const {
-   using EntryOf = NatSwTableStaticEntry::PtrConst ( NatSwTableConfig::* )( NatSwTableStaticKey const & ) const;
-   static constexpr Vexa::Attribute< Orla::Entity > attributes[] = {
-      Vexa::collectionAttribute< Orla::Entity, static_cast< EntryOf >( &NatSwTableConfig::staticEntry ) >(
-         "staticEntry" ) };
+   using Entity = Orla::Entity;
+   using Entries = StaticEntries const & (NatSwTableConfig::*)() const;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::mapAttribute< Entity, static_cast< Entries >( &NatSwTableConfig::staticEntry ),
+                          &NatSwTableConfig::staticEntryIs, &NatSwTableConfig::staticEntryDel >( "staticEntry" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatSwTableConfig", .attributes = attributes };
    return type;
 }
 
 Vexa::TypeData const & NatSwTableStatus::typeData() const {
-   using EntryOf = Vexa::Optional< NatSwTableStatusEntry > ( NatSwTableStatus::* )( NatSwTableStaticKey const & ) const;
-   static constexpr Vexa::Attribute< Orla::Entity > attributes[] = {
-      Vexa::collectionAttribute< Orla::Entity, static_cast< EntryOf >( &NatSwTableStatus::staticEntry ) >(
-         "staticEntry" ) };
+   using Entity = Orla::Entity;
+   static constexpr Vexa::Attribute< Entity > attributes[] = {
+      Vexa::mapAttribute< Entity, &NatSwTableStatus::staticEntry, &NatSwTableStatus::staticEntryIs,
+                          &NatSwTableStatus::staticEntryDel >( "staticEntry" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatSwTableStatus", .attributes = attributes };
    return type;
 }

@@ -60,6 +60,7 @@ class NatSwTableStaticEntry final : public Orla::Entity {
    // The VLANs of all interfaces that share the entry.
    VlanIds const & vlanId() const { return vlanId_; }
    void vlanIdIs( Bridging::VlanId vlanId ) { vlanId_.is( vlanId ); }
+   void vlanIdDel( Bridging::VlanId vlanId ) { vlanId_.del( vlanId ); }
    bool vlanIdHas( Bridging::VlanId vlanId ) const { return vlanId_.has( vlanId ); }
 
    Vexa::TypeData const & typeData() const override;

@@ -6,7 +6,6 @@
 #include <Pfe/NatSwTableConfig.h>
 #include <PfeHelper/NatHwResult.h>
 #include <Vexa/HashMap.h>
-#include <Vexa/Optional.h>
 #include <Vexa/Value.h>
 
 namespace [[gnu::visibility( "default" )]] Pfe {
@@ -26,11 +25,8 @@ class NatSwTableStatus final : public Orla::Entity {
    using PtrConst = Orla::Ptr< NatSwTableStatus const >;
    using StaticEntries = Vexa::HashMap< NatSwTableStaticKey, NatSwTableStatusEntry, 0x9C30D539 >;
 
+   // The entry under a key: staticEntry().find( key ), null when there is none.
    StaticEntries const & staticEntry() const { return staticEntry_; }
-   Vexa::Optional< NatSwTableStatusEntry > staticEntry( NatSwTableStaticKey const & key ) const {
-      auto const * const entry = staticEntry_.find( key );
-      return entry ? Vexa::Optional< NatSwTableStatusEntry >( *entry ) : std::nullopt;
-   }
    // Inserts or replaces.
    void staticEntryIs( NatSwTableStaticKey const & key, NatSwTableStatusEntry const & entry ) {
       staticEntry_.is( key, entry );

@@ -212,7 +212,8 @@ std::string attributesOf( Vexa::TypeData const & type ) {
    std::string text( type.name );
    for ( auto const & attribute : type.attributes ) {
       text += '\n' + std::string( attribute.name ) + ( attribute.read ? " read" : "" ) +
-              ( attribute.write ? " write" : "" ) + ( attribute.call ? " call" : "" );
+              ( attribute.write ? " write" : "" ) + ( attribute.call ? " call" : "" ) +
+              ( attribute.insert && attribute.del ? " fill" : "" );
    }
    return text;
 }
@@ -229,11 +230,11 @@ TEST( InterfaceModeTypes, AttributesStandInTheirOrder ) {
       "delStaticSwTableEntry call\nhandleStaticSwTableEntry call\nhandleInitialized call\ninitialized read write",
       "Pfe::NatProgrammerConfigSm\nnatProgrammerConfig read\nnatProgrammerStatus read\nnatSwTableConfig read\n"
       "natSwTableStatus read write\nhandleStaticSwTableStatus call",
-      "Pfe::NatProgrammerIntfModeSm\nstaticConfigMap read call\nstaticStatusMap read call",
-      "Pfe::NatProgrammerStaticMap\nprogKeyToSwTableKeysMap call\nswTableKeyToProgKeysMap call\naddDependency call\n"
+      "Pfe::NatProgrammerIntfModeSm\nstaticConfigMap read call fill\nstaticStatusMap read call fill",
+      "Pfe::NatProgrammerStaticMap\nprogKeyToSwTableKeysMap call fill\nswTableKeyToProgKeysMap call fill\naddDependency call\n"
       "delDependency call\nhasDependency call",
-      "Pfe::NatProgrammerStaticMap::SwTableKeySet\nprogKey read\nprogEntry read write\nentry call",
-      "Pfe::NatProgrammerStaticMap::ProgrammerKeySet\nswTableKey read\nentry call" };
+      "Pfe::NatProgrammerStaticMap::SwTableKeySet\nprogKey read\nprogEntry read write\nentry call fill",
+      "Pfe::NatProgrammerStaticMap::ProgrammerKeySet\nswTableKey read\nentry call fill" };
    for ( std::size_t i = 0; i < std::size( types ); ++i ) {
       EXPECT_EQ( attributesOf( *types[ i ] ), expected[ i ] );
    }
