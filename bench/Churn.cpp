@@ -1,6 +1,6 @@
-// What does it cost to replace one connection of many, turn by turn: one goes, one comes, both settle? sum_ratio
-// compares it with a delete and an add out of many that settle together, when the free lists are filled. allocs are
-// those of a step.
+// What does it cost to replace one connection of many, turn by turn: one goes, one comes, both settle? batch_ratio
+// compares it with replacing a tenth of as many live connections in two turns, sum_ratio with adding all of them to
+// empty tables and deleting them again, both with filled free lists. allocs are those of a step.
 #include "Questions.h"
 #include "Rounds.h"
 
@@ -18,17 +18,43 @@ template< class Rules > class Churn {
 
    double ns( std::size_t steps ) {
       Stopwatch const watch;
-      for ( std::size_t i = 0; i < steps; ++i, ++next_ ) {
-         unconfigure( system_.config(), rules_[ next_ % rules_.size() ] );
-         configure( system_.config(), rules_[ ( next_ + live_ ) % rules_.size() ] );
+      for ( std::size_t i = 0; i < steps; ++i ) {
+         unconfigure( system_.config(), going( i ) );
+         configure( system_.config(), coming( i ) );
          system_.settle();
       }
+      return ended( watch, steps );
+   }
+
+   // The same connections, many in a turn.
+   double nsInBatches( std::size_t steps ) {
+      auto const batch = rules_.size() - live_;
+      Stopwatch const watch;
+      for ( std::size_t first = 0; first < steps; first += batch ) {
+         auto const end = std::min( first + batch, steps );
+         for ( auto i = first; i < end; ++i ) {
+            unconfigure( system_.config(), going( i ) );
+         }
+         system_.settle();
+         for ( auto i = first; i < end; ++i ) {
+            configure( system_.config(), coming( i ) );
+         }
+         system_.settle();
+      }
+      return ended( watch, steps );
+   }
+
+ private:
+   auto const & going( std::size_t step ) const { return rules_[ ( next_ + step ) % rules_.size() ]; }
+   auto const & coming( std::size_t step ) const { return rules_[ ( next_ + live_ + step ) % rules_.size() ]; }
+
+   double ended( Stopwatch const & watch, std::size_t steps ) {
       auto const ns = watch.ns();
+      next_ += steps;
       system_.requireProgrammed( live_, 2 * live_, 2 * live_ );
       return ns;
    }
 
- private:
    System system_;
    Rules const & rules_;
    std::size_t live_;
@@ -54,6 +80,11 @@ template< class Rules > Figures churnFigures( Rules const & rules, std::size_t l
          return times.add + times.del;
       },
       "sum" );
+   Churn< Rules > batches( rules, live );
+   auto const batched = pairedRounds(
+      live, [ & ] { return churn.ns( live ); }, [ & ] { return batches.nsInBatches( live ); }, "batch" );
+   figures[ "batch_ns" ] = batched.at( "batch_ns" );
+   figures[ "batch_ratio" ] = batched.at( "batch_ratio" );
    figures[ "allocs" ] = perRule( workload, allocations );
    return figures;
 }

@@ -33,6 +33,8 @@ constexpr std::array columns{ Column{ "ns", 1 },
                               Column{ "static_ratio", 2 },
                               Column{ "sum_ns", 1 },
                               Column{ "sum_ratio", 2 },
+                              Column{ "batch_ns", 1 },
+                              Column{ "batch_ratio", 2 },
                               Column{ "single_ns", 1 },
                               Column{ "single_ratio", 2 } };
 
