@@ -42,19 +42,21 @@ void NatProgrammerStaticMap::SwTableKeySet::progEntryIs( NatProgrammerStaticEntr
 
 NatProgrammerStaticMap::SwTableKeySet::Ptr
 NatProgrammerStaticMap::progKeyToSwTableKeysMapIs( NatProgrammerStaticKey const & progKey ) {
-   auto const [ set, isNew ] = progKeyToSwTableKeysMap_.refOrEmplace( progKey );
-   if ( isNew ) {
-      set = Orla::make< SwTableKeySet >( progKey );
+   if ( auto const * const known = progKeyToSwTableKeysMap_.find( progKey ) ) {
+      return *known;
    }
+   auto const set = Orla::make< SwTableKeySet >( progKey );
+   progKeyToSwTableKeysMap_.is( progKey, set );
    return set;
 }
 
 NatProgrammerStaticMap::ProgrammerKeySet::Ptr
 NatProgrammerStaticMap::swTableKeyToProgKeysMapIs( NatSwTableStaticKey const & swTableKey ) {
-   auto const [ set, isNew ] = swTableKeyToProgKeysMap_.refOrEmplace( swTableKey );
-   if ( isNew ) {
-      set = Orla::make< ProgrammerKeySet >( swTableKey );
+   if ( auto const * const known = swTableKeyToProgKeysMap_.find( swTableKey ) ) {
+      return *known;
    }
+   auto const set = Orla::make< ProgrammerKeySet >( swTableKey );
+   swTableKeyToProgKeysMap_.is( swTableKey, set );
    return set;
 }
 

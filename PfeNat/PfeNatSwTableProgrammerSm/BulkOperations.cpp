@@ -3,17 +3,23 @@
 #include "PfeNat/PfeNatSwTableProgrammerSm/RequestTrace.h"
 
 #include <Vexa/Exception.h>
+#include <Vexa/KeysOf.h>
 
 namespace Pfe {
 
 namespace {
 
-// One element that raises does not keep the others from their turn.
-template< class Operation > void guarded( Operation && operation ) {
-   try {
-      operation();
-   } catch ( Vexa::RangeException const & error ) {
-      TRACE( traceHandle(), 2, "deleteAllConnections", ", range error: ", error.what() );
+// Calls remove( key, entry ) for every rule. One that raises does not keep the others from their turn, and whoever
+// watches the status may take rules away meanwhile.
+template< class Entries, class Remove > void deleteEach( Entries const & entries, Remove && remove ) {
+   for ( auto const & key : Vexa::keysOf( entries ) ) {
+      try {
+         if ( auto const entry = entries.valueOr( key ) ) {
+            remove( key, entry );
+         }
+      } catch ( Vexa::RangeException const & error ) {
+         TRACE( traceHandle(), 2, "deleteAllConnections", ", range error: ", error.what() );
+      }
    }
 }
 
@@ -24,10 +30,18 @@ void NatSwTableProgrammerSm::addAllConnections() {
    Trace::RingTrace::defaultHandle().message( "addAllConnections" );
    TRACE( traceHandle(), 8, "addAllConnections" );
    auto const & config = *natProgrammerConfig();
-   config.staticEntry().forEach( [ & ]( auto const & key, auto const & ) { handleProgrammerStaticConfig( key ); } );
-   config.twiceEntry().forEach( [ & ]( auto const & key, auto const & ) { handleProgrammerTwiceConfig( key ); } );
-   config.dynamicEntry().forEach( [ & ]( auto const & key, auto const & ) { handleProgrammerDynamicConfig( key ); } );
-   config.trapEntry().forEach( [ & ]( auto const & key, auto const & ) { handleProgrammerTrapConfig( key ); } );
+   for ( auto const & key : Vexa::keysOf( config.staticEntry() ) ) {
+      handleProgrammerStaticConfig( key );
+   }
+   for ( auto const & key : Vexa::keysOf( config.twiceEntry() ) ) {
+      handleProgrammerTwiceConfig( key );
+   }
+   for ( auto const & key : Vexa::keysOf( config.dynamicEntry() ) ) {
+      handleProgrammerDynamicConfig( key );
+   }
+   for ( auto const & key : Vexa::keysOf( config.trapEntry() ) ) {
+      handleProgrammerTrapConfig( key );
+   }
 }
 
 void NatSwTableProgrammerSm::deleteAllConnections() {
@@ -37,14 +51,13 @@ void NatSwTableProgrammerSm::deleteAllConnections() {
    Trace::RingTrace::defaultHandle().message( "deleteAllConnections", ", start to clean up." );
    TRACE( traceHandle(), 8, "deleteAllConnections", ", start to clean up." );
    auto const & config = *natProgrammerConfig();
-   config.staticEntry().forEach(
-      [ & ]( auto const & key, auto const & entry ) { guarded( [ & ] { deleteStaticConnection( key, entry ); } ); } );
-   config.twiceEntry().forEach(
-      [ & ]( auto const & key, auto const & entry ) { guarded( [ & ] { deleteTwiceConnection( key, entry ); } ); } );
-   config.dynamicEntry().forEach(
-      [ & ]( auto const & key, auto const & entry ) { guarded( [ & ] { deleteDynamicConnection( key, entry ); } ); } );
-   config.trapEntry().forEach(
-      [ & ]( auto const & key, auto const & entry ) { guarded( [ & ] { deleteTrap( key, entry ); } ); } );
+   deleteEach( config.staticEntry(),
+               [ & ]( auto const & key, auto const & entry ) { deleteStaticConnection( key, entry ); } );
+   deleteEach( config.twiceEntry(),
+               [ & ]( auto const & key, auto const & entry ) { deleteTwiceConnection( key, entry ); } );
+   deleteEach( config.dynamicEntry(),
+               [ & ]( auto const & key, auto const & entry ) { deleteDynamicConnection( key, entry ); } );
+   deleteEach( config.trapEntry(), [ & ]( auto const & key, auto const & entry ) { deleteTrap( key, entry ); } );
 }
 
 }  // namespace Pfe

@@ -1,6 +1,7 @@
 #include <Pfe/NatBaseProgrammerSm.h>
 
 #include <Pfe/RuleMemory.h>
+#include <Vexa/KeysOf.h>
 #include <Vexa/Type.h>
 
 namespace [[gnu::visibility( "default" )]] Pfe {
@@ -149,13 +150,19 @@ void NatBaseProgrammerSm::replay() {
    Orla::Ptr< NatBaseProgrammerSm > const self( this );
    replayed_ = true;
    auto const & config = *natProgrammerConfig_;
-   config.staticEntry().forEach(
-      [ & ]( auto const & key, auto const & entry ) { memory_->staticRules.handle( key, entry ); } );
-   config.twiceEntry().forEach(
-      [ & ]( auto const & key, auto const & entry ) { memory_->twiceRules.handle( key, entry ); } );
-   config.dynamicEntry().forEach(
-      [ & ]( auto const & key, auto const & entry ) { memory_->dynamicRules.handle( key, entry ); } );
-   config.trapEntry().forEach( [ & ]( auto const & key, auto const & entry ) { handleTrap( key, entry ); } );
+   // Whoever watches the status may change rules meanwhile: each is looked up at its turn.
+   for ( auto const & key : Vexa::keysOf( config.staticEntry() ) ) {
+      handleProgrammerStaticConfig( key );
+   }
+   for ( auto const & key : Vexa::keysOf( config.twiceEntry() ) ) {
+      handleProgrammerTwiceConfig( key );
+   }
+   for ( auto const & key : Vexa::keysOf( config.dynamicEntry() ) ) {
+      handleProgrammerDynamicConfig( key );
+   }
+   for ( auto const & key : Vexa::keysOf( config.trapEntry() ) ) {
+      handleProgrammerTrapConfig( key );
+   }
    if ( natVlanProfileConfig_ ) {
       natVlanProfileConfig_->vlanProfile().forEach(
          [ & ]( U16 vlan, U16 profile ) { setNatProfile( vlan, profile ); } );

@@ -73,8 +73,7 @@ class NatBaseProgrammerSm : public Orla::Entity {
    void natIdPoolIs( NatIdInfo::PtrConst pool ) { natIdPool_ = std::move( pool ); }
 
    // Hands over everything that the configuration holds, then reconciles, then retries what the id pool refused. Until
-   // the first replay changes of the configuration are left to it. Whoever watches the status while it runs may remove
-   // rules, but adds none.
+   // the first replay changes of the configuration are left to it.
    void replay();
 
    // Hands over what `key` is configured as now, or its removal.

@@ -372,4 +372,30 @@ TYPED_TEST( BaseProgrammer, ARuleThatChangesAgainWhileItIsTakenBackIsHandedOverA
    }
 }
 
+TYPED_TEST( BaseProgrammer, RulesMayGoWhileTheyAreReplayed ) {
+   constexpr int rules = 20;
+   for ( int key = 0; key < rules; ++key ) {
+      this->configure( key, 1 );
+   }
+   this->sm->calls.clear();
+   int gone = 0;
+   auto const takeOneAway = [ & ] {
+      auto again = std::exchange( this->sm->duringCalls, nullptr );
+      this->unconfigure( gone++ );
+      this->sm->duringCalls = std::move( again );
+   };
+   this->sm->duringCalls = takeOneAway;
+   this->sm->replay();
+   this->sm->duringCalls = nullptr;
+   EXPECT_GE( gone, rules / 2 );
+   std::set< std::string > deleted;
+   for ( auto const & call : this->sm->calls ) {
+      auto const key = call.substr( call.find( ' ' ) + 1 );
+      if ( call.starts_with( "delete" ) ) {
+         deleted.insert( key );
+      }
+   }
+   EXPECT_EQ( deleted.size(), static_cast< std::size_t >( std::min( gone, rules ) ) );
+}
+
 }  // namespace
