@@ -3,6 +3,7 @@
 #include "agent/Configuration.h"
 #include "agent/Host.h"
 #include "agent/HostReport.h"
+#include "agent/InterfaceHost.h"
 #include "agent/NatIdStore.h"
 #include "agent/PacketOptions.h"
 #include "agent/SimulatedHardware.h"
@@ -29,6 +30,7 @@ struct Options {
    std::string file;
    std::string state;  // empty: NAT ids are not kept
    std::string format = "text";
+   std::string mode = "table";
    U8 traceLevel = 0;
    SimulatedHardware::Settings hardware;
    Sections sections;
@@ -62,12 +64,18 @@ void addCommonOptions( CLI::App & app, Options & options ) {
       ->check( CLI::Range( U64{ 0 }, mostTurns ) );
 }
 
+bool isEnabled( Configuration const & configuration ) {
+   if ( !configuration.enabled ) {
+      std::cerr << "nat-agent: " << configuration.file << ": instance " << configuration.instanceId
+                << " is not enabled: nothing is programmed, and no NAT id is given back\n";
+   }
+   return configuration.enabled;
+}
+
 // Programs the configuration and hands the host to show( host, report ), which returns whether all is well.
 template< class Show > int program( Options const & options, Show && show ) {
    auto configuration = configurationFrom( options.file );
-   if ( !configuration.enabled ) {
-      std::cerr << "nat-agent: " << options.file << ": instance " << configuration.instanceId
-                << " is not enabled: nothing is programmed, and no NAT id is given back\n";
+   if ( !isEnabled( configuration ) ) {
       return complete;
    }
    std::optional< NatIdStore > store;
@@ -88,6 +96,26 @@ int programAndReport( Options const & options ) {
       reportProgramming( report, host, options.sections );
       return true;
    } );
+}
+
+// Of the options that speak of tables and NAT ids none is for this mode.
+int programInterfacesAndReport( Options const & options, CLI::App const & app ) {
+   for ( auto const * const option : { "--state", "--fail", "--capacity", "--delay", "--rows", "--ids" } ) {
+      if ( app.count( option ) != 0 ) {
+         throw CLI::ValidationError( option, "interface mode has neither hardware tables nor NAT ids; allowed: "
+                                             "--mode table, or without " +
+                                                std::string( option ) );
+      }
+   }
+   auto configuration = configurationFrom( options.file );
+   if ( !isEnabled( configuration ) ) {
+      return complete;
+   }
+   Trace::enabledLevelIs( options.traceLevel );
+   InterfaceHost const host( std::move( configuration ) );
+   Report report( std::cout, options.format == "json" );
+   host.report( report, options.sections.ringLines );
+   return host.isComplete() ? complete : incomplete;
 }
 
 int programAndExplain( Options const & options ) {
@@ -114,6 +142,9 @@ int run( int argumentCount, char ** arguments ) {
    Options options;
    CLI::App app( "Programs a NAT configuration into the tables of a simulated forwarding chip.", "nat-agent" );
    addCommonOptions( app, options );
+   app.add_option( "--mode", options.mode, "table (default), or interface: rules as entries that interfaces share" )
+      ->type_name( "MODE" )
+      ->check( CLI::IsMember( { "table", "interface" } ) );
    app.add_flag( "--rows", options.sections.rows, "Show the rows of all tables" );
    app.add_flag( "--ids", options.sections.natIds, "Show the NAT ids and what holds them" );
    app.add_option( "--ring", options.sections.ringLines, "Show the newest N lines of the ring trace" )
@@ -131,7 +162,9 @@ int run( int argumentCount, char ** arguments ) {
    auto & command = isExplain ? explain : app;
    try {
       isExplain ? command.parse( argumentCount - 1, arguments + 1 ) : command.parse( argumentCount, arguments );
-      return isExplain ? programAndExplain( options ) : programAndReport( options );
+      return isExplain                     ? programAndExplain( options )
+             : options.mode == "interface" ? programInterfacesAndReport( options, app )
+                                           : programAndReport( options );
    } catch ( CLI::ParseError const & fault ) {
       if ( fault.get_exit_code() == 0 ) {
          return command.exit( fault );  // help

@@ -1,0 +1,264 @@
+#include "agent/InterfaceHost.h"
+
+#include "agent/Text.h"
+#include "agent/UnusableInput.h"
+
+#include <Orla/String.h>
+#include <Trace/RingTrace.h>
+
+#include <algorithm>
+#include <map>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+namespace Agent {
+
+namespace {
+
+using Kind = Table::Kind;
+using SwTableKey = Pfe::NatSwTableStaticKey;
+
+void requireVlans( Configuration const & configuration ) {
+   constexpr std::size_t mostShown = 20;
+   std::string faults;
+   std::size_t count = 0;
+   for ( auto const & connection : configuration.connections ) {
+      if ( connection.entry->vlanId() == 0 && count++ < mostShown ) {
+         faults += ( faults.empty() ? "" : "\n" ) + configuration.file + ": entry " +
+                   std::to_string( connection.index ) +
+                   ": lacks pfe-nat:vlan; allowed in interface mode: the VLAN of " +
+                   Vexa::stringOf( connection.key.natIntf ) + ", 1 to 4094";
+      }
+   }
+   if ( count > mostShown ) {
+      faults += "\n" + configuration.file + ": " + std::to_string( count - mostShown ) + " more of this kind";
+   }
+   if ( count != 0 ) {
+      throw UnusableInput( faults );
+   }
+}
+
+// "1-3,7" of sorted numbers.
+std::string rangesOf( std::vector< U16 > const & numbers ) {
+   std::string text;
+   for ( auto first = numbers.begin(); first != numbers.end(); ) {
+      auto last = first;
+      while ( std::next( last ) != numbers.end() && *std::next( last ) == *last + 1 ) {
+         ++last;
+      }
+      text += ( text.empty() ? "" : "," ) + std::to_string( *first );
+      if ( last != first ) {
+         text += '-' + std::to_string( *last );
+      }
+      first = std::next( last );
+   }
+   return text;
+}
+
+std::string vlansOf( Pfe::NatSwTableStaticEntry const & entry ) {
+   std::vector< U16 > vlans;
+   entry.vlanId().forEach( [ & ]( Bridging::VlanId vlanId ) { vlans.push_back( vlanId.value() ); } );
+   std::ranges::sort( vlans );
+   return rangesOf( vlans );
+}
+
+std::string listOf( std::vector< std::size_t > const & numbers ) {
+   std::string text;
+   for ( auto const number : numbers ) {
+      text += text.empty() ? "" : " ";
+      append( text, number );
+   }
+   return text;
+}
+
+void addNumber( Table & table, U64 number ) {
+   append( table.cell(), number );
+   table.endCell();
+}
+
+// Which connections feed which entries, both by the numbers that people know them by: the connections' own, and the
+// place of the entry in an order for people, each forward one before its replies.
+class Dependencies {
+ public:
+   Dependencies( Configuration const & configuration, Pfe::NatSwTableConfig const & swTableConfig,
+                 Pfe::NatProgrammerStaticMap const & map )
+      : map_( map ) {
+      for ( auto const & connection : configuration.connections ) {
+         numberOfConnection_.emplace( connection.key, connection.index );
+      }
+      swTableConfig.staticEntry().forEach( [ & ]( SwTableKey const & key, auto const & ) { keys_.push_back( key ); } );
+      std::ranges::sort( keys_, {}, []( SwTableKey const & key ) {
+         return std::tuple( key.vrfId, key.reverse ? key.ipAndPortNew : key.ipAndPortOld,
+                            key.reverse ? key.ipAndPortOld : key.ipAndPortNew, key.protocol, key.aclName, key.reverse,
+                            key.vlanId, key.mcast );
+      } );
+      for ( auto const & key : keys_ ) {
+         numberOfEntry_.emplace( key, numberOfEntry_.size() + 1 );
+      }
+   }
+
+   std::vector< SwTableKey > const & keys() const { return keys_; }
+
+   std::vector< std::size_t > fedBy( Pfe::NatProgrammerStaticKey const & connection ) const {
+      auto const fed = map_.progKeyToSwTableKeysMap( connection );
+      return fed ? numbersOf( fed->entry(), numberOfEntry_ ) : std::vector< std::size_t >();
+   }
+
+   std::vector< std::size_t > feedersOf( SwTableKey const & entry ) const {
+      auto const feeders = map_.swTableKeyToProgKeysMap( entry );
+      return feeders ? numbersOf( feeders->entry(), numberOfConnection_ ) : std::vector< std::size_t >();
+   }
+
+ private:
+   template< class Keys, class Numbers >
+   static std::vector< std::size_t > numbersOf( Keys const & keys, Numbers const & numberOf ) {
+      std::vector< std::size_t > numbers;
+      keys.forEach( [ & ]( auto const & key ) { numbers.push_back( numberOf.at( key ) ); } );
+      std::ranges::sort( numbers );
+      return numbers;
+   }
+
+   Pfe::NatProgrammerStaticMap const & map_;
+   std::vector< SwTableKey > keys_;
+   std::map< SwTableKey, std::size_t > numberOfEntry_;
+   std::map< Pfe::NatProgrammerStaticKey, std::size_t > numberOfConnection_;
+};
+
+Table connectionsOf( Configuration const & configuration, Dependencies const & dependencies ) {
+   Table table( { { "entry", Kind::number },
+                  { "interface" },
+                  { "vlan", Kind::number },
+                  { "target" },
+                  { "protocol" },
+                  { "local" },
+                  { "global" },
+                  { "feeds", Kind::numbers } } );
+   for ( auto const & connection : configuration.connections ) {
+      auto const & rule = connection.entry->connection();
+      auto const inside = ingressRowOf( connection, Ip::Nat::NatTarget::source );
+      addNumber( table, connection.index );
+      table.cell( inside.natIntf.text() );
+      addNumber( table, connection.entry->vlanId() );
+      table.cell( targetText( rule.target ) );
+      table.cell( protocolText( rule.protocol ) );
+      table.cell( textOf( inside.ipAndPortOld ) );
+      table.cell( textOf( inside.ipAndPortNew ) );
+      table.cell( listOf( dependencies.fedBy( connection.key ) ) );
+   }
+   return table;
+}
+
+Table entriesOf( Pfe::NatSwTableConfig const & swTableConfig, Dependencies const & dependencies ) {
+   Table table( { { "swEntry", Kind::number },
+                  { "direction" },
+                  { "vrf" },
+                  { "accessList" },
+                  { "protocol" },
+                  { "matches" },
+                  { "becomes" },
+                  { "fragments" },
+                  { "vlans" },
+                  { "fedBy", Kind::numbers } } );
+   std::size_t number = 0;
+   for ( auto const & key : dependencies.keys() ) {
+      auto const entry = swTableConfig.staticEntry( key );
+      addNumber( table, ++number );
+      table.cell( key.reverse ? "reverse" : "forward" );
+      table.cell( key.vrfId == 0 ? "" : std::to_string( key.vrfId ) );
+      table.cell( key.aclName.text() );
+      table.cell( protocolText( key.protocol ) );
+      table.cell( textOf( key.ipAndPortOld ) );
+      table.cell( textOf( key.ipAndPortNew ) );
+      table.cell( entry->fragment() ? "matched" : "" );
+      table.cell( vlansOf( *entry ) );
+      table.cell( listOf( dependencies.feedersOf( key ) ) );
+   }
+   return table;
+}
+
+// What is ignored, by interface and key.
+Table ignoredOf( Pfe::NatProgrammerConfig const & rules ) {
+   std::vector< std::tuple< std::string_view, Netix::IntfId, std::string > > ignored;
+   rules.twiceEntry().forEach( [ & ]( auto const & key, auto const & ) {
+      ignored.emplace_back( "twice", key.natIntf, key.key.stringValue() );
+   } );
+   rules.dynamicEntry().forEach( [ & ]( auto const & key, auto const & ) {
+      ignored.emplace_back( "dynamic", key.natIntf,
+                            protocolText( key.conn.protocol ) + ' ' + textOf( key.conn.source ) + " -> " +
+                               textOf( key.conn.destination ) );
+   } );
+   rules.trapEntry().forEach(
+      [ & ]( auto const & key, auto const & ) { ignored.emplace_back( "trap", key.natIntf, key.key.stringValue() ); } );
+   std::ranges::sort( ignored );
+   Table table( { { "kind" }, { "interface" }, { "rule" } } );
+   for ( auto const & [ kind, natIntf, rule ] : ignored ) {
+      table.cell( kind );
+      table.cell( Vexa::stringOf( natIntf ) );
+      table.cell( rule );
+   }
+   return table;
+}
+
+std::string counted( std::size_t count, std::string const & one, std::string const & many ) {
+   return std::to_string( count ) + ' ' + ( count == 1 ? one : many );
+}
+
+}  // namespace
+
+InterfaceHost::InterfaceHost( Configuration configuration )
+   : configuration_( std::move( configuration ) ),
+     swTableConfig_( Orla::make< Pfe::NatSwTableConfig >() ),
+     swTableStatus_( Orla::make< Pfe::NatSwTableStatus >() ) {
+   requireVlans( configuration_ );
+   consumer_ = Pfe::natSwTableSmFactory( swTableConfig_, swTableStatus_ );
+   consumer_->initializedIs( true );
+   programmer_ = Pfe::natProgrammerIntfModeSmFactory( configuration_.rules, Orla::make< Pfe::NatProgrammerStatus >(),
+                                                      swTableConfig_, swTableStatus_ );
+}
+
+bool InterfaceHost::isComplete() const {
+   auto const & rules = *configuration_.rules;
+   return programmer_->rangeErrorCount() == 0 &&
+          rules.twiceEntry().count() + rules.dynamicEntry().count() + rules.trapEntry().count() == 0;
+}
+
+void InterfaceHost::report( Report & report, std::size_t ringLines ) const {
+   auto const & rules = *configuration_.rules;
+   report.fact( "file", configuration_.file );
+   report.fact( "mode", "interface" );
+   report.fact( "instance", { { "id", configuration_.instanceId },
+                              { "name", configuration_.instanceName },
+                              { "fragmentation", rules.fragmentationEnabled() } } );
+   auto const & name = configuration_.instanceName;
+   report.line( configuration_.file + ", instance " + std::to_string( configuration_.instanceId ) +
+                ( name.empty() ? "" : " " + Vexa::stringOf( Orla::String( name ) ) ) + ", interface mode\n" );
+   Dependencies const dependencies( configuration_, *swTableConfig_, *programmer_->staticConfigMap() );
+   report.table( "connections", connectionsOf( configuration_, dependencies ) );
+   report.line( "" );
+   report.table( "swTableEntries", entriesOf( *swTableConfig_, dependencies ) );
+   auto const ignored = ignoredOf( rules );
+   if ( ignored.rowCount() != 0 ) {
+      report.line( "\nInterface mode ignores:" );
+      report.table( "ignored", ignored );
+   }
+   if ( ringLines != 0 ) {
+      auto const ring = Trace::RingTrace::defaultHandle().lastLines( ringLines );
+      report.fact( "ringTrace", ring );
+      report.line( "" );
+      std::ranges::for_each( ring, [ & ]( std::string const & line ) { report.line( "  " + line ); } );
+   }
+   auto const connections = rules.staticEntry().count();
+   auto const entries = dependencies.keys().size();
+   auto const shared = static_cast< std::size_t >( std::ranges::count_if(
+      dependencies.keys(), [ & ]( SwTableKey const & key ) { return dependencies.feedersOf( key ).size() > 1; } ) );
+   report.fact( "summary", { { "connections", connections },
+                             { "swTableEntries", entries },
+                             { "sharedEntries", shared },
+                             { "ignored", ignored.rowCount() } } );
+   report.line( "\n" + counted( connections, "static connection", "static connections" ) + " in " +
+                counted( entries, "software-table entry", "software-table entries" ) + ", " + std::to_string( shared ) +
+                " of them shared; " + std::to_string( ignored.rowCount() ) + " ignored" );
+}
+
+}  // namespace Agent
