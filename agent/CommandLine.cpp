@@ -1,22 +1,28 @@
 #include "agent/CommandLine.h"
 
 #include "agent/Configuration.h"
+#include "agent/ConntrackListing.h"
 #include "agent/Host.h"
 #include "agent/HostReport.h"
 #include "agent/InterfaceHost.h"
 #include "agent/NatIdStore.h"
 #include "agent/PacketOptions.h"
+#include "agent/Requests.h"
+#include "agent/Server.h"
 #include "agent/SimulatedHardware.h"
 #include "agent/UnusableInput.h"
 
+#include <Netix/VrfId.h>
 #include <Trace/Trace.h>
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace Agent {
 
@@ -33,9 +39,30 @@ struct Options {
    std::string mode = "table";
    U8 traceLevel = 0;
    SimulatedHardware::Settings hardware;
+   std::string conntrack;  // empty: nothing is learned
+   NatInterface natInterface;
    Sections sections;
    Packet packet;
 };
+
+// Connections that a kernel tracks, taken for connections of one interface.
+void addLearningOptions( CLI::App & app, Options & options ) {
+   auto * const group = app.add_option_group( "Learned connections" );
+   auto * const listing = group->add_option( "--conntrack", options.conntrack,
+                                             "Learn what this listing of the Linux tool conntrack translates" );
+   listing->type_name( "FILE" );
+   auto * const intf =
+      addInterfaceOption( *group, "--nat-interface", "Interface that it is translated at", options.natInterface.intf );
+   listing->needs( intf );
+   group->add_option( "--nat-vrf", options.natInterface.vrfId, "VRF of it (default 0)" )
+      ->type_name( "N" )
+      ->check( CLI::Range( U32{ 0 }, static_cast< U32 >( Netix::VrfId::max ) ) )
+      ->needs( listing );
+   group->add_option( "--nat-qualifier", options.natInterface.qualifier, "Qualifier of the interface (default 0)" )
+      ->type_name( "N" )
+      ->needs( listing );
+   intf->needs( listing );
+}
 
 // What every command that programs a configuration takes.
 void addCommonOptions( CLI::App & app, Options & options ) {
@@ -52,6 +79,7 @@ void addCommonOptions( CLI::App & app, Options & options ) {
    app.add_option( "--trace", options.traceLevel, "Trace lines up to this level on standard error" )
       ->type_name( "LEVEL" )
       ->check( CLI::Range( 0, 9 ) );
+   addLearningOptions( app, options );
    auto * const hardware = app.add_option_group( "Simulated hardware" );
    hardware->add_option( "--fail", options.hardware.failEvery, "Every N-th write fails" )
       ->type_name( "N" )
@@ -72,9 +100,28 @@ bool isEnabled( Configuration const & configuration ) {
    return configuration.enabled;
 }
 
-// Programs the configuration and hands the host to show( host, report ), which returns whether all is well.
-template< class Show > int program( Options const & options, Show && show ) {
+nlohmann::ordered_json factsOf( ConntrackListing const & listing ) {
+   nlohmann::ordered_json passedOver = nlohmann::ordered_json::array();
+   for ( auto const & entry : listing.passedOver ) {
+      passedOver.push_back( { { "line", entry.line }, { "reason", textOf( entry.reason ) } } );
+   }
+   return { { "file", listing.file }, { "learned", listing.learned.size() }, { "passedOver", passedOver } };
+}
+
+// Of the file that the options name, or of another one, with what is learned.
+Configuration configurationOf( Options const & options, std::optional< ConntrackListing > & listing ) {
    auto configuration = configurationFrom( options.file );
+   if ( !options.conntrack.empty() ) {
+      listing = learnFrom( options.conntrack, configuration, options.natInterface );
+      std::cerr << listing->summary();
+   }
+   return configuration;
+}
+
+// Programs the configuration and hands the host to use( host, report ), which returns whether all is well.
+template< class Use > int program( Options const & options, Use && use ) {
+   std::optional< ConntrackListing > listing;
+   auto configuration = configurationOf( options, listing );
    if ( !isEnabled( configuration ) ) {
       return complete;
    }
@@ -87,7 +134,10 @@ template< class Show > int program( Options const & options, Show && show ) {
               store ? &*store : nullptr );
    host.program();
    Report report( std::cout, options.format == "json" );
-   bool const isWell = show( host, report );
+   if ( listing ) {
+      report.fact( "conntrack", factsOf( *listing ) );
+   }
+   bool const isWell = use( host, report );
    return isWell && host.isComplete() ? complete : incomplete;
 }
 
@@ -128,12 +178,86 @@ int programAndExplain( Options const & options ) {
    } );
 }
 
+// Serves until it is told to end, which is success whatever is programmed then.
+int programAndServe( Options options ) {
+   std::optional< Server > server;
+   auto const read = [ & ]( std::string const & file ) {
+      auto next = options;
+      next.file = file.empty() ? options.file : file;
+      std::optional< ConntrackListing > listing;
+      auto configuration = configurationOf( next, listing );
+      if ( !configuration.enabled ) {
+         throw UnusableInput( next.file + ": instance " + std::to_string( configuration.instanceId ) +
+                              " is not enabled; allowed: an enabled one; delete-all takes all rules out" );
+      }
+      options.file = next.file;
+      return configuration;
+   };
+   program( options, [ & ]( Host & host, Report & report ) {
+      server.emplace( options.state );
+      reportHeading( report, host );
+      reportSummary( report, host );
+      report.line( "Serving at " + socketIn( options.state ) );
+      std::cout.flush();
+      Requests requests( host, read );
+      server->serve(
+         [ & ]( std::string_view request, std::string & answer ) { return requests.answer( request, answer ); },
+         &Requests::refusal );
+      return true;
+   } );
+   return complete;
+}
+
 // Names the program in front of every line.
 void complain( std::string const & text ) {
    std::istringstream lines( text );
    for ( std::string line; std::getline( lines, line ); ) {
       std::cerr << "nat-agent: " << line << '\n';
    }
+}
+
+// Asks the agent that serves in the state folder. `words`: a method, and its parameters as options.
+int askServer( Options const & options, std::vector< std::string > const & words ) {
+   nlohmann::ordered_json params = nlohmann::ordered_json::object();
+   for ( std::size_t i = 1; i < words.size(); i += 2 ) {
+      if ( !words[ i ].starts_with( "--" ) || i + 1 == words.size() ) {
+         throw UnusableInput( words[ i ] + "; allowed: parameters of the method, as --NAME VALUE" );
+      }
+      auto const name = words[ i ].substr( 2 );
+      // The server may stand in another folder.
+      params[ name ] = name == "file" ? std::filesystem::absolute( words[ i + 1 ] ).string() : words[ i + 1 ];
+   }
+   params[ "format" ] = options.format;
+   nlohmann::ordered_json const request{
+      { "jsonrpc", "2.0" }, { "id", 1 }, { "method", words.at( 0 ) }, { "params", params } };
+   using Handler = nlohmann::ordered_json::error_handler_t;
+   auto const line = request.dump( -1, ' ', false, Handler::replace );
+   auto const answer = nlohmann::ordered_json::parse( ask( options.state, line ), nullptr, false );
+   if ( answer.is_discarded() || !answer.contains( "result" ) ) {
+      throw UnusableInput( answer.is_discarded() ? socketIn( options.state ) + ": the answer is no JSON"
+                                                 : answer[ "error" ].value( "message", "" ) );
+   }
+   auto result = answer[ "result" ];
+   int const status = result.value( "status", incomplete );
+   if ( options.format == "text" ) {
+      std::cout << result.value( "text", "" );
+   } else {
+      result.erase( "status" );
+      std::cout << result.dump( 2, ' ', false, Handler::replace ) << '\n';
+   }
+   return status;
+}
+
+void addControlOptions( CLI::App & app, Options & options ) {
+   app.add_option( "--state", options.state, "State folder of the agent" )->type_name( "DIR" )->required();
+   app.add_option( "--format", options.format, "text (default) or json" )
+      ->type_name( "FORMAT" )
+      ->check( CLI::IsMember( { "text", "json" } ) );
+   app.prefix_command();
+   app.footer(
+      "METHOD is one of show, connections, statuses, rows, ids, traps, profiles, ring [--lines N], summary,\n"
+      "explain with the options of nat-agent explain, reload [--file CONFIG], delete-all, add-all, retry, stop.\n\n"
+      "Exit status: 0 everything is programmed, 1 something is not, 2 the request cannot be carried out." );
 }
 
 }  // namespace
@@ -150,19 +274,34 @@ int run( int argumentCount, char ** arguments ) {
    app.add_option( "--ring", options.sections.ringLines, "Show the newest N lines of the ring trace" )
       ->type_name( "N" )
       ->check( CLI::Range( 0, static_cast< int >( Trace::RingTrace::capacity ) ) );
-   app.footer( "nat-agent explain CONFIG ... walks a packet, and the reply to it, through the tables.\n\n"
+   app.footer( "nat-agent explain CONFIG ... walks a packet, and the reply to it, through the tables.\n"
+               "nat-agent serve CONFIG --state DIR ... stays, and takes requests.\n"
+               "nat-agent ctl --state DIR METHOD ... sends it one.\n\n"
                "Exit status: 0 all programmed and every row accepted, 1 something was not, 2 unusable input." );
    CLI::App explain( "Walks a packet, and the reply to it, through the tables that a configuration is programmed into.",
                      "nat-agent explain" );
    addCommonOptions( explain, options );
    addPacketOptions( explain, options.packet );
    explain.footer( "Exit status: 1 also when a packet matches two rows equally well; else as without explain." );
+   CLI::App serve( "Programs a configuration and stays, to take requests over a socket in the state folder.",
+                   "nat-agent serve" );
+   addCommonOptions( serve, options );
+   serve.get_option( "--state" )->required();
+   serve.footer( "SIGTERM ends it; the NAT ids are kept. Exit status: 0 ended as told, 2 unusable input." );
+   CLI::App ctl( "Asks an agent that serves.", "nat-agent ctl" );
+   addControlOptions( ctl, options );
 
-   bool const isExplain = argumentCount > 1 && std::string_view( arguments[ 1 ] ) == "explain";
-   auto & command = isExplain ? explain : app;
+   std::string_view const first = argumentCount > 1 ? arguments[ 1 ] : "";
+   auto & command = first == "explain" ? explain : first == "serve" ? serve : first == "ctl" ? ctl : app;
+   bool const isNamed = &command != &app;
    try {
-      isExplain ? command.parse( argumentCount - 1, arguments + 1 ) : command.parse( argumentCount, arguments );
-      return isExplain                     ? programAndExplain( options )
+      command.parse( argumentCount - isNamed, arguments + isNamed );
+      if ( &command == &ctl && ctl.remaining().empty() ) {
+         throw CLI::RequiredError( "METHOD" );
+      }
+      return &command == &explain          ? programAndExplain( options )
+             : &command == &serve          ? programAndServe( options )
+             : &command == &ctl            ? askServer( options, ctl.remaining() )
              : options.mode == "interface" ? programInterfacesAndReport( options, app )
                                            : programAndReport( options );
    } catch ( CLI::ParseError const & fault ) {

@@ -3,13 +3,15 @@
 #include "agent/JsonMembers.h"
 #include "agent/MappingEntry.h"
 #include "agent/TextFile.h"
+#include "agent/TrapEntry.h"
 #include "agent/UnusableInput.h"
 
+#include <Bridging/VlanId.h>
 #include <Orla/Ptr.h>
-#include <Pfe/NatConnections.h>
 #include <Vexa/HashMap.h>
 
 #include <algorithm>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -69,12 +71,29 @@ struct GroupMembers {
 constexpr Member< GroupMembers > groupMembers[] = { { "name", into< &GroupMembers::name >, true },
                                                     { "replication", into< &GroupMembers::replications >, true } };
 
-struct InstanceMembers {
+struct ProfileMembers {
+   U16 vlan = 0;
+   U16 profile = 0;
+};
+
+constexpr Member< ProfileMembers > profileMembers[] = {
+   { "vlan", within< &ProfileMembers::vlan, Bridging::VlanId::min, Bridging::VlanId::max >, true },
+   { "profile", into< &ProfileMembers::profile >, true } };
+
+struct DetectionMembers {
+   U8 protocol = 0;
+};
+
+constexpr Member< DetectionMembers > detectionMembers[] = { { "protocol", into< &DetectionMembers::protocol >, true } };
+
+struct InstanceMembers : Settings {
    U32 id = 0;
    std::string_view name;
    bool enabled = true;
    JsonValue mappingTable;
-   bool fragmentation = false;
+   JsonValue detections;
+   JsonValue profiles;
+   JsonValue traps;
    JsonValue groups;
 };
 
@@ -84,6 +103,11 @@ constexpr Member< InstanceMembers > instanceMembers[] = {
    { "enable", into< &InstanceMembers::enabled > },
    { "mapping-table", into< &InstanceMembers::mappingTable > },
    { "pfe-nat:fragmentation", into< &InstanceMembers::fragmentation > },
+   { "pfe-nat:vrf-less", into< &InstanceMembers::vrfLess > },
+   { "pfe-nat:full-cone-capability", into< &InstanceMembers::fullConeProgrammed > },
+   { "pfe-nat:l4-detection", into< &InstanceMembers::detections > },
+   { "pfe-nat:vlan-profile", into< &InstanceMembers::profiles > },
+   { "pfe-nat:trap", into< &InstanceMembers::traps > },
    { "pfe-nat:multicast-group", into< &InstanceMembers::groups > } };
 
 // The value of the one member that an object may have.
@@ -110,6 +134,30 @@ JsonValue instanceOf( JsonValue root ) {
    return instance;
 }
 
+// --- One row, one rule; one key, one rule ----------------------------------------------------------------------------
+
+struct ClaimTexts {
+   char const * oneRow;  // what rows tell apart
+   char const * key;
+   char const * oneKey;
+};
+
+ClaimTexts claimTexts( StaticRule const & ) {
+   return { "one entry per interface, VRF, protocol and pair of addresses and ports, whichever side is written",
+            "interface, access list, internal address and internal port",
+            "one entry for each of them; the protocol does not tell entries apart" };
+}
+ClaimTexts claimTexts( TwiceRule const & ) {
+   return { "one entry per interface, VRF and pairs of addresses and ports",
+            "interface and internal addresses and ports", "one entry for each of them" };
+}
+ClaimTexts claimTexts( DynamicRule const & rule ) {
+   return { rule.entry->connection().addrOnly
+               ? "one entry per VRF, qualifier and address"
+               : "one entry per VRF, qualifier, protocol and pairs of addresses and ports",
+            "interface, protocol, source and internal destination", "one entry for each of them" };
+}
+
 // --- The whole -------------------------------------------------------------------------------------------------------
 
 class Reader {
@@ -129,16 +177,45 @@ class Reader {
    void readInstance( JsonValue place ) {
       InstanceMembers instance;
       takeMembers( place, instanceMembers, instance );
+      forEachIn( instance.detections, detectionMembers, [ & ]( JsonValue, DetectionMembers const & detection ) {
+         instance.l4Detected.set( detection.protocol );
+      } );
       result_.instanceId = instance.id;
       result_.instanceName = instance.name;
       result_.enabled = instance.enabled;
+      result_.settings = instance;
       result_.rules->fragmentationEnabledIs( instance.fragmentation );
+      result_.rules->vrfLessIs( instance.vrfLess );
+      faults_.collect( [ & ] { readProfiles( instance.profiles ); } );
+      collectForEach( instance.traps, [ & ]( JsonValue value ) { readTrap( value ); } );
       collectForEach( instance.groups, [ & ]( JsonValue value ) { readGroup( value ); } );
       // Entries that name a faulty group are not to be blamed for it.
       if ( instance.mappingTable && !faults_.any() ) {
          collectForEach( onlyMember( instance.mappingTable, "mapping-entry", false ),
                          [ & ]( JsonValue value ) { readEntry( value ); } );
       }
+   }
+
+   void readProfiles( JsonValue list ) {
+      forEachIn( list, profileMembers, [ & ]( JsonValue value, ProfileMembers const & members ) {
+         if ( !result_.profiles.emplace( members.vlan, members.profile ).second ) {
+            refuse( value, "has the VLAN " + std::to_string( members.vlan ) + " of another profile",
+                    "one profile per VLAN" );
+         }
+      } );
+   }
+
+   void readTrap( JsonValue value ) {
+      auto trap = takeTrap( value );
+      auto const & key = trap.key.key;
+      bool const isNew = traps_.insert( { key.aclName, key.poolId, trap.entry->rule().ruleId } ).second;
+      if ( !isNew || result_.rules->trapEntry().has( trap.key ) ) {
+         refuse( value,
+                 "has the access list, pool and rule id, or the interface, access list and pool, of another trap",
+                 "one trap for each of them" );
+      }
+      result_.rules->trapEntryIs( trap.key, trap.entry );
+      result_.traps.push_back( std::move( trap ) );
    }
 
    template< class Function > void collectForEach( JsonValue list, Function && function ) {
@@ -169,22 +246,49 @@ class Reader {
          refuse( value, "has the index " + std::to_string( connection.index ) + " of another entry",
                  "an index of its own" );
       }
-      auto const [ indexOfRow, isNew ] =
-         indexOfRow_.refOrEmplace( ingressRowOf( connection, Ip::Nat::NatTarget::source ) );
-      if ( !isNew ) {
-         refuse( value, "derives the rows of entry " + std::to_string( indexOfRow ),
-                 "one entry per interface, VRF, protocol and pair of addresses and ports, whichever side is written" );
+      std::visit( [ & ]( auto const & rule ) { claim( value, rule, connection.index ); }, connection.rule );
+      add( result_, std::move( connection ) );
+   }
+
+   template< class AnyRule > void claim( JsonValue value, AnyRule const & rule, U32 index ) {
+      if ( auto const other = claimRows( rule, index ) ) {
+         refuse( value, "derives the rows of entry " + std::to_string( *other ), claimTexts( rule ).oneRow );
       }
-      indexOfRow = connection.index;
-      result_.rules->staticEntryIs( connection.key, connection.entry );
-      if ( result_.rules->staticEntry().count() == result_.connections.size() ) {
-         auto const other = std::ranges::find( result_.connections, connection.key, &StaticConnection::key );
+      if ( configured( *result_.rules, rule.key ) ) {
+         auto const other = std::ranges::find_if( result_.connections, [ & ]( Connection const & connection ) {
+            auto const * const same = std::get_if< AnyRule >( &connection.rule );
+            return same && same->key == rule.key;
+         } );
          refuse( value,
-                 "has the interface, access list, internal address and internal port of entry " +
-                    std::to_string( other->index ),
-                 "one entry for each of them; the protocol does not tell entries apart" );
+                 std::string( "has the " ) + claimTexts( rule ).key + " of entry " + std::to_string( other->index ),
+                 claimTexts( rule ).oneKey );
       }
-      result_.connections.push_back( std::move( connection ) );
+   }
+
+   // Whose the row is; absent when nobody's so far.
+   std::optional< U32 > claimRow( Pfe::IngNatTableKey const & row, U32 index ) {
+      auto const [ owner, isNew ] = indexOfRow_.refOrEmplace( row );
+      if ( !isNew ) {
+         return owner;
+      }
+      owner = index;
+      return std::nullopt;
+   }
+
+   // One row of a static or twice rule tells what the other is, those of a dynamic one are in tables of their own.
+   std::optional< U32 > claimRows( StaticRule const & rule, U32 index ) {
+      return claimRow( ingressRowOf( rule, Ip::Nat::NatTarget::source ), index );
+   }
+   std::optional< U32 > claimRows( TwiceRule const & rule, U32 index ) {
+      return claimRow( *ingressRowsOf( rule, result_.settings ).begin(), index );
+   }
+   std::optional< U32 > claimRows( DynamicRule const & rule, U32 index ) {
+      std::optional< U32 > other;
+      for ( auto const & row : ingressRowsOf( rule, result_.settings ) ) {
+         auto const taken = claimRow( row, index );
+         other = other ? other : taken;
+      }
+      return other;
    }
 
    JsonDocument const & document_;
@@ -192,39 +296,36 @@ class Reader {
    Faults faults_;
    McastGroups groups_;
    Vexa::HashSet< U32, 0x3C6EF372 > indexes_;
-   Vexa::HashMap< Pfe::IngStaticNatTable::Key, U32, 0x7F4A7C15 > indexOfRow_;  // of the entry that derives it
+   Vexa::HashMap< Pfe::IngNatTableKey, U32, 0x7F4A7C15 > indexOfRow_;  // of the entry that derives it
+   std::set< Pfe::NatTrapKey > traps_;
 };
 
 }  // namespace
 
-bool isMulticast( StaticConnection const & connection ) {
-   return Pfe::staticConnectionIsMulticast( connection.key, connection.entry, true );
-}
-
-Pfe::IngStaticNatTable::Key ingressRowOf( StaticConnection const & connection, Ip::Nat::NatTarget target ) {
-   auto const & rule = connection.entry->connection();
-   Netix::IpAndPort const inKey{ connection.key.key.ip, connection.key.key.port };
-   bool const keyIsMatched = target == rule.target;
-   return { .natIntf = connection.key.natIntf.name(),
-            .vrfId = connection.entry->vrfId(),
-            .ipAndPortOld = keyIsMatched ? inKey : rule.translated,
-            .ipAndPortNew = keyIsMatched ? rule.translated : inKey,
-            .target = target,
-            .protocol = rule.protocol,
-            .fragment = false,
-            .mcast = isMulticast( connection ) };
-}
-
-StaticConnection const * connectionOf( Pfe::IngStaticNatTable::Key const & row, Configuration const & configuration ) {
-   auto const found = std::ranges::find_if( configuration.connections, [ & ]( StaticConnection const & connection ) {
-      return ingressRowOf( connection, row.target ) == row;
+Connection const * connectionOf( Pfe::IngNatTableKey const & row, Configuration const & configuration ) {
+   auto const found = std::ranges::find_if( configuration.connections, [ & ]( Connection const & connection ) {
+      auto const rows = ingressRowsOf( connection, configuration.settings );
+      return std::find( rows.begin(), rows.end(), row ) != rows.end();
    } );
    return found == configuration.connections.end() ? nullptr : &*found;
 }
 
-Configuration configurationFrom( std::string const & file ) {
-   JsonDocument const document( file, textOfFile( file ) );
+void add( Configuration & configuration, Connection connection ) {
+   auto & rules = *configuration.rules;
+   std::visit(
+      [ & ]( auto const & rule ) {
+         configuration.qualifiers.emplace( rule.key.natIntf, rule.entry->intfQualifier() );
+         configure( rules, rule );
+      },
+      connection.rule );
+   configuration.connections.push_back( std::move( connection ) );
+}
+
+Configuration configurationIn( std::string const & file, std::string_view text ) {
+   JsonDocument const document( file, text );
    return Reader( document, file ).read();
 }
+
+Configuration configurationFrom( std::string const & file ) { return configurationIn( file, textOfFile( file ) ); }
 
 }  // namespace Agent

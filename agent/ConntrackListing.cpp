@@ -147,11 +147,11 @@ ConntrackListing conntrackListingFrom( std::string const & file, RowClaims & cla
    return conntrackListing( file, textOfFile( file ), claims );
 }
 
-ConntrackListing learnFrom( std::string const & file, Pfe::NatProgrammerConfig & rules, NatInterface const & intf ) {
-   RowClaims claims( rules, intf );
+ConntrackListing learnFrom( std::string const & file, Configuration & configuration, NatInterface const & intf ) {
+   RowClaims claims( *configuration.rules, intf );
    auto listing = conntrackListingFrom( file, claims );
-   for ( auto const & [ line, connection ] : listing.learned ) {
-      learn( rules, intf, connection );
+   for ( auto const & [ line, learned ] : listing.learned ) {
+      add( configuration, { .line = line, .rule = ruleOf( learned, intf ) } );
    }
    return listing;
 }

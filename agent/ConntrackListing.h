@@ -1,6 +1,7 @@
 // Listings of the Linux tool conntrack: `conntrack -L`, also with `-o extended`, `id`, `timestamp` and `labels`.
 #pragma once
 
+#include "agent/Configuration.h"
 #include "agent/LearnedConnection.h"
 
 #include <cstddef>
@@ -42,9 +43,9 @@ ConntrackListing conntrackListingFrom( std::string const & file, RowClaims & cla
 // The same of a text; `file` only names it.
 ConntrackListing conntrackListing( std::string file, std::string_view text, RowClaims & claims );
 
-// Reads a file and puts what is learned among the rules, whose dynamic connections keep their keys and rows. Before the
-// rules are programmed: NAT ids that were kept for the connections are given up otherwise. Throws UnusableInput as
-// above; nothing was put then.
-ConntrackListing learnFrom( std::string const & file, Pfe::NatProgrammerConfig & rules, NatInterface const & intf );
+// Reads a file and adds what is learned to the configuration, whose own dynamic connections keep their keys and rows.
+// Before the rules are programmed: NAT ids that were kept for the connections are given up otherwise. Throws
+// UnusableInput as above; nothing was added then.
+ConntrackListing learnFrom( std::string const & file, Configuration & configuration, NatInterface const & intf );
 
 }  // namespace Agent

@@ -3,10 +3,9 @@
 #pragma once
 
 #include "agent/Configuration.h"
+#include "agent/McastReplications.h"
 #include "agent/NatIdStore.h"
 #include "agent/NatTables.h"
-
-#include "PfeNat/PfeNatSwTableProgrammerSm.h"
 
 #include <Asic/Hardware.h>
 #include <Pfe/NatIdInfo.h>
@@ -14,9 +13,12 @@
 #include <Pfe/NatSideTables.h>
 
 #include <memory>
+#include <optional>
 
 namespace Agent {
 
+// Every operation ends at rest: nothing is outstanding, and what was asked for has its result. All of them throw
+// UnusableInput when the store does not take the ids; the host is of no use then.
 class Host {
  public:
    // `store` may be null: the NAT ids last as long as the host. Else it must outlive the host.
@@ -26,16 +28,31 @@ class Host {
    Host( Host const & ) = delete;
    Host & operator=( Host const & ) = delete;
 
-   // Programs the configuration and returns when nothing is outstanding any more. Called once. Throws UnusableInput
-   // when the store does not take the ids.
+   // Programs the configuration. Called once, before what follows.
    void program();
+
+   // Goes over to another configuration. Rows of rules that stay the same are not written again, unless later
+   // fragments are to be translated from now on, or not any more; other settings, and the copies of a multicast rule,
+   // change only while nothing is programmed. What failed is tried again. While all is deleted the new configuration
+   // is only kept.
+   void reload( Configuration configuration );
+
+   // Takes all rules out of the tables, with their NAT ids, until addAll(). False: they are out already.
+   bool deleteAll();
+   // False: they are in.
+   bool addAll();
+   bool isDeleted() const { return programmer_->cleanupInProgress(); }
+
+   // Tries again what the hardware did not take, and what found no NAT id.
+   void retry();
 
    // Whether every connection is programmed and every row of every table accepted.
    bool isComplete() const;
+   // Null: no result yet, or none for such a rule.
+   PfeHelper::NatHwResult const * resultOf( Connection const & connection ) const;
 
    Configuration const & configuration() const { return configuration_; }
    NatTables const & tables() const { return tables_; }
-   Pfe::NatProgrammerStatus const & status() const { return *status_; }
    Pfe::NatIdInfo const & natIdInfo() const { return *natIdInfo_; }
    Pfe::NatSwTableProgrammerSm const & programmer() const { return *programmer_; }
    NatIdStore const * store() const { return store_; }  // null: none
@@ -43,15 +60,26 @@ class Host {
    U64 turns() const { return turns_; }
 
  private:
+   class L4Detection;
+
    void runUntilAtRest();
    void retryRefused();
+   void replay();
+   // Makes the rules those of `next`, what goes before what comes, and the settings.
+   void take( Configuration next );
+   void settingsAre( Settings const & settings );
 
    Configuration configuration_;
+   std::optional< Configuration > kept_;  // to be taken when rules come back
    NatIdStore * store_;
    Asic::Hardware::Ptr hardware_;
    NatTables tables_;
    Pfe::NatProgrammerStatus::Ptr status_;
    Pfe::NatIdInfo::Ptr natIdInfo_;
+   Ip::Nat::HwCapabilities::Ptr capabilities_;
+   Orla::Ptr< McastReplications > replications_;
+   Orla::Ptr< L4Detection > detection_;
+   Pfe::NatVlanProfileConfig::Ptr profiles_;
    Pfe::NatSwTableProgrammerSm::Ptr programmer_;
    U64 turns_ = 0;
 };

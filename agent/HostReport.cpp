@@ -1,13 +1,15 @@
 #include "agent/HostReport.h"
 
-#include "agent/McastReplications.h"
 #include "agent/Text.h"
 
-#include <IpNat/NatStatic.h>
 #include <Orla/String.h>
 #include <Trace/RingTrace.h>
+#include <Vexa/HashMap.h>
 
 #include <algorithm>
+#include <bit>
+#include <concepts>
+#include <map>
 #include <unordered_map>
 #include <variant>
 
@@ -17,31 +19,54 @@ namespace {
 
 using Kind = Table::Kind;
 using PfeHelper::NatHwResult;
-using Row = Pfe::IngStaticNatTable::Key;
 
-void appendId( std::string & ids, Row const & row, Host const & host ) {
-   Pfe::StaticNatMatchKey const matchKey{ .natIntf = row.natIntf,
-                                          .vrfId = row.vrfId,
-                                          .ipAndPortOld = row.ipAndPortOld,
-                                          .target = row.target,
-                                          .protocol = row.protocol };
-   if ( auto const * const id = host.natIdInfo().matchKeyToNatId().find( matchKey ) ) {
+// By the row that holds it.
+using IdOfRow = Vexa::HashMap< Pfe::IngNatTableKey, Pfe::NatId, 0x5A827999 >;
+
+// Calls function( id, row ) for every row that holds a NAT id.
+template< class Function > void forEachHolder( Host const & host, Function && function ) {
+   auto const & holders = host.programmer().natIdManager()->matchKeyToIngKeySet();
+   host.natIdInfo().matchKeyToNatId().forEach( [ & ]( Pfe::NatMatchKey const & matchKey, Pfe::NatId id ) {
+      if ( auto const * const rows = holders.find( matchKey ) ) {
+         rows->entry().forEach( [ & ]( Pfe::IngNatTableKey const & row ) { function( id, row ); } );
+      }
+   } );
+}
+
+void appendId( std::string & ids, IdOfRow const & idOfRow, Pfe::IngNatTableKey const & row ) {
+   if ( auto const * const id = idOfRow.find( row ) ) {
       ids += ids.empty() ? "" : " ";
-      append( ids, U64{ id->value() } );
+      Vexa::append( ids, *id );
+   }
+}
+
+template< class Key > std::string_view sideOf( Key const & row ) {
+   if constexpr ( requires { row.target; } ) {
+      return targetText( row.target );
+   } else if constexpr ( requires { row.forward; } ) {
+      return row.forward ? "forward" : "reverse";
+   } else {
+      bool const isSource = std::is_same_v< Key, Pfe::IngDynamicSnaptTable::Key > ||
+                            std::is_same_v< Key, Pfe::IngDynamicSnatAddrOnlyTable::Key >;
+      return isSource ? "source" : "destination";
    }
 }
 
 // Why the row is not in the hardware; empty when it is. A row that was never written is one of a rule that was refused,
-// which happens to static rules for want of a NAT id only.
-std::string faultOf( Row const & row, Host const & host ) {
-   auto const * const handle = host.tables().of< Pfe::IngStaticNatTable >()->entryHandle( row );
-   if ( !handle ) {
-      return "no NAT id was free";
-   }
-   auto const state = handle->state();
-   return state == Asic::EntryState::settled
-             ? ""
-             : std::string( targetText( row.target ) ).append( " row " ).append( stateText( state ) );
+// which happens for want of a NAT id only.
+std::string faultOf( Pfe::IngNatTableKey const & row, NatTables const & tables ) {
+   std::string fault;
+   tables.forEachIngress( [ & ]( auto const & table ) {
+      using Key = typename std::remove_cvref_t< decltype( table ) >::Key;
+      if ( auto const * const key = std::get_if< Key >( &row.storage() ) ) {
+         auto const * const handle = table.entryHandle( *key );
+         fault = !handle ? "no NAT id was free"
+                 : handle->state() == Asic::EntryState::settled
+                    ? ""
+                    : std::string( sideOf( *key ) ).append( " row " ).append( stateText( handle->state() ) );
+      }
+   } );
+   return fault;
 }
 
 // What became of a connection, at rest.
@@ -53,79 +78,105 @@ struct ConnectionState {
    std::string fragmentNatIds;  // of the later fragments in these directions; other connections may share them
 };
 
-ConnectionState stateOf( StaticConnection const & connection, Host const & host ) {
-   auto const * const status = host.status().staticStatus().find( connection.key );
-   auto const result = status ? status->result : NatHwResult::pending;
-   ConnectionState state{ .programmed = result == NatHwResult::programmed,
-                          .result = status ? resultText( result ) : "no result",
-                          .reason =
-                             result == NatHwResult::rejectedMulticast ? std::string( whyInvalid( connection ) ) : "",
+// Why a rule has no result for a reason of its own; empty when its rows have to tell.
+std::string_view reasonOf( Connection const & connection, NatHwResult const * result, Host const & host ) {
+   auto const * const dynamicRule = std::get_if< DynamicRule >( &connection.rule );
+   if ( host.isDeleted() ) {
+      return "all rules were deleted";
+   }
+   if ( dynamicRule && dynamicRule->entry->connection().fullCone &&
+        !host.configuration().settings.fullConeProgrammed ) {
+      return "full-cone connections are translated elsewhere";
+   }
+   return result && *result == NatHwResult::rejectedMulticast ? whyInvalid( connection ) : "";
+}
+
+ConnectionState stateOf( Connection const & connection, Host const & host, IdOfRow const & idOfRow ) {
+   auto const * const result = host.resultOf( connection );
+   auto const & settings = host.configuration().settings;
+   ConnectionState state{ .programmed = result && *result == NatHwResult::programmed,
+                          .result = result ? resultText( *result ) : "no result",
+                          .reason = std::string( reasonOf( connection, result, host ) ),
                           .natIds = {},
                           .fragmentNatIds = {} };
-   auto const target = connection.entry->connection().target;
-   for ( auto const side : Ip::Nat::getStaticConnectionTargets( target, isMulticast( connection ) ) ) {
-      auto row = ingressRowOf( connection, side );
-      appendId( state.natIds, row, host );
-      if ( !state.programmed && result != NatHwResult::rejectedMulticast ) {
-         auto const fault = faultOf( row, host );
+   bool const hasReason = !state.reason.empty();
+   for ( auto const & row : ingressRowsOf( connection, settings ) ) {
+      appendId( state.natIds, idOfRow, row );
+      if ( !state.programmed && !hasReason ) {
+         auto const fault = faultOf( row, host.tables() );
          if ( fault != state.reason ) {
             state.reason += ( fault.empty() || state.reason.empty() ? "" : ", " ) + fault;
          }
       }
-      if ( row.ipAndPortOld.port != 0 && host.configuration().rules->fragmentationEnabled() ) {
-         row.ipAndPortOld.port = 0;
-         appendId( state.fragmentNatIds, row, host );
+      if ( settings.fragmentation && !ignoresPorts( row ) ) {
+         appendId( state.fragmentNatIds, idOfRow, fragmentRowOf( row ) );
       }
    }
    return state;
 }
 
 void addNumber( Table & table, U64 number ) {
-   append( table.cell(), number );
+   Vexa::append( table.cell(), number );
    table.endCell();
 }
 
-// Returns how many are programmed.
-std::size_t reportConnections( Report & report, Host const & host ) {
+// Of the entry, or of the line that it was learned from.
+void addNumberOf( Table & table, Connection const & connection ) {
+   connection.line == 0 ? addNumber( table, connection.index ) : table.cell( "" );
+   connection.line == 0 ? table.cell( "" ) : addNumber( table, connection.line );
+}
+
+}  // namespace
+
+void reportConnections( Report & report, Host const & host ) {
    Table table( { { "entry", Kind::number },
+                  { "line", Kind::number },
+                  { "kind" },
                   { "interface" },
                   { "target" },
                   { "protocol" },
                   { "local" },
                   { "global" },
+                  { "peer" },
                   { "natIds", Kind::numbers },
                   { "fragmentIds", Kind::numbers },
                   { "result" },
                   { "reason" } } );
-   std::size_t programmed = 0;
+   IdOfRow idOfRow;
+   forEachHolder( host, [ & ]( Pfe::NatId id, Pfe::IngNatTableKey const & row ) { idOfRow.is( row, id ); } );
    for ( auto const & connection : host.configuration().connections ) {
-      auto const state = stateOf( connection, host );
-      auto const & rule = connection.entry->connection();
-      auto const inside = ingressRowOf( connection, Ip::Nat::NatTarget::source );
-      programmed += state.programmed;
-      addNumber( table, connection.index );
-      table.cell( inside.natIntf.text() );
-      table.cell( targetText( rule.target ) );
-      table.cell( protocolText( rule.protocol ) );
-      table.cell( textOf( inside.ipAndPortOld ) );
-      table.cell( textOf( inside.ipAndPortNew ) );
-      table.cell( state.natIds );
-      table.cell( state.fragmentNatIds );
+      auto const state = stateOf( connection, host, idOfRow );
+      auto const text = textOf( connection );
+      addNumberOf( table, connection );
+      table.cell( text.kind );
+      table.cell( text.intf.name().text() );
+      table.cell( text.target );
+      table.cell( protocolText( text.protocol ) );
+      for ( std::string_view const cell :
+            { std::string_view( text.local ), std::string_view( text.global ), std::string_view( text.peer ),
+              std::string_view( state.natIds ), std::string_view( state.fragmentNatIds ), state.result,
+              std::string_view( state.reason ) } ) {
+         table.cell( cell );
+      }
+   }
+   report.table( "connections", table );
+}
+
+void reportStatuses( Report & report, Host const & host ) {
+   Table table( { { "entry", Kind::number }, { "line", Kind::number }, { "result" }, { "reason" } } );
+   for ( auto const & connection : host.configuration().connections ) {
+      auto const state = stateOf( connection, host, {} );
+      addNumberOf( table, connection );
       table.cell( state.result );
       table.cell( state.reason );
    }
-   report.table( "connections", table );
-   return programmed;
+   report.table( "statuses", table );
 }
 
 void reportNatIds( Report & report, Host const & host ) {
-   auto const & holders = host.programmer().natIdManager()->matchKeyToIngKeySet();
    std::vector< std::pair< Pfe::NatId, std::string > > held;
-   host.natIdInfo().matchKeyToNatId().forEach( [ & ]( Pfe::NatMatchKey const & matchKey, Pfe::NatId id ) {
-      holders.find( matchKey )->entry().forEach( [ & ]( Pfe::IngNatTableKey const & holder ) {
-         held.emplace_back( id, std::visit( []( auto const & key ) { return fieldsOf( key ); }, holder.storage() ) );
-      } );
-   } );
+   forEachHolder(
+      host, [ & ]( Pfe::NatId id, Pfe::IngNatTableKey const & row ) { held.emplace_back( id, fieldsOf( row ) ); } );
    std::ranges::sort( held );
    Table table( { { "natId", Kind::number }, { "holder" } } );
    for ( auto const & [ id, holder ] : held ) {
@@ -136,7 +187,77 @@ void reportNatIds( Report & report, Host const & host ) {
    report.table( "natIds", table );
 }
 
+// --- Traps and profiles ----------------------------------------------------------------------------------------------
+
+namespace {
+
+std::string prefixText( Netix::IpAddrWithFullMask const & prefix ) {
+   return prefix.mask == Netix::IpAddr()
+             ? ""
+             : textOf( { prefix.address, 0 } ) + "/" + std::to_string( std::popcount( prefix.mask.value() ) );
+}
+
+// A port, or a block of ports that begins with it.
+std::string portsText( U16 port, U16 mask ) {
+   auto const last = static_cast< U16 >( port | ~mask );
+   return mask == 0 ? "" : std::to_string( port ) + ( last == port ? "" : "-" + std::to_string( last ) );
+}
+
+}  // namespace
+
+void reportTraps( Report & report, Host const & host ) {
+   Table table( { { "acl" },
+                  { "sequence", Kind::number },
+                  { "trap" },
+                  { "vrf" },
+                  { "source" },
+                  { "destination" },
+                  { "protocol" },
+                  { "sourcePorts" },
+                  { "destinationPorts" } } );
+   std::map< Pfe::NatTrapKey, Pfe::NatTrapAcl const * > acls;
+   for ( auto const & [ key, acl ] : host.programmer().natTrapConfig()->trapAcl() ) {
+      acls.emplace( key, &acl );
+   }
+   for ( auto const & [ key, acl ] : acls ) {
+      for ( auto const & [ sequence, rule ] : acl->ruleBySequence() ) {
+         table.cell( std::string( key.aclName.text() ) + " pool " + std::to_string( key.poolId ) + " rule " +
+                     std::to_string( key.ruleId ) );
+         addNumber( table, sequence );
+         table.cell( rule.trap != 0 ? "yes" : "no" );
+         table.cell( rule.vrfId == 0 ? "" : std::to_string( rule.vrfId ) );
+         table.cell( prefixText( rule.source ) );
+         table.cell( prefixText( rule.destination ) );
+         table.cell( rule.protocolMask == 0 ? "" : protocolText( rule.protocol ) );
+         table.cell( portsText( rule.sourcePort, rule.sourcePortMask ) );
+         table.cell( portsText( rule.destinationPort, rule.destinationPortMask ) );
+      }
+   }
+   if ( table.rowCount() != 0 ) {
+      report.line( "" );
+      report.table( "traps", table );
+   }
+}
+
+void reportProfiles( Report & report, Host const & host ) {
+   std::map< U16, U16 > profiles;
+   for ( auto const & [ vlan, profile ] : host.programmer().natProfileConfig()->vlanIdToProfileId() ) {
+      profiles.emplace( vlan, profile );
+   }
+   Table table( { { "vlan", Kind::number }, { "profile", Kind::number } } );
+   for ( auto const & [ vlan, profile ] : profiles ) {
+      addNumber( table, vlan );
+      addNumber( table, profile );
+   }
+   if ( table.rowCount() != 0 ) {
+      report.line( "" );
+      report.table( "profiles", table );
+   }
+}
+
 // --- Rows ------------------------------------------------------------------------------------------------------------
+
+namespace {
 
 // By handle, the fields of the key of each egress row.
 using RewriteKeys = std::unordered_map< Asic::EntryHandle const *, std::string >;
@@ -145,22 +266,20 @@ template< Vexa::Described Entry > std::string actionOf( Entry const & entry, Rew
    return fieldsOf( entry );
 }
 
-std::string actionOf( Asic::ReferringEntry const & entry, RewriteKeys const & rewriteKeys ) {
+template< std::derived_from< Asic::ReferringEntry > Entry >
+std::string actionOf( Entry const & entry, RewriteKeys const & rewriteKeys ) {
    std::string action;
    entry.egrHdl.forEach( [ & ]( Asic::EntryHandle::PtrConst const & handle, bool ) {
       action += ( action.empty() ? "" : ", " ) + rewriteKeys.at( handle.ptr() );
    } );
-   return action;
-}
-
-std::string actionOf( Pfe::IngStaticNatTable::Entry const & entry, RewriteKeys const & rewriteKeys ) {
-   auto action = actionOf( static_cast< Asic::ReferringEntry const & >( entry ), rewriteKeys );
    auto const add = [ & ]( char const * name, U64 number ) {
       action += number == 0 ? "" : std::string( " " ) + name + "=" + std::to_string( number );
    };
    add( "nextHopId", entry.nextHopId );
-   add( "aclId", entry.aclId );
-   add( "filters", entry.filters.size() );
+   if constexpr ( std::is_same_v< Entry, Pfe::IngStaticNatTable::Entry > ) {
+      add( "aclId", entry.aclId );
+      add( "filters", entry.filters.size() );
+   }
    return action;
 }
 
@@ -200,24 +319,19 @@ std::string shareOf( std::size_t part, std::size_t all ) { return part == all ? 
 
 }  // namespace
 
-void reportProgramming( Report & report, Host const & host, Sections const & sections ) {
-   auto const & configuration = host.configuration();
-   report.fact( "file", configuration.file );
-   report.fact( "instance", { { "id", configuration.instanceId },
-                              { "name", configuration.instanceName },
-                              { "fragmentation", configuration.rules->fragmentationEnabled() } } );
-   report.line(
-      configuration.file + ", instance " + std::to_string( configuration.instanceId ) +
-      ( configuration.instanceName.empty() ? "" : " " + Vexa::stringOf( Orla::String( configuration.instanceName ) ) ) +
-      "\n" );
-   auto const programmed = reportConnections( report, host );
-   if ( sections.natIds ) {
-      reportNatIds( report, host );
-   }
-   if ( sections.rows ) {
-      report.line( "" );
-      report.table( "rows", rowsOf( host.tables(), false ) );
-   }
+void reportRows( Report & report, Host const & host ) {
+   report.line( "" );
+   report.table( "rows", rowsOf( host.tables(), false ) );
+}
+
+void reportRing( Report & report, std::size_t lines ) {
+   auto const ring = Trace::RingTrace::defaultHandle().lastLines( lines );
+   report.fact( "ringTrace", ring );
+   report.line( "" );
+   std::ranges::for_each( ring, [ & ]( std::string const & line ) { report.line( "  " + line ); } );
+}
+
+void reportSummary( Report & report, Host const & host ) {
    std::size_t rows = 0;
    std::size_t failed = 0;
    host.tables().forEach( [ & ]( auto const & table ) {
@@ -228,13 +342,13 @@ void reportProgramming( Report & report, Host const & host, Sections const & sec
       report.line( "\nThe hardware did not take " + counted( failed, "row" ) + ":" );
       report.table( "failedRows", rowsOf( host.tables(), true ) );
    }
-   if ( sections.ringLines != 0 ) {
-      auto const ring = Trace::RingTrace::defaultHandle().lastLines( sections.ringLines );
-      report.fact( "ringTrace", ring );
-      report.line( "" );
-      std::ranges::for_each( ring, [ & ]( std::string const & line ) { report.line( "  " + line ); } );
-   }
-   auto const total = configuration.connections.size();
+   auto const & connections = host.configuration().connections;
+   auto const total = connections.size();
+   auto const programmed =
+      static_cast< std::size_t >( std::ranges::count_if( connections, [ & ]( Connection const & connection ) {
+         auto const * const result = host.resultOf( connection );
+         return result && *result == NatHwResult::programmed;
+      } ) );
    auto const natIds = host.natIdInfo().matchKeyToNatId().count();
    auto const restored = host.store() ? host.store()->restoredCount() : 0;
    report.fact( "summary", { { "connections", total },
@@ -250,6 +364,35 @@ void reportProgramming( Report & report, Host const & host, Sections const & sec
       ( host.store() ? " kept in " + host.store()->folder() + ", " + std::to_string( restored ) + " known before"
                      : "" ) +
       "; " + counted( host.turns(), "turn" ) );
+}
+
+void reportHeading( Report & report, Host const & host ) {
+   auto const & configuration = host.configuration();
+   report.fact( "file", configuration.file );
+   report.fact( "instance", { { "id", configuration.instanceId },
+                              { "name", configuration.instanceName },
+                              { "fragmentation", configuration.settings.fragmentation } } );
+   report.line(
+      configuration.file + ", instance " + std::to_string( configuration.instanceId ) +
+      ( configuration.instanceName.empty() ? "" : " " + Vexa::stringOf( Orla::String( configuration.instanceName ) ) ) +
+      "\n" );
+}
+
+void reportProgramming( Report & report, Host const & host, Sections const & sections ) {
+   reportHeading( report, host );
+   reportConnections( report, host );
+   reportTraps( report, host );
+   reportProfiles( report, host );
+   if ( sections.natIds ) {
+      reportNatIds( report, host );
+   }
+   if ( sections.rows ) {
+      reportRows( report, host );
+   }
+   if ( sections.ringLines != 0 ) {
+      reportRing( report, sections.ringLines );
+   }
+   reportSummary( report, host );
 }
 
 }  // namespace Agent

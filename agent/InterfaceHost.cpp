@@ -19,18 +19,34 @@ namespace {
 using Kind = Table::Kind;
 using SwTableKey = Pfe::NatSwTableStaticKey;
 
+// Calls function( index, rule ) for every static connection, in their order.
+template< class Function > void forEachStatic( Configuration const & configuration, Function && function ) {
+   for ( auto const & connection : configuration.connections ) {
+      if ( auto const * const rule = std::get_if< StaticRule >( &connection.rule ) ) {
+         function( connection.index, *rule );
+      }
+   }
+}
+
+void requireNoProfiles( Configuration const & configuration ) {
+   if ( !configuration.profiles.empty() ) {
+      throw UnusableInput( configuration.file +
+                           ": pfe-nat:vlan-profile: " + std::to_string( configuration.profiles.size() ) +
+                           " profiles; allowed in interface mode: none" );
+   }
+}
+
 void requireVlans( Configuration const & configuration ) {
    constexpr std::size_t mostShown = 20;
    std::string faults;
    std::size_t count = 0;
-   for ( auto const & connection : configuration.connections ) {
-      if ( connection.entry->vlanId() == 0 && count++ < mostShown ) {
-         faults += ( faults.empty() ? "" : "\n" ) + configuration.file + ": entry " +
-                   std::to_string( connection.index ) +
+   forEachStatic( configuration, [ & ]( U32 index, StaticRule const & rule ) {
+      if ( rule.entry->vlanId() == 0 && count++ < mostShown ) {
+         faults += ( faults.empty() ? "" : "\n" ) + configuration.file + ": entry " + std::to_string( index ) +
                    ": lacks pfe-nat:vlan; allowed in interface mode: the VLAN of " +
-                   Vexa::stringOf( connection.key.natIntf ) + ", 1 to 4094";
+                   Vexa::stringOf( rule.key.natIntf ) + ", 1 to 4094";
       }
-   }
+   } );
    if ( count > mostShown ) {
       faults += "\n" + configuration.file + ": " + std::to_string( count - mostShown ) + " more of this kind";
    }
@@ -67,13 +83,13 @@ std::string listOf( std::vector< std::size_t > const & numbers ) {
    std::string text;
    for ( auto const number : numbers ) {
       text += text.empty() ? "" : " ";
-      append( text, number );
+      Vexa::append( text, number );
    }
    return text;
 }
 
 void addNumber( Table & table, U64 number ) {
-   append( table.cell(), number );
+   Vexa::append( table.cell(), number );
    table.endCell();
 }
 
@@ -84,9 +100,8 @@ class Dependencies {
    Dependencies( Configuration const & configuration, Pfe::NatSwTableConfig const & swTableConfig,
                  Pfe::NatProgrammerStaticMap const & map )
       : map_( map ) {
-      for ( auto const & connection : configuration.connections ) {
-         numberOfConnection_.emplace( connection.key, connection.index );
-      }
+      forEachStatic( configuration,
+                     [ & ]( U32 index, StaticRule const & rule ) { numberOfConnection_.emplace( rule.key, index ); } );
       swTableConfig.staticEntry().forEach( [ & ]( SwTableKey const & key, auto const & ) { keys_.push_back( key ); } );
       std::ranges::sort( keys_, {}, []( SwTableKey const & key ) {
          return std::tuple( key.vrfId, key.reverse ? key.ipAndPortNew : key.ipAndPortOld,
@@ -134,18 +149,18 @@ Table connectionsOf( Configuration const & configuration, Dependencies const & d
                   { "local" },
                   { "global" },
                   { "feeds", Kind::numbers } } );
-   for ( auto const & connection : configuration.connections ) {
-      auto const & rule = connection.entry->connection();
-      auto const inside = ingressRowOf( connection, Ip::Nat::NatTarget::source );
-      addNumber( table, connection.index );
+   forEachStatic( configuration, [ & ]( U32 index, StaticRule const & rule ) {
+      auto const & connection = rule.entry->connection();
+      auto const inside = ingressRowOf( rule, Ip::Nat::NatTarget::source );
+      addNumber( table, index );
       table.cell( inside.natIntf.text() );
-      addNumber( table, connection.entry->vlanId() );
-      table.cell( targetText( rule.target ) );
-      table.cell( protocolText( rule.protocol ) );
+      addNumber( table, rule.entry->vlanId() );
+      table.cell( targetText( connection.target ) );
+      table.cell( protocolText( connection.protocol ) );
       table.cell( textOf( inside.ipAndPortOld ) );
       table.cell( textOf( inside.ipAndPortNew ) );
-      table.cell( listOf( dependencies.fedBy( connection.key ) ) );
-   }
+      table.cell( listOf( dependencies.fedBy( rule.key ) ) );
+   } );
    return table;
 }
 
@@ -210,6 +225,7 @@ InterfaceHost::InterfaceHost( Configuration configuration )
    : configuration_( std::move( configuration ) ),
      swTableConfig_( Orla::make< Pfe::NatSwTableConfig >() ),
      swTableStatus_( Orla::make< Pfe::NatSwTableStatus >() ) {
+   requireNoProfiles( configuration_ );
    requireVlans( configuration_ );
    consumer_ = Pfe::natSwTableSmFactory( swTableConfig_, swTableStatus_ );
    consumer_->initializedIs( true );

@@ -106,14 +106,14 @@ std::optional< U32 > RowClaims::claim( LearnedConnection const & learned, U32 ow
    return std::nullopt;
 }
 
-void learn( Pfe::NatProgrammerConfig & rules, NatInterface const & intf, LearnedConnection const & learned ) {
-   rules.dynamicEntryIs( { .natIntf = intf.intf, .conn = learned.conn },
-                         Orla::make< Pfe::NatProgrammerDynamicEntry >(
-                            Pfe::NatProgrammerDynamicEntry::Fields{ .vrfId = intf.vrfId,
-                                                                    .intfQualifier = intf.qualifier,
-                                                                    .connection = learned.connection,
-                                                                    .global = learned.global,
-                                                                    .nextHop = {} } ) );
+DynamicRule ruleOf( LearnedConnection const & learned, NatInterface const & intf ) {
+   return { { .natIntf = intf.intf, .conn = learned.conn },
+            Orla::make< Pfe::NatProgrammerDynamicEntry >(
+               Pfe::NatProgrammerDynamicEntry::Fields{ .vrfId = intf.vrfId,
+                                                       .intfQualifier = intf.qualifier,
+                                                       .connection = learned.connection,
+                                                       .global = learned.global,
+                                                       .nextHop = {} } ) };
 }
 
 }  // namespace Agent

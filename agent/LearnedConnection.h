@@ -1,10 +1,9 @@
 // Flows that a kernel's connection tracking translates, and the dynamic connections that translate them in the tables.
 #pragma once
 
-#include <IpNat/NatDynamic.h>
-#include <Netix/IntfId.h>
+#include "agent/Connection.h"
+
 #include <Netix/IpAndPort.h>
-#include <Pfe/NatProgrammerConfig.h>
 #include <Vexa/HashMap.h>
 
 #include <array>
@@ -84,7 +83,6 @@ class RowClaims {
    Owners entering_;  // by what the DNAPT row matches
 };
 
-// Puts the connection among the rules, without a look at claims.
-void learn( Pfe::NatProgrammerConfig & rules, NatInterface const & intf, LearnedConnection const & learned );
+DynamicRule ruleOf( LearnedConnection const & learned, NatInterface const & intf );
 
 }  // namespace Agent

@@ -15,6 +15,6 @@ using McastGroups = std::map< std::string_view, std::shared_ptr< McastGroup cons
 
 // Reads an entry and makes the connection of it that it stands for. Throws UnusableInput for what is no entry, and for
 // what no connection can express: nothing is guessed, nothing passed over.
-StaticConnection takeMappingEntry( JsonValue value, McastGroups const & groups );
+Connection takeMappingEntry( JsonValue value, McastGroups const & groups );
 
 }  // namespace Agent

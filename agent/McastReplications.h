@@ -1,19 +1,20 @@
 // The agent's multicast hook: what the chip's code would do for multicast rules.
 #pragma once
 
-#include "agent/Configuration.h"
+#include "agent/Connection.h"
 
-#include "PfeNat/PfeNatSwTableProgrammerSm.h"
+#include <Vexa/HashMap.h>
 
 #include <string_view>
 
 namespace Agent {
 
 // Answers with one rewrite per replication of the group that the rule names: the destination becomes the rule's
-// translated group address, the source what the replication says.
+// translated group address, the source what the replication says, else what a twice rule translates it to.
 class McastReplications final : public Pfe::NatMcastProgrammerHelper {
  public:
-   explicit McastReplications( std::vector< StaticConnection > const & connections );
+   // The connection's group from now on; null: none.
+   void groupIs( Connection const & connection, std::shared_ptr< McastGroup const > const & group );
 
    Pfe::EgrMcastEntry getStaticEgrMcastEntry( Pfe::NatProgrammerStaticKey const & key,
                                               Pfe::NatProgrammerStaticEntry::PtrConst const & entry,
@@ -30,11 +31,12 @@ class McastReplications final : public Pfe::NatMcastProgrammerHelper {
    void handleStartup() override {}
 
  private:
-   using Groups = Vexa::HashMap< Pfe::NatProgrammerStaticKey, std::shared_ptr< McastGroup const >, 0x2545F491 >;
-   Groups groupOfRule_;
+   using Group = std::shared_ptr< McastGroup const >;
+   Vexa::HashMap< Pfe::NatProgrammerStaticKey, Group, 0x2545F491 > groupOfStaticRule_;
+   Vexa::HashMap< Pfe::NatProgrammerTwiceKey, Group, 0x27220A95 > groupOfTwiceRule_;
 };
 
 // Why the multicast rule cannot be translated; empty when it can.
-std::string_view whyInvalid( StaticConnection const & connection );
+std::string_view whyInvalid( Connection const & connection );
 
 }  // namespace Agent

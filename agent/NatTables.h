@@ -22,7 +22,16 @@ class NatTables {
 
    // Calls function( table ) for each, in the order in which a packet meets them.
    template< class Function > void forEach( Function && function ) const {
-      std::apply( [ & ]( auto const &... table ) { ( function( *table ), ... ); }, tables_ );
+      forEachIngress( function );
+      forEachEgress( function );
+   }
+   template< class Function > void forEachIngress( Function && function ) const {
+      function( *of< Pfe::IngTwiceNatTable >() );
+      function( *of< Pfe::IngStaticNatTable >() );
+      function( *of< Pfe::IngDynamicSnaptTable >() );
+      function( *of< Pfe::IngDynamicDnaptTable >() );
+      function( *of< Pfe::IngDynamicSnatAddrOnlyTable >() );
+      function( *of< Pfe::IngDynamicDnatAddrOnlyTable >() );
    }
    template< class Function > void forEachEgress( Function && function ) const {
       function( *of< Pfe::EgrSourceNatUcRewriteTable >() );

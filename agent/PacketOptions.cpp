@@ -64,14 +64,17 @@ template< auto from, class Value > CLI::Option * add( CLI::App & app, OptionText
 
 }  // namespace
 
+CLI::Option * addInterfaceOption( CLI::App & app, char const * name, char const * what, Netix::IntfId & intf ) {
+   constexpr char const * interfaces = "an interface, such as ethernet1, vlan20, port-channel3, loopback0, tunnel1";
+   return add< &Netix::IntfId::fromName >( app, { name, "IFACE", what, interfaces }, intf );
+}
+
 void addPacketOptions( CLI::App & app, Packet & packet ) {
    auto & group = *app.add_option_group( "Packet" );
-   constexpr char const * interfaces = "an interface, such as ethernet1, vlan20, port-channel3, loopback0, tunnel1";
    constexpr char const * pairs =
       "an IPv4 address, such as 192.0.2.1, or one with a port from 1 to 65535, such as 192.0.2.1:80";
-   add< &Netix::IntfId::fromName >( group, { "--in", "IFACE", "Interface that it enters by", interfaces }, packet.in );
-   add< &Netix::IntfId::fromName >( group, { "--out", "IFACE", "Interface that it leaves by", interfaces },
-                                    packet.out );
+   addInterfaceOption( group, "--in", "Interface that it enters by", packet.in );
+   addInterfaceOption( group, "--out", "Interface that it leaves by", packet.out );
    group.add_option( "--vrf", packet.vrfId, "VRF (default 0)" )
       ->type_name( "N" )
       ->check( CLI::Range( U32{ 0 }, static_cast< U32 >( Netix::VrfId::max ) ) );

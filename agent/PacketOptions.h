@@ -5,11 +5,13 @@
 
 namespace CLI {
 class App;
+class Option;
 }
 
 namespace Agent {
 
 // Values that are no such thing are refused by the parser, with option, value and what is allowed.
+CLI::Option * addInterfaceOption( CLI::App & app, char const * name, char const * what, Netix::IntfId & intf );
 void addPacketOptions( CLI::App & app, Packet & packet );
 
 // Throws UnusableInput unless the options go together: a known interface, and ports where there are any.

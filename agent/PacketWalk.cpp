@@ -16,67 +16,102 @@ namespace {
 struct Conditions {
    bool leaving;  // by the interface, else entering
    Netix::IntfId intf;
-   U32 vrfId;
-   U8 protocol;
-   bool fragment;
-   Netix::IpAndPort const * source;  // null: any
-   Netix::IpAndPort const * destination;
+   std::optional< U16 > qualifier;  // of the interface, where rows know it by that
+   std::optional< U32 > vrfId;      // absent: any
+   U8 protocol = 0;
+   bool fragment = false;
+   std::optional< Netix::IpAndPort > source = {};  // absent: any
+   std::optional< Netix::IpAndPort > destination = {};
 };
 
 bool hasConditions( Pfe::IngStaticNatTable::Entry const & entry ) { return entry.aclId != 0 || !entry.filters.empty(); }
-bool hasConditions( Pfe::IngTwiceNatTable::Entry const & ) { return false; }
+bool hasConditions( Asic::ReferringEntry const & ) { return false; }
 
 Netix::IntfId intfOf( Orla::String const & name ) {
    return Netix::IntfId::fromName( name.text() ).value_or( Netix::IntfId() );
 }
 
-Conditions conditionsOf( Pfe::IngStaticNatTable::Key const & row ) {
-   bool const translatesSource = row.target == Ip::Nat::NatTarget::source;
-   return { .leaving = translatesSource,
-            .intf = intfOf( row.natIntf ),
-            .vrfId = row.vrfId,
-            .protocol = row.protocol,
-            .fragment = row.fragment,
-            .source = translatesSource ? &row.ipAndPortOld : nullptr,
-            .destination = translatesSource ? nullptr : &row.ipAndPortOld };
+Conditions conditionsOf( Pfe::IngStaticNatTable::Key const & row, bool ) {
+   Conditions conditions{ .leaving = row.target == Ip::Nat::NatTarget::source,
+                          .intf = intfOf( row.natIntf ),
+                          .qualifier = {},
+                          .vrfId = row.vrfId,
+                          .protocol = row.protocol,
+                          .fragment = row.fragment };
+   ( conditions.leaving ? conditions.source : conditions.destination ) = row.ipAndPortOld;
+   return conditions;
 }
 
-Conditions conditionsOf( Pfe::IngTwiceNatTable::Key const & row ) {
+std::optional< U32 > vrfOf( U32 vrfId, bool vrfLess ) { return vrfLess ? std::nullopt : std::optional( vrfId ); }
+
+Conditions conditionsOf( Pfe::IngTwiceNatTable::Key const & row, bool vrfLess ) {
    return { .leaving = row.forward,
             .intf = row.natIntf,
-            .vrfId = row.vrfId,
-            .protocol = 0,
+            .qualifier = {},
+            .vrfId = vrfOf( row.vrfId, vrfLess ),
             .fragment = row.fragment,
-            .source = &row.srcIpAndPortOld,
-            .destination = &row.dstIpAndPortOld };
+            .source = row.srcIpAndPortOld,
+            .destination = row.dstIpAndPortOld };
+}
+
+template< class Tag > constexpr bool translatesSource = false;
+template<> constexpr bool translatesSource< Pfe::IngDynamicSnaptTableTraits > = true;
+template<> constexpr bool translatesSource< Pfe::IngDynamicSnatAddrOnlyTableTraits > = true;
+
+template< class Tag > Conditions conditionsOf( Pfe::IngDynamicNaptKey< Tag > const & row, bool vrfLess ) {
+   return { .leaving = translatesSource< Tag >,
+            .intf = {},
+            .qualifier = row.intfQualifier,
+            .vrfId = vrfOf( row.vrfId.value(), vrfLess ),
+            .protocol = row.protocol,
+            .fragment = row.fragment != 0,
+            .source = Netix::IpAndPort{ row.firstIp, row.firstPort },
+            .destination = Netix::IpAndPort{ row.secondIp, row.secondPort } };
+}
+
+template< class Tag > Conditions conditionsOf( Pfe::IngDynamicAddrOnlyKey< Tag > const & row, bool vrfLess ) {
+   Conditions conditions{ .leaving = translatesSource< Tag >,
+                          .intf = {},
+                          .qualifier = row.intfQualifier,
+                          .vrfId = vrfOf( row.vrfId.value(), vrfLess ) };
+   ( conditions.leaving ? conditions.source : conditions.destination ) = Netix::IpAndPort{ row.ip, 0 };
+   return conditions;
+}
+
+bool applies( Conditions const & row, Packet const & packet, Interfaces const & interfaces ) {
+   auto const intf = row.leaving ? packet.out : packet.in;
+   bool const atInterface =
+      row.qualifier ? interfaces.qualifiers.contains( { intf, *row.qualifier } ) : row.intf == intf;
+   return intf != Netix::IntfId() && atInterface && row.vrfId.value_or( packet.vrfId ) == packet.vrfId &&
+          ( row.protocol == 0 || row.protocol == packet.protocol );
 }
 
 // How well a row matches: 0 best; absent: not at all.
 std::optional< unsigned > rankOf( Conditions const & row, Packet const & packet ) {
    bool const laterFragment = packet.part == Packet::Part::laterFragment;
-   if ( ( row.fragment && !laterFragment ) || ( row.protocol != 0 && row.protocol != packet.protocol ) ||
-        row.vrfId != packet.vrfId || row.intf != ( row.leaving ? packet.out : packet.in ) ||
-        row.intf == Netix::IntfId() ) {
+   if ( row.fragment && !laterFragment ) {
       return std::nullopt;
    }
    unsigned rank = laterFragment && !row.fragment ? 1 : 0;
    for ( auto const & [ wanted, found ] :
-         { std::pair( row.source, &packet.source ), std::pair( row.destination, &packet.destination ) } ) {
-      if ( !wanted ) {
+         { std::pair( &row.source, &packet.source ), std::pair( &row.destination, &packet.destination ) } ) {
+      auto const & pair = *wanted;
+      if ( !pair ) {
          continue;
       }
-      if ( wanted->ip != found->ip || ( wanted->port != 0 && ( laterFragment || wanted->port != found->port ) ) ) {
+      if ( pair->ip != found->ip || ( pair->port != 0 && ( laterFragment || pair->port != found->port ) ) ) {
          return std::nullopt;
       }
-      rank += !laterFragment && wanted->port == 0;
+      rank += !laterFragment && pair->port == 0;
    }
    return rank;
 }
 
 Packet rewritten( Packet packet, Pfe::EgrNatUcRewriteEntry const & rewrite ) {
-   auto const write = []( Netix::IpAndPort & pair, Netix::IpAddr ip, U16 port ) {
+   auto const hasPorts = packet.part != Packet::Part::laterFragment;
+   auto const write = [ & ]( Netix::IpAndPort & pair, Netix::IpAddr ip, U16 port ) {
       pair.ip = ip == Netix::IpAddr() ? pair.ip : ip;
-      pair.port = port == 0 ? pair.port : port;
+      pair.port = port == 0 || !hasPorts ? pair.port : port;
    };
    write( packet.source, rewrite.srcIp, rewrite.srcPort );
    write( packet.destination, rewrite.dstIp, rewrite.dstPort );
@@ -92,13 +127,14 @@ Packet rewritten( Packet packet, Pfe::EgrNatMcRewriteEntry const & rewrite ) {
 
 class Walk {
  public:
-   Walk( NatTables const & tables, Packet const & packet ) : tables_( tables ), packet_( packet ) {}
+   Walk( NatTables const & tables, Packet const & packet, Interfaces const & interfaces )
+      : tables_( tables ), packet_( packet ), interfaces_( interfaces ) {}
 
    Passage passage() {
-      lookUpIn( *tables_.of< Pfe::IngTwiceNatTable >() );
-      if ( matches_.empty() ) {
-         lookUpIn( *tables_.of< Pfe::IngStaticNatTable >() );
-      }
+      lookUpIn< Pfe::IngTwiceNatTable >();
+      lookUpIn< Pfe::IngStaticNatTable >();
+      lookUpIn< Pfe::IngDynamicSnaptTable, Pfe::IngDynamicDnaptTable >();
+      lookUpIn< Pfe::IngDynamicSnatAddrOnlyTable, Pfe::IngDynamicDnatAddrOnlyTable >();
       if ( matches_.size() == 1 ) {
          matches_.front()->forEach(
             [ & ]( Asic::EntryHandle::PtrConst const & handle, bool ) { addCopies( *handle ); } );
@@ -110,10 +146,19 @@ class Walk {
    }
 
  private:
-   template< class Table > void lookUpIn( Table const & table ) {
-      unsigned best = ~0U;
+   // Tables of one kind of rule, unless those of one before had a match.
+   template< class... Tables > void lookUpIn() {
+      if ( matches_.empty() ) {
+         unsigned best = ~0U;
+         ( lookUpIn( *tables_.of< Tables >(), best ), ... );
+      }
+   }
+
+   template< class Table > void lookUpIn( Table const & table, unsigned & best ) {
       table.forEach( [ & ]( auto const & key, auto const & entry, Asic::EntryHandle const & handle ) {
-         auto const rank = rankOf( conditionsOf( key ), packet_ );
+         auto const conditions = conditionsOf( key, interfaces_.vrfLess );
+         auto const rank =
+            applies( conditions, packet_, interfaces_ ) ? rankOf( conditions, packet_ ) : std::optional< unsigned >();
          if ( !rank ) {
             return;
          }
@@ -147,6 +192,7 @@ class Walk {
 
    NatTables const & tables_;
    Packet const & packet_;
+   Interfaces const & interfaces_;
    Passage passage_;
    std::vector< Asic::HandleList const * > matches_;
 };
@@ -160,6 +206,8 @@ Packet replyTo( Packet const & packet ) {
    return reply;
 }
 
-Passage walk( NatTables const & tables, Packet const & packet ) { return Walk( tables, packet ).passage(); }
+Passage walk( NatTables const & tables, Packet const & packet, Interfaces const & interfaces ) {
+   return Walk( tables, packet, interfaces ).passage();
+}
 
 }  // namespace Agent

@@ -9,8 +9,10 @@
 #include <Netix/IpAndPort.h>
 #include <Vexa/Types.h>
 
+#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -56,12 +58,19 @@ struct Passage {
    std::vector< Copy > copies;
 };
 
+// What the chip knows of the interfaces beside the tables.
+struct Interfaces {
+   std::set< std::pair< Netix::IntfId, U16 > > qualifiers;  // an interface without one meets no dynamic rows
+   bool vrfLess = false;                                    // twice and dynamic rows apply in every VRF
+};
+
 // Walks the packet through the tables as the hardware holds them.
 //
 // Rows that translate the source apply to packets that leave by the row's interface, rows that translate the
-// destination to packets that enter by it, twice rows by their direction; all in the packet's VRF. Twice rows come
-// before static ones, in a table rows with the exact port before those without. Later fragments match the fragment
-// rows, then rows without ports; other packets never match fragment rows.
-Passage walk( NatTables const & tables, Packet const & packet );
+// destination to packets that enter by it, twice rows by their direction; dynamic rows know the interface by its
+// qualifier; all in the packet's VRF. Twice rows come before static ones, these before dynamic ones with ports, and
+// last those of addresses only; in a table rows with the exact port come before those without. Later fragments match
+// the fragment rows, then rows without ports; other packets never match fragment rows.
+Passage walk( NatTables const & tables, Packet const & packet, Interfaces const & interfaces = {} );
 
 }  // namespace Agent

@@ -77,7 +77,7 @@ Json Table::json() const {
 }
 
 Report::~Report() {
-   if ( isJson_ ) {
+   if ( isJson_ && !isTaken_ ) {
       // File names need not be UTF-8.
       out_ << json_.dump( 2, ' ', false, Json::error_handler_t::replace ) << '\n';
    }

@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -61,10 +62,17 @@ class Report {
 
    void table( char const * name, Table const & table );
 
+   // What there is so far, which is not written any more.
+   nlohmann::ordered_json takeJson() {
+      isTaken_ = true;
+      return std::exchange( json_, nlohmann::ordered_json::object() );
+   }
+
  private:
    std::ostream & out_;
    bool isJson_;
-   nlohmann::ordered_json json_;
+   bool isTaken_ = false;
+   nlohmann::ordered_json json_ = nlohmann::ordered_json::object();
 };
 
 }  // namespace Agent

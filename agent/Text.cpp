@@ -2,25 +2,36 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+#include <variant>
 
 namespace Agent {
 
-void append( std::string & out, U64 number ) {
-   std::array< char, 20 > digits{};
-   out.append( digits.data(), std::to_chars( digits.data(), digits.data() + digits.size(), number ).ptr );
+namespace {
+
+constexpr char const * laterFragments = " later fragments";
+
+std::string vrfText( U32 vrfId ) { return vrfId == 0 ? "" : " vrf " + std::to_string( vrfId ); }
+
+std::string qualifierText( U16 qualifier ) { return qualifier == 0 ? "" : " qualifier " + std::to_string( qualifier ); }
+
+template< class Tag > std::string naptText( Pfe::IngDynamicNaptKey< Tag > const & row ) {
+   return textOf( { row.firstIp, row.firstPort } ) + " > " + textOf( { row.secondIp, row.secondPort } ) + " " +
+          protocolText( row.protocol ) + vrfText( row.vrfId.value() ) + qualifierText( row.intfQualifier ) +
+          ( row.fragment != 0 ? laterFragments : "" );
 }
+
+template< class Tag > std::string addressText( Pfe::IngDynamicAddrOnlyKey< Tag > const & row ) {
+   return textOf( { row.ip, 0 } ) + vrfText( row.vrfId.value() ) + qualifierText( row.intfQualifier );
+}
+
+}  // namespace
 
 std::string textOf( Netix::IpAndPort const & pair ) {
    std::string text;
-   for ( unsigned shift = 32; shift > 0; ) {
-      shift -= 8;
-      append( text, U64{ pair.ip.value() >> shift & 0xff } );
-      text += shift > 0 ? "." : "";
-   }
+   Vexa::append( text, pair.ip );
    if ( pair.port != 0 ) {
       text += ':';
-      append( text, U64{ pair.port } );
+      Vexa::append( text, pair.port );
    }
    return text;
 }
@@ -58,9 +69,30 @@ std::string fieldsOf( Pfe::IngStaticNatTable::Key const & row ) {
       .append( targetText( row.target ) )
       .append( " " + textOf( row.ipAndPortOld ) + " -> " + textOf( row.ipAndPortNew ) + " " +
                protocolText( row.protocol ) )
-      .append( row.vrfId == 0 ? "" : " vrf " + std::to_string( row.vrfId ) )
-      .append( row.fragment ? " later fragments" : "" )
+      .append( vrfText( row.vrfId ) )
+      .append( row.fragment ? laterFragments : "" )
       .append( row.mcast ? " multicast" : "" );
+}
+
+std::string fieldsOf( Pfe::IngTwiceNatTable::Key const & row ) {
+   return std::string( row.natIntf.name().text() )
+      .append( row.forward ? " forward " : " reverse " )
+      .append( textOf( row.srcIpAndPortOld ) + " > " + textOf( row.dstIpAndPortOld ) + " -> " +
+               textOf( row.srcIpAndPortNew ) + " > " + textOf( row.dstIpAndPortNew ) )
+      .append( vrfText( row.vrfId ) )
+      .append( row.fragment ? laterFragments : "" )
+      .append( row.mcast ? " multicast" : "" );
+}
+
+std::string fieldsOf( Pfe::IngDynamicSnaptTable::Key const & row ) { return "source " + naptText( row ); }
+std::string fieldsOf( Pfe::IngDynamicDnaptTable::Key const & row ) { return "destination " + naptText( row ); }
+std::string fieldsOf( Pfe::IngDynamicSnatAddrOnlyTable::Key const & row ) { return "source " + addressText( row ); }
+std::string fieldsOf( Pfe::IngDynamicDnatAddrOnlyTable::Key const & row ) {
+   return "destination " + addressText( row );
+}
+
+std::string fieldsOf( Pfe::IngNatTableKey const & row ) {
+   return std::visit( []( auto const & key ) { return fieldsOf( key ); }, row.storage() );
 }
 
 }  // namespace Agent

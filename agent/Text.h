@@ -1,11 +1,12 @@
 // Values in words.
 #pragma once
 
+#include "PfeNat/PfeNatSwTableProgrammerSm.h"
+
 #include <Asic/EntryState.h>
 #include <IpNat/NatStatic.h>
 #include <Netix/IntfId.h>
 #include <Netix/IpAndPort.h>
-#include <Pfe/IngStaticNatTable.h>
 #include <Pfe/NatId.h>
 #include <PfeHelper/NatHwResult.h>
 #include <Vexa/Value.h>
@@ -22,8 +23,6 @@ struct ProtocolName {
 };
 inline constexpr ProtocolName protocolNames[] = { { 0, "any" },  { 1, "icmp" }, { 6, "tcp" },   { 17, "udp" },
                                                   { 47, "gre" }, { 50, "esp" }, { 132, "sctp" } };
-
-void append( std::string & out, U64 number );
 
 // "10.0.0.1:80", without the port when it is 0.
 std::string textOf( Netix::IpAndPort const & pair );
@@ -54,9 +53,15 @@ template< class T > void appendField( std::string & out, std::string_view name, 
 
 }  // namespace detail
 
-// The fields of a key or entry of a table that are set, by name: "natId=3 qualifier=7". A static row, which people read
-// most, as "ethernet1 source 10.0.0.1:80 -> 192.0.2.1:80 tcp".
+// The fields of a key or entry of a table that are set, by name: "natId=3 qualifier=7". Ingress rows, which people read
+// most, by what they match: "ethernet1 source 10.0.0.1:80 -> 192.0.2.1:80 tcp".
 std::string fieldsOf( Pfe::IngStaticNatTable::Key const & row );
+std::string fieldsOf( Pfe::IngTwiceNatTable::Key const & row );
+std::string fieldsOf( Pfe::IngDynamicSnaptTable::Key const & row );
+std::string fieldsOf( Pfe::IngDynamicDnaptTable::Key const & row );
+std::string fieldsOf( Pfe::IngDynamicSnatAddrOnlyTable::Key const & row );
+std::string fieldsOf( Pfe::IngDynamicDnatAddrOnlyTable::Key const & row );
+std::string fieldsOf( Pfe::IngNatTableKey const & row );
 template< Vexa::Described T > std::string fieldsOf( T const & value ) {
    std::string fields;
    std::apply(

@@ -1,8 +1,6 @@
 #include "agent/HostReport.h"
 #include "agent/Text.h"
 
-#include <variant>
-
 namespace Agent {
 
 namespace {
@@ -41,10 +39,9 @@ Table stepsOf( Packet const & packet, Passage const & passage, Host const & host
       }
    };
    auto const addRow = [ & ]( char const * step, IngressRow const & row ) {
-      auto const * const connection =
-         row.key.containsStaticKey() ? connectionOf( row.key.staticKey(), host.configuration() ) : nullptr;
-      add( step, std::visit( []( auto const & key ) { return fieldsOf( key ); }, row.key.storage() ), row.table,
-           connection ? std::to_string( connection->index ) : "" );
+      auto const * const connection = connectionOf( row.key, host.configuration() );
+      auto const number = connection && connection->index != 0 ? std::to_string( connection->index ) : "";
+      add( step, fieldsOf( row.key ), row.table, number );
    };
    add( "packet", packetText( packet ) );
    for ( auto const & row : passage.missing ) {
@@ -72,14 +69,16 @@ Table stepsOf( Packet const & packet, Passage const & passage, Host const & host
 }  // namespace
 
 bool reportWalk( Report & report, Host const & host, Packet const & packet ) {
-   auto const passage = walk( host.tables(), packet );
+   auto const & configuration = host.configuration();
+   Interfaces const interfaces{ configuration.qualifiers, configuration.settings.vrfLess };
+   auto const passage = walk( host.tables(), packet, interfaces );
    auto const outcome = outcomeOf( packet, passage );
    report.table( "packet", stepsOf( packet, passage, host ) );
    if ( outcome.size() != 1 || outcome.front().destination.ip.isMulticast() ) {
       return passage.matches.size() < 2;
    }
    auto const reply = replyTo( outcome.front() );
-   auto const replyPassage = walk( host.tables(), reply );
+   auto const replyPassage = walk( host.tables(), reply, interfaces );
    auto const replyOutcome = outcomeOf( reply, replyPassage );
    bool const comesBack = replyOutcome.size() == 1 && replyOutcome.front() == replyTo( packet );
    report.line( "\nThe reply:" );

@@ -87,3 +87,17 @@ def entry(index=1, local="10.0.0.1", outside="192.0.2.1", local_port=None, outsi
             result[f"{place}-{side}-port"] = {"start-port-number": port}
     result["pfe-nat:interface"] = "ethernet1"
     return result | yang_names(members)
+
+
+def both(index, kind, source=None, destination=None, protocol=None):
+    """An entry whose sides are texts: "INTERNAL EXTERNAL", each an address with or without a port."""
+    result = {"index": index, "type": kind, "pfe-nat:interface": "ethernet1"}
+    if protocol is not None:
+        result["transport-protocol"] = protocol
+    for side, pairs in (("src", source), ("dst", destination)):
+        for place, pair in zip(("internal", "external"), pairs.split() if pairs else ()):
+            address, _, port = pair.partition(":")
+            result[f"{place}-{side}-address"] = address + "/32"
+            if port:
+                result[f"{place}-{side}-port"] = {"start-port-number": int(port)}
+    return result

@@ -1,7 +1,7 @@
 """A configuration that cannot be used is refused whole: status 2, nothing on standard output, and on standard error the
 file, the place, the value and what is allowed; never a word about anything programmed."""
 
-from _agent import FOLDER, entry, finish, instance, run, same, write
+from _agent import FOLDER, both, entry, finish, instance, run, same, write
 
 ENTRY = "/ietf-nat:nat/instances/instance/0/mapping-table/mapping-entry/0"
 INSTANCE = "/ietf-nat:nat/instances/instance/0"
@@ -13,7 +13,12 @@ INTERFACE = (
     "is no interface; allowed: vlanN with N from 1 to 4094; ethernetN, port-channelN, loopbackN, tunnelN with N from 0 "
     "to 16777215"
 )
-SIDES = "internal-src-address with external-src-address, or internal-dst-address with external-dst-address"
+SIDES = (
+    "internal-src-address with external-src-address, or internal-dst-address with external-dst-address, or both with both "
+    "translated"
+)
+TYPES = 'allowed: "static", "dynamic-implicit"'
+FLOW = ("10.0.0.1:5 192.0.2.1:6", "203.0.113.9:80 203.0.113.9:80", 6)
 
 
 def without(whole, *names):
@@ -28,8 +33,23 @@ ENTRIES = [
     ("fraction", entry(transport_protocol=6.5), "/transport-protocol", "6.5 is out of range; allowed: a whole number from 0 to 255"),
     ("protocol", entry(transport_protocol=256), "/transport-protocol", "256 is out of range; allowed: a whole number from 0 to 255"),
     ("null", entry(transport_protocol=None), "/transport-protocol", "null is no number; allowed: a whole number from 0 to 255"),
-    ("type", entry(type="steady"), "/type", '"steady" is no type of an entry; allowed: "static"'),
-    ("dynamic", entry(type="dynamic-implicit"), "/type", '"dynamic-implicit" is not supported yet; allowed: "static"'),
+    ("type", entry(type="steady"), "/type", f'"steady" is no type of an entry; {TYPES}'),
+    ("explicit", entry(type="dynamic-explicit"), "/type", f'"dynamic-explicit" is no way in which a switch learns; {TYPES}'),
+    ("half a flow", entry(type="dynamic-implicit"), "",
+     "an object lacks a side of the flow; allowed: internal-src-address, external-src-address, internal-dst-address and "
+     "external-dst-address together, the two of the side that stays as it is being equal"),
+    ("dynamic on both sides", both(1, "dynamic-implicit", FLOW[0], "203.0.113.9:80 203.0.113.9:81", 6), "",
+     "an object translates both sides; allowed: a dynamic entry that translates one side"),
+    ("dynamic on none", both(1, "dynamic-implicit", FLOW[1], FLOW[1], 6), "",
+     "an object translates nothing; allowed: a dynamic entry that translates one side"),
+    ("port of an address", both(1, "dynamic-implicit", *FLOW) | {"pfe-nat:address-only": True}, "",
+     "an object translates a port, but addresses only; allowed: equal ports, or none, with pfe-nat:address-only"),
+    ("VLAN of a dynamic entry", both(1, "dynamic-implicit", *FLOW) | {"pfe-nat:vlan": 7}, "/pfe-nat:vlan",
+     "7 is given, but the entry is dynamic; allowed: no pfe-nat:vlan in such an entry"),
+    ("protocol of a twice entry", both(1, "static", "10.0.0.1 192.0.2.1", "10.0.0.2 192.0.2.2", 6), "/transport-protocol",
+     "6 is given, but the entry is a twice one; allowed: no transport-protocol in such an entry"),
+    ("full cone of a static entry", entry(pfe_nat__full_cone=True), "/pfe-nat:full-cone",
+     "true is given, but the entry is static; allowed: no pfe-nat:full-cone in such an entry"),
     ("lifetime", entry(lifetime=60), "/lifetime",
      "60 is given, but a static entry lives as long as it is configured; allowed: no lifetime"),
     ("address", entry(local="10.0.0.256"), "/internal-src-address", f'"10.0.0.256/32" {HOST}'),
@@ -50,9 +70,8 @@ ENTRIES = [
      "an object lacks internal-src-address; allowed: internal-src-address and external-src-address together"),
     ("no address", without(entry(), "internal-src-address", "external-src-address"), "",
      f"an object translates nothing; allowed: {SIDES}"),
-    ("both sides", entry() | {"internal-dst-address": "192.0.2.9/32", "external-dst-address": "10.0.0.9/32"}, "",
-     "an object gives source and destination, which is not supported yet; allowed: either internal-src-address with "
-     "external-src-address or internal-dst-address with external-dst-address"),
+    ("both sides", both(1, "static", "10.0.0.1 192.0.2.1", "10.0.0.9 10.0.0.9"), "",
+     f"an object gives both sides and does not translate both; allowed: {SIDES}"),
     ("interface", entry() | {"pfe-nat:interface": "eth1"}, "/pfe-nat:interface", f'"eth1" {INTERFACE}'),
     ("interface number", entry() | {"pfe-nat:interface": "vlan4095"}, "/pfe-nat:interface", f'"vlan4095" {INTERFACE}'),
     ("no interface", without(entry(), "pfe-nat:interface"), "",
@@ -77,7 +96,8 @@ ENTRIES = [
      '"a/b~c" is no known member; allowed: index, type, transport-protocol, internal-src-address, internal-src-port, '
      "external-src-address, external-src-port, internal-dst-address, internal-dst-port, external-dst-address, "
      "external-dst-port, lifetime, pfe-nat:interface, pfe-nat:vrf, pfe-nat:vlan, pfe-nat:qualifier, pfe-nat:access-list, "
-     "pfe-nat:filter, pfe-nat:filters-disabled, pfe-nat:next-hop-id, pfe-nat:multicast-group, each at most once"),
+     "pfe-nat:filter, pfe-nat:filters-disabled, pfe-nat:next-hop-id, pfe-nat:multicast-group, pfe-nat:address-only, "
+     "pfe-nat:full-cone, each at most once"),
 ]
 
 
@@ -86,6 +106,7 @@ def group(*replications):
     return {"name": "g", "replication": list(replications)}
 
 
+TRAP = {"interface": "ethernet1", "access-list": "a", "pool": 1}
 ONE_COPY = {"number": 1, "interface": "vlan20"}
 
 
@@ -114,7 +135,16 @@ FILES = [
         '/ietf-nat:nat/ietf-nat:instances: "ietf-nat:instances" is no known member; allowed: instances, each at most once']),
     ("member twice", '{"ietf-nat:nat": {"instances": {"instance": [{"id": 1, "id": 2}]}}}', [
         INSTANCE + '/id: "id" is given twice; allowed: id, name, enable, mapping-table, pfe-nat:fragmentation, '
+        "pfe-nat:vrf-less, pfe-nat:full-cone-capability, pfe-nat:l4-detection, pfe-nat:vlan-profile, pfe-nat:trap, "
         "pfe-nat:multicast-group, each at most once"]),
+    ("profile twice", instance(pfe_nat__vlan_profile=[{"vlan": 7, "profile": 1}, {"vlan": 7, "profile": 1}]), [
+        INSTANCE + "/pfe-nat:vlan-profile/1: an object has the VLAN 7 of another profile; allowed: one profile per VLAN"]),
+    ("trap twice", instance(pfe_nat__trap=[TRAP, TRAP | {"interface": "ethernet2"}]), [
+        INSTANCE + "/pfe-nat:trap/1: an object has the access list, pool and rule id, or the interface, access list and pool, "
+        "of another trap; allowed: one trap for each of them"]),
+    ("ports of a trap", instance(pfe_nat__trap=[TRAP | {"filter": [{"sequence": 1, "source-port-range": [{"first": 2, "last": 1}]}]}]), [
+        INSTANCE + "/pfe-nat:trap/0/filter/0/source-port-range/0: an object ends before it begins; allowed: a last port that is "
+        "not less than the first"]),
     ("group twice", instance(pfe_nat__multicast_group=[group(), group()]), [
         INSTANCE + "/pfe-nat:multicast-group/1: an object has the name of another group; allowed: a name of its own"]),
     ("replication twice", instance(pfe_nat__multicast_group=[group(ONE_COPY, ONE_COPY)]), [
@@ -139,6 +169,19 @@ FILES = [
     ("key twice", instance(entry(4, transport_protocol=6), entry(5, transport_protocol=17)), [
         ENTRY[:-1] + "1: an object has the interface, access list, internal address and internal port of entry 4; allowed: "
         "one entry for each of them; the protocol does not tell entries apart"]),
+    ("dynamic rows twice", instance(both(4, "dynamic-implicit", *FLOW), both(5, "dynamic-implicit", "10.0.0.2:5 192.0.2.1:6", *FLOW[1:])), [
+        ENTRY[:-1] + "1: an object derives the rows of entry 4; allowed: one entry per VRF, qualifier, protocol and pairs of "
+        "addresses and ports"]),
+    ("address twice", instance(*({**both(i, "dynamic-implicit", "10.0.0.1 192.0.2.1", f"203.0.113.{i} 203.0.113.{i}", 6), "pfe-nat:address-only": True}
+                                 for i in (4, 5))), [
+        ENTRY[:-1] + "1: an object derives the rows of entry 4; allowed: one entry per VRF, qualifier and address"]),
+    ("dynamic key twice", instance(both(4, "dynamic-implicit", *FLOW),
+                                   both(5, "dynamic-implicit", *FLOW) | {"pfe-nat:vrf": 3}), [
+        ENTRY[:-1] + "1: an object has the interface, protocol, source and internal destination of entry 4; allowed: one entry "
+        "for each of them"]),
+    ("twice rows twice", instance(*(both(i, "static", "10.0.0.1 192.0.2.1", "10.0.0.2 192.0.2.2") for i in (4, 5))), [
+        ENTRY[:-1] + "1: an object derives the rows of entry 4; allowed: one entry per interface, VRF and pairs of addresses "
+        "and ports"]),
     ("two faults", instance(entry(1, pfe_nat__vlan=0), entry(2, transport_protocol=999)), [
         ENTRY + "/pfe-nat:vlan: 0 is out of range; allowed: a whole number from 1 to 4094",
         ENTRY[:-1] + "1/transport-protocol: 999 is out of range; allowed: a whole number from 0 to 255"]),

@@ -130,12 +130,12 @@ def check_text():
     same("status and errors", (status, err), (0, ""))
     lines = out.splitlines()
     same("first line", lines[0], f"{BRANCH_OFFICE}, instance 1 'branch office'")
-    same("columns", lines[2].split(), "entry interface target protocol local global natIds fragmentIds result".split())
+    same("columns", lines[2].split(), "entry kind interface target protocol local global natIds fragmentIds result".split())
     rows = [line.split() for line in lines[3:-2]]
-    same("a connection with ports", [rows[3][i] for i in (0, 1, 2, 3, 4, 5, -1)],
-         ["4", "ethernet1", "source", "udp", "10.10.20.12:51820", "198.51.100.7:51820", "programmed"])
-    same("one without", [rows[8][i] for i in (0, 1, 2, 3, 4, 5, -1)],
-         ["9", "vlan30", "destination", "any", "10.10.30.9", "192.0.2.9", "programmed"])
+    same("a connection with ports", [rows[3][i] for i in (0, 1, 2, 3, 4, 5, 6, -1)],
+         ["4", "static", "ethernet1", "source", "udp", "10.10.20.12:51820", "198.51.100.7:51820", "programmed"])
+    same("one without", [rows[8][i] for i in (0, 1, 2, 3, 4, 5, 6, -1)],
+         ["9", "static", "vlan30", "destination", "any", "10.10.30.9", "192.0.2.9", "programmed"])
     same("connections", [row[0] for row in rows], [str(i) for i in range(1, 11)])
     same("summary", lines[-1],
          "10 connections, all programmed; 57 rows, all accepted; 27 NAT ids; 1 turn")

@@ -1,9 +1,35 @@
-"""Every command of the README that runs nat-agent prints what the README shows."""
+"""Every command of the README that runs nat-agent prints what the README shows.
+
+A command that ends in & stays; `kill -9 %1` kills it.
+"""
 
 import re
 import shlex
+import signal
 
 from _agent import FOLDER, SOURCE, finish, run, same
+from _serving import Serving
+
+
+def state_of(arguments):
+    return arguments[arguments.index("--state") + 1]
+
+
+def check_block(block):
+    serving = None
+    for command, shown in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", block, re.MULTILINE):
+        program, *arguments = shlex.split(command)
+        if program == "kill":
+            serving.end(signal.SIGKILL)
+        elif program == "nat-agent" and arguments[-1] == "&":
+            serving = Serving(*arguments[1:2], *(a for a in arguments[2:-1] if a not in ("--state", state_of(arguments))),
+                              state=state_of(arguments))
+            same(command, serving.shown, shown.splitlines())
+        elif program == "nat-agent":
+            _, out, err = run(*arguments)
+            same(command, (err + out).splitlines(), shown.splitlines())
+    if serving and serving.process.returncode is None:
+        same("the last agent of a session ends", serving.wait(), 0)
 
 
 def main():
@@ -11,11 +37,7 @@ def main():
     (FOLDER / "build").mkdir()
     run("examples/branch-office.json", "--state", "build/run-state")  # ./run.sh has run it before
     for block in re.findall(r"^```console\n(.*?)^```$", (SOURCE / "README.md").read_text(), re.MULTILINE | re.DOTALL):
-        command, _, shown = block.partition("\n")
-        prompt, program, *arguments = shlex.split(command)
-        if (prompt, program) == ("$", "nat-agent"):
-            _, out, err = run(*arguments)
-            same(command, (out + err).splitlines(), shown.splitlines())
+        check_block(block)
     finish()
 
 

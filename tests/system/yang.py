@@ -16,8 +16,8 @@ AUGMENTED = {
     "/nat:nat/nat:instances/nat:instance/nat:mapping-table/nat:mapping-entry": "/mapping-table/mapping-entry",
 }
 # What lists need before anything below them is looked at.
-KEYS = {"multicast-group": {"name": "g"}}
-RANGES = {"uint16": (0, 2**16 - 1), "uint32": (0, 2**32 - 1)}
+KEYS = {"multicast-group": {"name": "g"}, "trap": {"interface": "ethernet1", "access-list": "a", "pool": 1}, "filter": {"sequence": 1}}
+RANGES = {"uint8": (0, 2**8 - 1), "uint16": (0, 2**16 - 1), "uint32": (0, 2**32 - 1)}
 
 
 def statements(tokens):

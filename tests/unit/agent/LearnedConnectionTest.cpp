@@ -135,7 +135,7 @@ std::size_t expectTranslatedAsByTheKernel( std::vector< TrackedFlow > const & fl
    for ( auto const & flow : flows ) {
       auto const result = learnedFrom( flow );
       if ( auto const * const learned = std::get_if< LearnedConnection >( &result ) ) {
-         learn( *programmer.config, { intf( "ethernet1" ), 3, 9 }, *learned );
+         configure( *programmer.config, ruleOf( *learned, { intf( "ethernet1" ), 3, 9 } ) );
          learnedFlows.emplace_back( flow, learned->connection.target );
       }
    }
@@ -311,7 +311,7 @@ TEST( RowClaims, ConfiguredConnectionsComeFirst ) {
       SCOPED_TRACE( c.name );
       Pfe::NatProgrammerConfig rules;
       rules.vrfLessIs( c.vrfLess );
-      learn( rules, c.configuredOn, c.configured );
+      configure( rules, ruleOf( c.configured, c.configuredOn ) );
       RowClaims claims( rules, here );
       EXPECT_EQ( claims.claim( learned, 7 ), c.refused ? std::optional( RowClaims::configured ) : std::nullopt );
    }

@@ -1,0 +1,29 @@
+// Configurations of any bytes: either they are refused with a text, or every entry of theirs is a rule with rows of its
+// own.
+#include "agent/Configuration.h"
+#include "agent/UnusableInput.h"
+
+#include <Vexa/Assert.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+extern "C" int LLVMFuzzerTestOneInput( std::uint8_t const * data, std::size_t size ) {
+   std::string_view const text( reinterpret_cast< char const * >( data ), size );
+   try {
+      auto const configuration = Agent::configurationIn( "input", text );
+      auto const & rules = *configuration.rules;
+      VEXA_ASSERT( configuration.connections.size() ==
+                   rules.staticEntry().count() + rules.twiceEntry().count() + rules.dynamicEntry().count() );
+      VEXA_ASSERT( configuration.traps.size() == rules.trapEntry().count() );
+      for ( auto const & connection : configuration.connections ) {
+         for ( auto const & row : ingressRowsOf( connection, configuration.settings ) ) {
+            VEXA_ASSERT( connectionOf( row, configuration ) == &connection );
+         }
+      }
+   } catch ( Agent::UnusableInput const & fault ) {
+      VEXA_ASSERT( std::string_view( fault.what() ).starts_with( "input: " ) );
+   }
+   return 0;
+}
