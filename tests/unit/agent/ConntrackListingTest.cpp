@@ -362,8 +362,10 @@ TEST( ConntrackListing, TakesTheRecordingOfAKernelWhole ) {
 
 TEST( ConntrackListing, WhatIsConfiguredAlreadyKeepsItsRows ) {
    Agent::NatInterface const intf{ Support::intf( "ethernet1" ), 3, 9 };
-   Pfe::NatProgrammerConfig rules;
-   auto const listing = learnFrom( recording, rules, intf );
+   Agent::Configuration configuration;
+   configuration.rules = Orla::make< Pfe::NatProgrammerConfig >();
+   auto const & rules = *configuration.rules;
+   auto const listing = learnFrom( recording, configuration, intf );
    EXPECT_EQ( rules.dynamicEntry().count(), 113U );
    for ( auto const & [ line, learned ] : listing.learned ) {
       auto const entry = rules.dynamicEntry( { intf.intf, learned.conn } );
@@ -372,7 +374,8 @@ TEST( ConntrackListing, WhatIsConfiguredAlreadyKeepsItsRows ) {
       EXPECT_EQ( entry->vrfId(), 3U );
       EXPECT_EQ( entry->intfQualifier(), 9U );
    }
-   auto const again = learnFrom( recording, rules, intf );
+   auto const again = learnFrom( recording, configuration, intf );
+   EXPECT_EQ( configuration.connections.size(), 113U );
    EXPECT_THAT( again.learned, IsEmpty() );
    EXPECT_EQ( again.passedOverFor( NotLearned::rowConfigured ), 113U );
    EXPECT_EQ( again.passedOver.size(), listing.passedOver.size() + 113U );
