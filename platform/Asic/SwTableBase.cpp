@@ -209,6 +209,7 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
    bool const reports = row.lastOperation == static_cast< U32 >( position );
 
    Version * replaced = nullptr;
+   bool onlyReports = false;
    if ( operation.kind == Operation::Kind::write ) {
       if ( outcome == EntryState::settled ) {
          replaced = table->inHardwareIs( row, version );
@@ -220,6 +221,7 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
       row.removalRefused = true;
       hold( version );
       refused_.emplace( row.lastOperation, Refusal{ &row, version } );
+      onlyReports = version != row.inHardware;
    }
 
    if ( reports ) {
@@ -230,7 +232,7 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
    }
 
    letGo( replaced );
-   if ( row.removalRefused && version != row.inHardware ) {
+   if ( onlyReports ) {
       version->handlesDel();
    }
    letGo( version );

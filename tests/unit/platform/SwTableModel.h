@@ -219,6 +219,9 @@ class ModelWorld final : public World {
       std::sort( queue_.begin() + before, queue_.end(), [ & ]( OperationPtr const & a, OperationPtr const & b ) {
          return whenRewriteWasRemoved( a->row->key ) < whenRewriteWasRemoved( b->row->key );
       } );
+      for ( auto i = queue_.begin() + before; i != queue_.end(); ++i ) {
+         ( *i )->row->lastOperation = ++asked_;
+      }
    }
 
    Snapshot look() override {
