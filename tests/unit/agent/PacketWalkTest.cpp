@@ -32,7 +32,7 @@ class PacketWalk : public testing::Test {
 
    Asic::EntryHandle::PtrConst rewrite( U16 number ) {
       Pfe::EgrNatUcRewriteEntry entry;
-      entry.srcPort = number;
+      entry.srcIp = Netix::IpAddr( number );
       return tables.of< Pfe::EgrSourceNatUcRewriteTable >()->entryRef(
          { .natId = Pfe::NatId( number ), .qualifier = 0 }, entry );
    }
@@ -78,7 +78,7 @@ class PacketWalk : public testing::Test {
       auto const passage = walk( tables, walked );
       std::string numbers = passage.matches.size() > 1 ? "?" + std::to_string( passage.matches.size() ) : "";
       for ( auto const & copy : passage.copies ) {
-         numbers += ( numbers.empty() ? "" : " " ) + std::to_string( copy.packet.source.port );
+         numbers += ( numbers.empty() ? "" : " " ) + std::to_string( copy.packet.source.ip.value() );
       }
       return numbers;
    }
