@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Agent {
 
@@ -104,6 +105,24 @@ void requireComplete( Packet const & packet ) {
                                         : "; allowed: with a port, as every packet of this protocol has one" ) );
       }
    }
+}
+
+Packet packetFrom( std::map< std::string, std::string > const & options ) {
+   Packet packet;
+   CLI::App parser;
+   parser.set_help_flag();
+   addPacketOptions( parser, packet );
+   std::vector< std::string > arguments;
+   for ( auto const & [ name, value ] : options ) {
+      arguments.insert( arguments.end(), { value, "--" + name } );  // the parser takes them from the end
+   }
+   try {
+      parser.parse( arguments );
+   } catch ( CLI::ParseError const & fault ) {
+      throw UnusableInput( fault.what() );
+   }
+   requireComplete( packet );
+   return packet;
 }
 
 }  // namespace Agent

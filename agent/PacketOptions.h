@@ -3,6 +3,9 @@
 
 #include "agent/PacketWalk.h"
 
+#include <map>
+#include <string>
+
 namespace CLI {
 class App;
 class Option;
@@ -16,5 +19,8 @@ void addPacketOptions( CLI::App & app, Packet & packet );
 
 // Throws UnusableInput unless the options go together: a known interface, and ports where there are any.
 void requireComplete( Packet const & packet );
+
+// The packet of such options, by their names without dashes. Throws UnusableInput for whatever is wrong with them.
+Packet packetFrom( std::map< std::string, std::string > const & options );
 
 }  // namespace Agent

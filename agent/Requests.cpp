@@ -6,11 +6,12 @@
 
 #include <Trace/RingTrace.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
+#include <charconv>
 #include <iterator>
+#include <map>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -76,21 +77,10 @@ bool showRing( Call & call ) {
    return true;
 }
 
-// By the options of the command line, which say what is wrong with them.
 bool explain( Call & call ) {
    Packet packet;
-   CLI::App options;
-   options.set_help_flag();
-   addPacketOptions( options, packet );
-   std::vector< std::string > arguments;
-   for ( auto const & [ name, value ] : call.params ) {
-      arguments.insert( arguments.end(), { value, "--" + name } );  // the parser takes them from the end
-   }
    try {
-      options.parse( arguments );
-      requireComplete( packet );
-   } catch ( CLI::ParseError const & fault ) {
-      throw Fault{ invalidParams, fault.what() };
+      packet = packetFrom( call.params );
    } catch ( UnusableInput const & fault ) {
       throw Fault{ invalidParams, fault.what() };
    }

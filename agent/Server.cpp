@@ -85,11 +85,11 @@ std::string socketIn( std::string const & stateFolder ) { return stateFolder + "
 
 struct Server::Client {
    Descriptor connection;
-   std::time_t lastHeard = now();
-   std::string received;     // up to the next line end
-   std::string answers;      // not sent yet
-   bool hasEnded = false;    // it sends nothing more
-   bool isAnswered = false;  // nothing more is answered
+   std::time_t lastHeard = now();  // or taking an answer
+   std::string received;           // up to the next line end
+   std::string answers;            // not sent yet
+   bool hasEnded = false;          // it sends nothing more
+   bool isAnswered = false;        // nothing more is answered
    bool isGone = false;
 
    bool isOver() const { return isGone || ( isAnswered && answers.empty() ); }
@@ -121,7 +121,8 @@ void Server::serve( Answer const & answer, Refusal const & refusal ) {
          auto & client = *clients_[ i ];
          if ( awaited[ i + 2 ].revents != 0 && client.answers.empty() ) {
             receive( client );
-         } else if ( client.answers.empty() && now() - client.lastHeard > mostSilence ) {
+         } else if ( now() - client.lastHeard > mostSilence ) {
+            client.isGone = !client.answers.empty();  // it does not take them
             client.refuse( refusal( "nothing was heard for " + std::to_string( mostSilence ) + " seconds" ) );
          }
          send( client );
@@ -191,6 +192,7 @@ void Server::send( Client & client ) {
          client.isGone = errno != EAGAIN && errno != EINTR;
          return;
       }
+      client.lastHeard = now();
       client.answers.erase( 0, static_cast< std::size_t >( sent ) );
    }
 }

@@ -31,17 +31,19 @@ std::vector< Packet > outcomeOf( Packet const & packet, Passage const & passage 
 }
 
 Table stepsOf( Packet const & packet, Passage const & passage, Host const & host ) {
-   Table steps( { { "step" }, { "what" }, { "table" }, { "entry", Table::Kind::number } } );
+   Table steps(
+      { { "step" }, { "what" }, { "table" }, { "entry", Table::Kind::number }, { "line", Table::Kind::number } } );
    auto const add = [ & ]( char const * step, std::string_view what, std::string_view table = {},
-                           std::string_view entry = {} ) {
-      for ( auto const cell : { std::string_view( step ), what, table, entry } ) {
+                           std::string_view entry = {}, std::string_view line = {} ) {
+      for ( auto const cell : { std::string_view( step ), what, table, entry, line } ) {
          steps.cell( cell );
       }
    };
    auto const addRow = [ & ]( char const * step, IngressRow const & row ) {
       auto const * const connection = connectionOf( row.key, host.configuration() );
-      auto const number = connection && connection->index != 0 ? std::to_string( connection->index ) : "";
-      add( step, fieldsOf( row.key ), row.table, number );
+      bool const isLearned = connection && connection->line != 0;
+      add( step, fieldsOf( row.key ), row.table, connection && !isLearned ? std::to_string( connection->index ) : "",
+           isLearned ? std::to_string( connection->line ) : "" );
    };
    add( "packet", packetText( packet ) );
    for ( auto const & row : passage.missing ) {
