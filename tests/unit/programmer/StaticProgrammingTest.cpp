@@ -244,27 +244,6 @@ TEST_F( StaticProgrammingDeathTest, StopsWhenTheFragmentHandleDoesNotFit ) {
                  "^fragHdl && fragHdl != dontCareHandle\n" );
 }
 
-TEST( StaticResult, OfARefusedRemovalIsThatOfTheRuleThatWasRemovedUntilItIsDone ) {
-   Support::Programmer nat;
-   auto const key = staticKey( "10.0.0.1:80" );
-   nat.config->staticEntryIs( key, staticEntry( "192.0.2.1:8080" ) );
-   nat->replay();
-   ASSERT_TRUE( nat.settleToRest() );
-   nat.chip->failEvery = 1;
-   nat.config->staticEntryIs( key, staticEntry( "192.0.2.1:8080" ) );  // an update that fails: the older rows stay
-   nat.settle();
-   EXPECT_EQ( nat.result( key ), NatHwResult::failed );
-   nat.chip->refuseAll = true;
-   nat->deleteAllConnections();
-   nat.settle();
-   EXPECT_EQ( nat.result( key ), NatHwResult::failed );
-   nat.chip->refuseAll = false;
-   nat.settle();
-   EXPECT_EQ( nat.result( key ), std::nullopt );
-   EXPECT_EQ( nat.idsInUse(), 0U );
-   EXPECT_EQ( nat.tables.rowCount(), 0U );
-}
-
 TEST( StaticResult, RulesMayGoWhileAllAreDeletedAndAddedAgain ) {
    using Status = Pfe::NatProgrammerStatus::StaticStatus;
    struct Watcher final : Status::Watcher {
