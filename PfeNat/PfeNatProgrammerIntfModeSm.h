@@ -143,7 +143,8 @@ std::vector< Bridging::VlanId > getVlanIdsForSwTableEntry( NatProgrammerStaticMa
 // Static rules only: twice and dynamic rules and traps are traced and ignored, profiles stop the agent. The interface
 // is no part of a software-table key, so that a rule that several interfaces have is one entry, with the VLANs of all.
 //
-// Writes no status. Entries stay in the software-table configuration when the programmer goes. Every operation runs on
+// Whoever watches the software-table configuration is told inside the write, and changes no rules then. Writes no
+// status. Entries stay in the software-table configuration when the programmer goes. Every operation runs on
 // the agent's one activity thread.
 class NatProgrammerIntfModeSm : public NatProgrammerConfigSm {
  public:

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Orla/String.h>
+#include <Trace/RingTrace.h>
 #include <Vexa/Value.h>
 
 #include <optional>
@@ -50,3 +51,5 @@ struct ShortName {
 };
 
 }  // namespace Netix
+
+template<> inline constexpr char const * Trace::ringType< Netix::ShortName > = "p";
