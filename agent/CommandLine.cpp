@@ -157,13 +157,17 @@ int programInterfacesAndReport( Options const & options, CLI::App const & app ) 
                                                 std::string( option ) );
       }
    }
-   auto configuration = configurationFrom( options.file );
+   std::optional< ConntrackListing > listing;
+   auto configuration = configurationOf( options, listing );
    if ( !isEnabled( configuration ) ) {
       return complete;
    }
    Trace::enabledLevelIs( options.traceLevel );
    InterfaceHost const host( std::move( configuration ) );
    Report report( std::cout, options.format == "json" );
+   if ( listing ) {
+      report.fact( "conntrack", factsOf( *listing ) );
+   }
    host.report( report, options.sections.ringLines );
    return host.isComplete() ? complete : incomplete;
 }

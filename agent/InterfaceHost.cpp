@@ -1,15 +1,16 @@
 #include "agent/InterfaceHost.h"
 
+#include "agent/HostReport.h"
 #include "agent/Text.h"
 #include "agent/UnusableInput.h"
 
 #include <Orla/String.h>
-#include <Trace/RingTrace.h>
 
 #include <algorithm>
 #include <map>
 #include <tuple>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace Agent {
@@ -192,25 +193,40 @@ Table entriesOf( Pfe::NatSwTableConfig const & swTableConfig, Dependencies const
    return table;
 }
 
-// What is ignored, by interface and key.
-Table ignoredOf( Pfe::NatProgrammerConfig const & rules ) {
-   std::vector< std::tuple< std::string_view, Netix::IntfId, std::string > > ignored;
-   rules.twiceEntry().forEach( [ & ]( auto const & key, auto const & ) {
-      ignored.emplace_back( "twice", key.natIntf, key.key.stringValue() );
-   } );
-   rules.dynamicEntry().forEach( [ & ]( auto const & key, auto const & ) {
-      ignored.emplace_back( "dynamic", key.natIntf,
-                            protocolText( key.conn.protocol ) + ' ' + textOf( key.conn.source ) + " -> " +
-                               textOf( key.conn.destination ) );
-   } );
-   rules.trapEntry().forEach(
-      [ & ]( auto const & key, auto const & ) { ignored.emplace_back( "trap", key.natIntf, key.key.stringValue() ); } );
-   std::ranges::sort( ignored );
-   Table table( { { "kind" }, { "interface" }, { "rule" } } );
-   for ( auto const & [ kind, natIntf, rule ] : ignored ) {
-      table.cell( kind );
-      table.cell( Vexa::stringOf( natIntf ) );
-      table.cell( rule );
+// The connections of other kinds, by their number in the file or their line in a listing, and the traps.
+Table ignoredOf( Configuration const & configuration ) {
+   Table table( { { "entry", Kind::number },
+                  { "line", Kind::number },
+                  { "kind" },
+                  { "interface" },
+                  { "protocol" },
+                  { "local" },
+                  { "global" },
+                  { "peer" },
+                  { "rule" } } );
+   for ( auto const & connection : configuration.connections ) {
+      if ( !std::holds_alternative< StaticRule >( connection.rule ) ) {
+         auto const text = textOf( connection );
+         connection.line == 0 ? addNumber( table, connection.index ) : table.cell( "" );
+         connection.line == 0 ? table.cell( "" ) : addNumber( table, connection.line );
+         table.cell( text.kind );
+         table.cell( Vexa::stringOf( text.intf ) );
+         table.cell( protocolText( text.protocol ) );
+         table.cell( text.local );
+         table.cell( text.global );
+         table.cell( text.peer );
+         table.cell( "" );
+      }
+   }
+   for ( auto const & trap : configuration.traps ) {
+      table.cell( "" );
+      table.cell( "" );
+      table.cell( "trap" );
+      table.cell( Vexa::stringOf( trap.key.natIntf ) );
+      for ( int empty = 0; empty < 4; ++empty ) {
+         table.cell( "" );
+      }
+      table.cell( trap.key.key.stringValue() );
    }
    return table;
 }
@@ -253,16 +269,13 @@ void InterfaceHost::report( Report & report, std::size_t ringLines ) const {
    report.table( "connections", connectionsOf( configuration_, dependencies ) );
    report.line( "" );
    report.table( "swTableEntries", entriesOf( *swTableConfig_, dependencies ) );
-   auto const ignored = ignoredOf( rules );
+   auto const ignored = ignoredOf( configuration_ );
    if ( ignored.rowCount() != 0 ) {
       report.line( "\nInterface mode ignores:" );
       report.table( "ignored", ignored );
    }
    if ( ringLines != 0 ) {
-      auto const ring = Trace::RingTrace::defaultHandle().lastLines( ringLines );
-      report.fact( "ringTrace", ring );
-      report.line( "" );
-      std::ranges::for_each( ring, [ & ]( std::string const & line ) { report.line( "  " + line ); } );
+      reportRing( report, ringLines );
    }
    auto const connections = rules.staticEntry().count();
    auto const entries = dependencies.keys().size();

@@ -1,5 +1,7 @@
 """Interface mode: one software-table entry for a rule that several interfaces have, and who feeds it."""
 
+import json
+
 from _agent import BRANCH_OFFICE, SOURCE, entry, finish, holds, instance, run, run_json, same, write
 
 SHARED = SOURCE / "examples" / "shared-rules.json"
@@ -40,6 +42,22 @@ def check_rest():
     same("not enabled", run("off.json", *MODE)[:2], (0, ""))
 
 
+def check_ignored():
+    whole = json.loads((SOURCE / "examples" / "mixed.json").read_text())
+    office = whole["ietf-nat:nat"]["instances"]["instance"][0]
+    office["mapping-table"]["mapping-entry"][0]["pfe-nat:vlan"] = 20
+    status, out, err = run(write("profiled.json", whole), *MODE)
+    same("profiles", (status, out, err),
+         (2, "", "nat-agent: profiled.json: pfe-nat:vlan-profile: 1 profiles; allowed in interface mode: none\n"))
+    del office["pfe-nat:vlan-profile"]
+    told = run_json(write("mixed.json", whole), *MODE, status=1)
+    same("static", [c["entry"] for c in told["connections"]], [1])
+    same("each other kind by name", [(i.get("entry"), i["kind"]) for i in told["ignored"]],
+         [(2, "twice"), (3, "twice"), (4, "dynamic"), (5, "dynamic"), (6, "dynamic"), (7, "dynamic"),
+          (8, "address-only"), (9, "full-cone"), (10, "twice"), (None, "trap")])
+    same("a trap's name", told["ignored"][-1]["rule"], "acl 'inside hosts' pool 1")
+
+
 def check_refusals():
     status, out, err = run(BRANCH_OFFICE, *MODE)
     same("without VLANs: status and output", (status, out), (2, ""))
@@ -58,6 +76,7 @@ def check_refusals():
 def main():
     check_sharing()
     check_rest()
+    check_ignored()
     check_refusals()
     finish()
 
