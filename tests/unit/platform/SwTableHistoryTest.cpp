@@ -25,10 +25,10 @@ class RealWorld final : public World {
       rewrites_->clear();
    }
 
-   void write( Spec const & spec ) override {
-      auto handle = spec.table == match ? written( *matches_, spec ) : written( *rewrites_, spec );
-      if ( spec.slot ) {
-         slots_[ *spec.slot ] = std::move( handle );
+   void write( RowWrite const & wanted ) override {
+      auto handle = wanted.table == match ? written( *matches_, wanted ) : written( *rewrites_, wanted );
+      if ( wanted.slot ) {
+         slots_[ *wanted.slot ] = std::move( handle );
       }
    }
    void remove( Table table, U32 key ) override {
@@ -103,20 +103,20 @@ class RealWorld final : public World {
       table.forEachRow( call, &function );
    }
 
-   template< class SwTable > Handle written( SwTable & table, Spec const & spec ) {
+   template< class SwTable > Handle written( SwTable & table, RowWrite const & wanted ) {
       auto const token = std::make_shared< int >();
-      alive_[ spec.id ] = token;
+      alive_[ wanted.id ] = token;
       typename SwTable::Entry entry;
-      entry.data = spec.id;
-      entry.writeResponse = [ this, spec, token ]( EntryState state ) { respond( spec, state ); };
+      entry.data = wanted.id;
+      entry.writeResponse = [ this, wanted, token ]( EntryState state ) { respond( wanted, state ); };
       if constexpr ( std::is_same_v< SwTable, Support::MatchTable > ) {
-         for ( auto const & [ slot, counts ] : spec.needs ) {
+         for ( auto const & [ slot, counts ] : wanted.needs ) {
             entry.egrHandleIs( slots_[ slot ], counts );
          }
-         entry.fragHdl = spec.twin ? slots_[ *spec.twin ] : nullptr;
+         entry.fragHdl = wanted.twin ? slots_[ *wanted.twin ] : nullptr;
       }
-      Support::RowNumber const key( spec.key );
-      return spec.commits ? table.entryCommit( key, std::move( entry ) ) : table.entryRef( key, std::move( entry ) );
+      Support::RowNumber const key( wanted.key );
+      return wanted.commits ? table.entryCommit( key, std::move( entry ) ) : table.entryRef( key, std::move( entry ) );
    }
 
    template< class SwTable > static void look( SwTable & table, Table which, Snapshot & seen ) {
@@ -247,23 +247,23 @@ class Player {
    }
 
    void write( U32 key, Table table, Random & random ) {
-      Spec spec{ .table = table, .key = key, .id = ++written_, .commits = random() % 2 == 0 };
-      if ( !spec.commits || random() % 4 == 0 ) {
-         spec.slot = static_cast< U32 >( random() % slotCount );
+      RowWrite wanted{ .table = table, .key = key, .id = ++written_, .commits = random() % 2 == 0 };
+      if ( !wanted.commits || random() % 4 == 0 ) {
+         wanted.slot = static_cast< U32 >( random() % slotCount );
       }
       for ( U32 slot = 0; slot < slotCount && table == match; ++slot ) {
          if ( model_.isFirstWithItsRewrite( slot ) && random() % 2 == 0 ) {
-            spec.needs.emplace_back( slot, random() % 4 != 0 );
+            wanted.needs.emplace_back( slot, random() % 4 != 0 );
          }
          if ( model_.canBeTwinOf( slot, key ) && random() % 2 == 0 ) {
-            spec.twin = slot;
+            wanted.twin = slot;
          }
       }
       if ( random() % 4 == 0 && !( table == rewrite && rewritesGoByThemselves_ ) ) {
-         spec.response = static_cast< Spec::Response >( random() % 5 );
-         spec.other = static_cast< U32 >( random() );
+         wanted.response = static_cast< RowWrite::Response >( random() % 5 );
+         wanted.other = static_cast< U32 >( random() );
       }
-      both( [ & ]( World & world ) { world.write( spec ); } );
+      both( [ & ]( World & world ) { world.write( wanted ); } );
    }
 
    bool rewritesGoByThemselves_ = false;  // when nobody holds them any more

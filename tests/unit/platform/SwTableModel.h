@@ -29,7 +29,7 @@ constexpr U32 keyCount = 5;
 constexpr U32 slotCount = 6;  // handles that the history's player holds
 
 // What one write says.
-struct Spec {
+struct RowWrite {
    enum class Response { reports, removesItself, removesAnother, writesItselfAgain, dropsASlot };
 
    Table table = rewrite;
@@ -72,7 +72,7 @@ struct Snapshot {
 class World {
  public:
    virtual ~World() = default;
-   virtual void write( Spec const & spec ) = 0;
+   virtual void write( RowWrite const & wanted ) = 0;
    virtual void remove( Table table, U32 key ) = 0;
    virtual void drop( U32 slot ) = 0;
    virtual void settle() = 0;
@@ -90,15 +90,15 @@ class World {
    }
    bool refusesRemoval( Table table, U32 key ) { return dice( table + 2, key ) % 8 < plan.refusals; }
 
-   void respond( Spec const & spec, EntryState state ) {
-      told_.emplace_back( spec.id, state );
-      switch ( spec.response ) {
-      case Spec::Response::reports: break;
-      case Spec::Response::removesItself: remove( spec.table, spec.key ); break;
-      case Spec::Response::removesAnother: remove( match, spec.other % keyCount ); break;
-      case Spec::Response::dropsASlot: drop( spec.other % slotCount ); break;
-      case Spec::Response::writesItselfAgain:
-         write( { .table = spec.table, .key = spec.key, .id = 1'000'000 + ++again_, .commits = spec.commits } );
+   void respond( RowWrite const & wanted, EntryState state ) {
+      told_.emplace_back( wanted.id, state );
+      switch ( wanted.response ) {
+      case RowWrite::Response::reports: break;
+      case RowWrite::Response::removesItself: remove( wanted.table, wanted.key ); break;
+      case RowWrite::Response::removesAnother: remove( match, wanted.other % keyCount ); break;
+      case RowWrite::Response::dropsASlot: drop( wanted.other % slotCount ); break;
+      case RowWrite::Response::writesItselfAgain:
+         write( { .table = wanted.table, .key = wanted.key, .id = 1'000'000 + ++again_, .commits = wanted.commits } );
          break;
       }
    }
@@ -124,23 +124,23 @@ class ModelWorld final : public World {
    std::deque< std::pair< std::size_t, std::size_t > > choices;
    std::function< U64( U32 key ) > whenRewriteWasRemoved;
 
-   void write( Spec const & spec ) override {
-      auto & place = rows_[ { spec.table, spec.key } ];
+   void write( RowWrite const & wanted ) override {
+      auto & place = rows_[ { wanted.table, wanted.key } ];
       if ( !place ) {
-         place = std::make_shared< Row >( Row{ .table = spec.table, .key = spec.key } );
+         place = std::make_shared< Row >( Row{ .table = wanted.table, .key = wanted.key } );
       }
       auto const row = place;
-      auto const version = std::make_shared< Version >( Version{ .spec = spec, .number = asked_ } );
-      for ( auto const & [ slot, counts ] : spec.needs ) {
+      auto const version = std::make_shared< Version >( Version{ .wanted = wanted, .number = asked_ } );
+      for ( auto const & [ slot, counts ] : wanted.needs ) {
          version->needs.emplace_back( slots_[ slot ], counts );
       }
-      version->twin = spec.twin ? slots_[ *spec.twin ] : nullptr;
-      row->committed = row->committed || spec.commits;
+      version->twin = wanted.twin ? slots_[ *wanted.twin ] : nullptr;
+      row->committed = row->committed || wanted.commits;
       row->state = EntryState::pending;
       auto const replaced = std::exchange( row->newest, version );
       queue( row, version, false );
       givenUp( replaced );
-      auto const dropped = spec.slot ? std::exchange( slots_[ *spec.slot ], row ) : row;
+      auto const dropped = wanted.slot ? std::exchange( slots_[ *wanted.slot ], row ) : row;
       handleGone( dropped );
    }
 
@@ -227,7 +227,7 @@ class ModelWorld final : public World {
    Snapshot look() override {
       Snapshot seen{ .outstanding = queue_.size() + refused_.size(), .told = std::exchange( told_, {} ) };
       auto const idOf = [ & ]( VersionPtr const & version ) {
-         return version ? std::optional( *seen.alive.insert( version->spec.id ).first ) : std::nullopt;
+         return version ? std::optional( *seen.alive.insert( version->wanted.id ).first ) : std::nullopt;
       };
       for ( auto const & [ place, row ] : rows_ ) {
          auto & [ rows, inHardware, failed ] = seen.counts[ row->table ];
@@ -273,7 +273,7 @@ class ModelWorld final : public World {
    struct Row;
    using RowPtr = std::shared_ptr< Row >;
    struct Version {
-      Spec spec;
+      RowWrite wanted;
       U64 number = 0;
       std::vector< std::pair< RowPtr, bool > > needs;
       RowPtr twin;
@@ -402,7 +402,7 @@ class ModelWorld final : public World {
          row->newest = row->inHardware;
          bool const isHeld = operation->version == row->inHardware;
          row->reporter =
-            isHeld ? row->inHardware : std::make_shared< Version >( Version{ .spec = operation->version->spec } );
+            isHeld ? row->inHardware : std::make_shared< Version >( Version{ .wanted = operation->version->wanted } );
          refused_.push_back( row );
          std::ranges::sort( refused_, {}, []( RowPtr const & refused ) { return refused->lastOperation; } );
       }
@@ -410,7 +410,7 @@ class ModelWorld final : public World {
       inResponse_.insert( inResponse_.end(), { operation->version, replaced } );
       if ( isNewest ) {
          row->state = outcome;
-         respond( operation->version->spec, outcome );
+         respond( operation->version->wanted, outcome );
       }
       inResponse_.pop_back();
       givenUp( replaced );

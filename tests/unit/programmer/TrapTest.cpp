@@ -38,16 +38,16 @@ RC_GTEST_PROP( PortRange, IsMatchedExactlyAndByTheFewestEntries, () ) {
    auto const port = rc::gen::resize( 200, rc::gen::arbitrary< U16 >() );
    auto const ends =
       *rc::gen::resize( 4, rc::gen::container< std::vector< std::pair< U16, U16 > > >( rc::gen::pair( port, port ) ) );
-   PortSpec spec;
+   PortSpec ports;
    for ( auto const & [ a, b ] : ends ) {
-      spec.ranges.push_back( { std::min( a, b ), std::max( a, b ) } );
+      ports.ranges.push_back( { std::min( a, b ), std::max( a, b ) } );
    }
    U8 count = 0;
-   auto const lists = generatePortRange( spec, count, true );
+   auto const lists = generatePortRange( ports, count, true );
    RC_ASSERT( lists.size() == count );
    RC_ASSERT( lists.size() == std::max< std::size_t >( 1, ends.size() ) );
-   for ( std::size_t i = 0; i < spec.ranges.size(); ++i ) {
-      auto const [ first, last ] = spec.ranges[ i ];
+   for ( std::size_t i = 0; i < ports.ranges.size(); ++i ) {
+      auto const [ first, last ] = ports.ranges[ i ];
       std::vector< unsigned > matches( 0x10000 );
       for ( auto const & entry : lists[ i ] ) {
          for ( U32 matched = 0; matched <= ( entry.mask ^ 0xffffU ); ++matched ) {
