@@ -29,19 +29,7 @@ template< class Entries, class Remove > void deleteEach( Entries const & entries
 void NatSwTableProgrammerSm::addAllConnections() {
    Trace::RingTrace::defaultHandle().message( "addAllConnections" );
    TRACE( traceHandle(), 8, "addAllConnections" );
-   auto const & config = *natProgrammerConfig();
-   for ( auto const & key : Vexa::keysOf( config.staticEntry() ) ) {
-      handleProgrammerStaticConfig( key );
-   }
-   for ( auto const & key : Vexa::keysOf( config.twiceEntry() ) ) {
-      handleProgrammerTwiceConfig( key );
-   }
-   for ( auto const & key : Vexa::keysOf( config.dynamicEntry() ) ) {
-      handleProgrammerDynamicConfig( key );
-   }
-   for ( auto const & key : Vexa::keysOf( config.trapEntry() ) ) {
-      handleProgrammerTrapConfig( key );
-   }
+   handleAllConfig();
 }
 
 void NatSwTableProgrammerSm::deleteAllConnections() {

@@ -149,8 +149,18 @@ void NatBaseProgrammerSm::natVlanProfileConfigIs( NatVlanProfileConfig::PtrConst
 void NatBaseProgrammerSm::replay() {
    Orla::Ptr< NatBaseProgrammerSm > const self( this );
    replayed_ = true;
+   handleAllConfig();
+   if ( natVlanProfileConfig_ ) {
+      natVlanProfileConfig_->vlanProfile().forEach(
+         [ & ]( U16 vlan, U16 profile ) { setNatProfile( vlan, profile ); } );
+   }
+   replayReconcile();
+   retryRefused();
+}
+
+// Whoever watches the status may change rules meanwhile: each is looked up at its turn.
+void NatBaseProgrammerSm::handleAllConfig() {
    auto const & config = *natProgrammerConfig_;
-   // Whoever watches the status may change rules meanwhile: each is looked up at its turn.
    for ( auto const & key : Vexa::keysOf( config.staticEntry() ) ) {
       handleProgrammerStaticConfig( key );
    }
@@ -163,12 +173,6 @@ void NatBaseProgrammerSm::replay() {
    for ( auto const & key : Vexa::keysOf( config.trapEntry() ) ) {
       handleProgrammerTrapConfig( key );
    }
-   if ( natVlanProfileConfig_ ) {
-      natVlanProfileConfig_->vlanProfile().forEach(
-         [ & ]( U16 vlan, U16 profile ) { setNatProfile( vlan, profile ); } );
-   }
-   replayReconcile();
-   retryRefused();
 }
 
 void NatBaseProgrammerSm::handleProgrammerStaticConfig( NatProgrammerStaticKey const & key ) {

@@ -76,6 +76,9 @@ class NatBaseProgrammerSm : public Orla::Entity {
    // the first replay changes of the configuration are left to it.
    void replay();
 
+   // Hands over every configured key, by the operations below: static, twice, dynamic, traps.
+   void handleAllConfig();
+
    // Hands over what `key` is configured as now, or its removal.
    void handleProgrammerStaticConfig( NatProgrammerStaticKey const & key );
    void handleProgrammerTwiceConfig( NatProgrammerTwiceKey const & key );
