@@ -1,0 +1,165 @@
+// No operation looks at other connections than its own: what one connection costs is the same among few and among many.
+// Costs are counted, never timed: edges of the control flow that the two libraries take (they are compiled for it, see
+// PFENAT_COUNT_EDGES), so that a look-up, a copy or a walk anywhere counts; writes and removals that reach the chip;
+// and allocations.
+#include <tests/support/Programmer.h>
+
+#include <gtest/gtest.h>
+#include <sanitizer/allocator_interface.h>
+
+#include <functional>
+
+namespace {
+
+struct Cost {
+   U64 edges = 0;
+   U64 allocations = 0;
+   U64 requests = 0;  // that reach the chip
+};
+Cost cost;
+
+void allocated( void const volatile *, std::size_t ) { ++cost.allocations; }
+void freed( void const volatile * ) {}
+
+}  // namespace
+
+// Called by the libraries at each edge.
+extern "C" [[gnu::visibility( "default" )]] void __sanitizer_cov_trace_pc_guard_init( U32 *, U32 * ) {}
+extern "C" [[gnu::visibility( "default" )]] void __sanitizer_cov_trace_pc_guard( U32 * ) { ++cost.edges; }
+
+namespace {
+
+using Support::AnyRule;
+
+constexpr U64 steps = 100;
+
+class CountingHardware final : public Asic::HardwarePolicy {
+ public:
+   Asic::EntryState outcomeOfWrite( Request const & ) override {
+      ++cost.requests;
+      return Asic::EntryState::settled;
+   }
+   bool refusesRemoval( Request const & ) override {
+      ++cost.requests;
+      return false;
+   }
+};
+
+// All on one address inside and one outside, so that every connection shares its twins with every other.
+Netix::IpAndPort inside( U32 i ) { return { Support::ip( "10.0.0.1" ), static_cast< U16 >( 1024 + i ) }; }
+Netix::IpAndPort outside( U32 i ) { return { Support::ip( "192.0.2.1" ), static_cast< U16 >( 1024 + i ) }; }
+Netix::IpAndPort const peerInside{ Support::ip( "10.9.0.9" ), 83 };
+Netix::IpAndPort const peer{ Support::ip( "198.51.100.7" ), 81 };
+
+AnyRule staticRule( Netix::IpAndPort const & from, std::string const & aclName, Netix::IpAndPort const & to ) {
+   Support::StaticFields fields{ .intfQualifier = 5 };
+   fields.connection = { .translated = to, .target = Ip::Nat::NatTarget::source, .protocol = 6 };
+   return Support::StaticRule{ { Support::intf( "ethernet1" ), { Orla::String( aclName ), from.ip, from.port } },
+                               Orla::make< Pfe::NatProgrammerStaticEntry >( fields ) };
+}
+
+AnyRule ownStaticRule( U32 i ) { return staticRule( inside( i ), "", outside( i ) ); }
+
+// An access list of its own translates each elsewhere: all that goes out shares one NAT id.
+AnyRule sharedStaticRule( U32 i ) { return staticRule( inside( 0 ), "acl" + std::to_string( 10000 + i ), outside( i ) ); }
+
+AnyRule twiceRule( U32 i ) {
+   Support::TwiceRule::Fields fields{ .intfQualifier = 5 };
+   fields.connection = { inside( i ), peerInside, outside( i ), peer };
+   return Support::TwiceRule{ { Support::intf( "ethernet1" ), { inside( i ), peerInside } },
+                              Orla::make< Pfe::NatProgrammerTwiceEntry >( fields ) };
+}
+
+AnyRule dynamicRule( Netix::IpAndPort const & from, Netix::IpAndPort const & to, bool addrOnly ) {
+   Support::DynamicRule::Fields fields{ .intfQualifier = 5 };
+   fields.connection = { .target = Ip::Nat::NatTarget::source, .addrOnly = addrOnly };
+   fields.global = to;
+   return Support::DynamicRule{ { Support::intf( "ethernet1" ), { from, peer, 6 } },
+                                Orla::make< Pfe::NatProgrammerDynamicEntry >( fields ) };
+}
+
+AnyRule naptRule( U32 i ) { return dynamicRule( inside( i ), outside( i ), false ); }
+
+// These have no twins, and each needs addresses of its own.
+AnyRule addrOnlyRule( U32 i ) {
+   auto const moved = [ i ]( Netix::IpAndPort pair ) {
+      pair.ip = Netix::IpAddr( pair.ip.value() + i );
+      return pair;
+   };
+   return dynamicRule( moved( inside( 0 ) ), moved( outside( 0 ) ), true );
+}
+
+struct Kind {
+   char const * name;
+   AnyRule ( *rule )( U32 i );
+};
+void PrintTo( Kind const & kind, std::ostream * stream ) { *stream << kind.name; }
+
+// Of `steps` connections that go, each in a turn of its own, and come back, among `live` ones.
+struct Costs {
+   Cost del;
+   Cost add;
+};
+
+Costs costsAmong( U32 live, Kind const & kind ) {
+   Support::Programmer programmer;
+   programmer.tables.hardware->policyIs( std::make_shared< CountingHardware >() );
+   auto & config = *programmer.config;
+   config.fragmentationEnabledIs( true );
+   programmer->replay();
+   for ( U32 i = 0; i < live; ++i ) {
+      Support::configure( config, kind.rule( i ) );
+   }
+   EXPECT_TRUE( programmer.settleToRest() );
+
+   // Rules out of the middle, so that neither the first nor the last in any order has a part in all of this.
+   auto const costOfEach = [ & ]( std::function< void( AnyRule const & ) > const & change ) {
+      Cost sum;
+      for ( U64 i = 0; i < steps; ++i ) {
+         auto const rule = kind.rule( static_cast< U32 >( live / 3 + i ) );
+         cost = {};
+         change( rule );
+         programmer.settle();
+         sum.edges += cost.edges;
+         sum.allocations += cost.allocations;
+         sum.requests += cost.requests;
+      }
+      return sum;
+   };
+   auto const once = [ & ] {
+      auto const del =
+         costOfEach( [ & ]( AnyRule const & rule ) { Support::unconfigure( config, Support::keyOf( rule ) ); } );
+      auto const add = costOfEach( [ & ]( AnyRule const & rule ) { Support::configure( config, rule ); } );
+      return Costs{ del, add };
+   };
+   once();  // fills the free lists
+   return once();
+}
+
+void expectSame( Cost const & few, Cost const & many, char const * operation ) {
+   SCOPED_TRACE( operation );
+   EXPECT_GT( few.edges, 100 * steps ) << "the libraries are not compiled to count";
+   EXPECT_LT( many.edges, few.edges * 105 / 100 );  // fuller tables probe a little longer
+   EXPECT_LE( many.allocations, few.allocations );
+   EXPECT_EQ( many.requests, few.requests );
+}
+
+class CostPerConnection : public testing::TestWithParam< Kind > {
+ protected:
+   static void SetUpTestSuite() { ASSERT_TRUE( __sanitizer_install_malloc_and_free_hooks( allocated, freed ) ); }
+};
+
+TEST_P( CostPerConnection, IsTheSameAmongFewAndAmongMany ) {
+   auto const few = costsAmong( 1'000, GetParam() );
+   auto const many = costsAmong( 30'000, GetParam() );
+   expectSame( few.del, many.del, "delete" );
+   expectSame( few.add, many.add, "add" );
+}
+
+INSTANTIATE_TEST_SUITE_P( Kinds, CostPerConnection,
+                          testing::Values( Kind{ "static", ownStaticRule }, Kind{ "sharedStatic", sharedStaticRule },
+                                           Kind{ "twice", twiceRule }, Kind{ "napt", naptRule },
+                                           Kind{ "addressOnly", addrOnlyRule } ),
+                          testing::PrintToStringParamName() );
+
+}  // namespace
