@@ -61,7 +61,9 @@ AnyRule staticRule( Netix::IpAndPort const & from, std::string const & aclName, 
 AnyRule ownStaticRule( U32 i ) { return staticRule( inside( i ), "", outside( i ) ); }
 
 // An access list of its own translates each elsewhere: all that goes out shares one NAT id.
-AnyRule sharedStaticRule( U32 i ) { return staticRule( inside( 0 ), "acl" + std::to_string( 10000 + i ), outside( i ) ); }
+AnyRule sharedStaticRule( U32 i ) {
+   return staticRule( inside( 0 ), "acl" + std::to_string( 10000 + i ), outside( i ) );
+}
 
 AnyRule twiceRule( U32 i ) {
    Support::TwiceRule::Fields fields{ .intfQualifier = 5 };
