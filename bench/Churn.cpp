@@ -1,6 +1,6 @@
-// What does it cost to replace one connection of many, turn by turn: one goes, one comes, both settle? batch_ratio
-// compares it with replacing a tenth of as many live connections in two turns, sum_ratio with adding all of them to
-// empty tables and deleting them again, both with filled free lists. allocs are those of a step.
+// What does it cost to replace one connection of many, turn by turn: one goes, one comes, both settle? sum_ratio
+// compares it with connections that go, and others that come, each in a turn of its own, among as many live ones;
+// batch_ratio with a tenth of them going in one turn and coming in the next. allocs are those of a step.
 #include "Questions.h"
 #include "Rounds.h"
 
@@ -26,20 +26,22 @@ template< class Rules > class Churn {
       return ended( watch, steps );
    }
 
-   // The same connections, many in a turn.
-   double nsInBatches( std::size_t steps ) {
-      auto const batch = rules_.size() - live_;
+   // The same steps, but a tenth of the connections goes, turn by turn or all in one, before as many come.
+   double nsApart( std::size_t steps, bool inOneTurn ) {
+      auto const tenth = rules_.size() - live_;
+      auto const each = [ & ]( std::size_t first, auto && change ) {
+         for ( auto i = first; i < std::min( first + tenth, steps ); ++i ) {
+            change( i );
+            if ( !inOneTurn ) {
+               system_.settle();
+            }
+         }
+         system_.settle();
+      };
       Stopwatch const watch;
-      for ( std::size_t first = 0; first < steps; first += batch ) {
-         auto const end = std::min( first + batch, steps );
-         for ( auto i = first; i < end; ++i ) {
-            unconfigure( system_.config(), going( i ) );
-         }
-         system_.settle();
-         for ( auto i = first; i < end; ++i ) {
-            configure( system_.config(), coming( i ) );
-         }
-         system_.settle();
+      for ( std::size_t first = 0; first < steps; first += tenth ) {
+         each( first, [ & ]( std::size_t i ) { unconfigure( system_.config(), going( i ) ); } );
+         each( first, [ & ]( std::size_t i ) { configure( system_.config(), coming( i ) ); } );
       }
       return ended( watch, steps );
    }
@@ -62,9 +64,6 @@ template< class Rules > class Churn {
 };
 
 template< class Rules > Figures churnFigures( Rules const & rules, std::size_t live ) {
-   Workload const workload{ .count = live, .addresses = live, .fragmentation = false };
-   Rules const first( rules.begin(), rules.begin() + static_cast< std::ptrdiff_t >( live ) );
-   systemRound( workload, first, first );
    Churn< Rules > churn( rules, live );
    churn.ns( rules.size() );
    long allocations = 0;
@@ -73,19 +72,14 @@ template< class Rules > Figures churnFigures( Rules const & rules, std::size_t l
       churn.ns( live );
       allocations = watch.used().allocations;
    }
+   auto const stepwise = [ & ] { return churn.ns( live ); };
    auto figures = pairedRounds(
-      live, [ & ] { return churn.ns( live ); },
-      [ & ] {
-         auto const times = systemRound( workload, first, first );
-         return times.add + times.del;
-      },
-      "sum" );
-   Churn< Rules > batches( rules, live );
+      live, stepwise, [ & ] { return churn.nsApart( live, false ); }, "sum" );
    auto const batched = pairedRounds(
-      live, [ & ] { return churn.ns( live ); }, [ & ] { return batches.nsInBatches( live ); }, "batch" );
+      live, stepwise, [ & ] { return churn.nsApart( live, true ); }, "batch" );
    figures[ "batch_ns" ] = batched.at( "batch_ns" );
    figures[ "batch_ratio" ] = batched.at( "batch_ratio" );
-   figures[ "allocs" ] = perRule( workload, allocations );
+   figures[ "allocs" ] = static_cast< double >( allocations ) / static_cast< double >( live );
    return figures;
 }
 

@@ -1,5 +1,5 @@
-// What do twice rules and learned connections, NAPT and address-only, cost against as many static rules? static_ratio
-// compares rounds that take turns in one process.
+// What do twice rules and learned connections, NAPT and address-only, cost against as many static rules, to add, to
+// delete, and both (their life)? static_ratio compares rounds that take turns in one process.
 #include "Questions.h"
 #include "Rounds.h"
 
@@ -18,7 +18,7 @@ Figures kindFigures( Workload const & workload, Workload const & ofStatic, Rules
    auto const & use = operation == Operation::add ? heap.added : heap.deleted;
    figures[ "allocs" ] = perRule( workload, use.allocations );
    figures[ "bytes" ] = perRule( workload, use.liveBytes );
-   if ( operation == Operation::del ) {
+   if ( operation != Operation::add ) {
       figures[ "second_cycle_bytes" ] = static_cast< double >( heap.secondCycleBytes );
    }
    return figures;
@@ -43,6 +43,7 @@ void registerKindsOfRules() {
       Workload const plain{ .count = n, .addresses = n, .fragmentation = false };
       casesOf( plain, "-add", Operation::add );
       casesOf( plain, "-delete", Operation::del );
+      casesOf( plain, "-life", Operation::life );
    }
    for ( auto const n : connectionCounts ) {
       casesOf( fragmentedWorkload( n ), "-fragment-add", Operation::add );

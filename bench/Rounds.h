@@ -97,9 +97,9 @@ inline double perRule( Workload const & workload, long amount ) {
    return static_cast< double >( amount ) / static_cast< double >( workload.count );
 }
 
-enum class Operation { add, del };
+enum class Operation { add, del, life };  // a life: an add and a delete
 inline double timeOf( Operation operation, Times const & times ) {
-   return operation == Operation::add ? times.add : times.del;
+   return ( operation == Operation::del ? 0 : times.add ) + ( operation == Operation::add ? 0 : times.del );
 }
 
 // With twins, as many as can be programmed at once.
