@@ -30,10 +30,10 @@ template< class Function > void forEachStatic( Configuration const & configurati
 }
 
 void requireNoProfiles( Configuration const & configuration ) {
-   if ( !configuration.profiles.empty() ) {
-      throw UnusableInput( configuration.file +
-                           ": pfe-nat:vlan-profile: " + std::to_string( configuration.profiles.size() ) +
-                           " profiles; allowed in interface mode: none" );
+   auto const count = configuration.profiles.size();
+   if ( count != 0 ) {
+      throw UnusableInput( configuration.file + ": pfe-nat:vlan-profile: " + std::to_string( count ) +
+                           ( count == 1 ? " profile" : " profiles" ) + "; allowed in interface mode: none" );
    }
 }
 

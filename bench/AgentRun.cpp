@@ -148,13 +148,7 @@ Figures agentFigures( std::string const & file, std::size_t connections ) {
 
 }  // namespace
 
-void registerAgent( std::string const & file ) {
-   auto const read = inOwnProcess( [ & ] {
-      auto const connections = Agent::configurationFrom( file ).connections.size();
-      return Figures{ { "connections", static_cast< double >( connections ) } };
-   } );
-   require( read.contains( "connections" ), "the configuration can be read" );
-   auto const connections = static_cast< std::size_t >( read.at( "connections" ) );
+void registerAgent( std::string const & file, std::size_t connections ) {
    caseIs( "agent", connections, [ = ] { return agentFigures( file, connections ); } );
 }
 

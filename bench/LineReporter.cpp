@@ -36,7 +36,10 @@ constexpr std::array columns{ Column{ "ns", 1 },
                               Column{ "batch_ns", 1 },
                               Column{ "batch_ratio", 2 },
                               Column{ "single_ns", 1 },
-                              Column{ "single_ratio", 2 } };
+                              Column{ "single_ratio", 2 },
+                              Column{ "read_ns", 1 },
+                              Column{ "read_ratio", 2 },
+                              Column{ "rows", 0 } };
 
 }  // namespace
 

@@ -1,6 +1,7 @@
 // What the benchmarks ask; one file each, which registers its cases.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace Bench {
@@ -14,7 +15,8 @@ void registerRestart();
 void registerNatIds();
 void registerKeys();
 void registerInterfaceMode();
-// With that configuration file.
-void registerAgent( std::string const & file );
+// With a configuration file of that many connections.
+void registerAgent( std::string const & file, std::size_t connections );
+void registerReload( std::string const & file, std::size_t connections );
 
 }  // namespace Bench

@@ -8,15 +8,34 @@
 //
 //    nat-bench [--configuration=FILE] [--benchmark_filter=REGEX] [--benchmark_out=FILE]
 //
-// The case of the agent needs a configuration file, and nat-agent where it was built.
+// The cases of the agent need a configuration file, and nat-agent where it was built.
 #include "Heap.h"
 #include "LineReporter.h"
+#include "Measure.h"
 #include "Questions.h"
+#include "System.h"
+
+#include "agent/Configuration.h"
 
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
+#include <string>
 #include <string_view>
+
+namespace {
+
+// Read in a process of its own, so that no case finds its traces in the heap.
+std::size_t connectionsIn( std::string const & file ) {
+   auto const read = Bench::inOwnProcess( [ & ] {
+      auto const connections = Agent::configurationFrom( file ).connections.size();
+      return Bench::Figures{ { "connections", static_cast< double >( connections ) } };
+   } );
+   Bench::require( read.contains( "connections" ), "the configuration can be read" );
+   return static_cast< std::size_t >( read.at( "connections" ) );
+}
+
+}  // namespace
 
 int main( int argc, char ** argv ) {
    Bench::keepHeapPages();
@@ -33,7 +52,10 @@ int main( int argc, char ** argv ) {
    benchmark::Initialize( &argc, argv );
    constexpr std::string_view configuration = "--configuration=";
    if ( argc > 1 && std::string_view( argv[ 1 ] ).starts_with( configuration ) ) {
-      Bench::registerAgent( argv[ 1 ] + configuration.size() );
+      std::string const file( argv[ 1 ] + configuration.size() );
+      auto const connections = connectionsIn( file );
+      Bench::registerAgent( file, connections );
+      Bench::registerReload( file, connections );
       argv[ 1 ] = argv[ 0 ];
       ++argv;
       --argc;
