@@ -30,6 +30,8 @@ class HardwarePolicy {
    // A policy that reorders is asked which of the `count` operations that may settle now is the next.
    virtual bool reorders() const { return false; }
    virtual std::size_t choose( std::size_t /* count */ ) { return 0; }
+   // Whether every operation reports, an overtaken one too, and pending before its outcome.
+   virtual bool reportsEverything() const { return false; }
 };
 
 // The outstanding operations of all tables of one chip.

@@ -226,9 +226,13 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
 
    if ( reports ) {
       row.state_ = outcome;
-      if ( auto const & response = version->entryBase().writeResponse ) {
-         response( outcome );
+   }
+   bool const reportsEverything = policy_ && policy_->reportsEverything();
+   if ( auto const & response = version->entryBase().writeResponse; response && ( reports || reportsEverything ) ) {
+      if ( reportsEverything ) {
+         response( EntryState::pending );
       }
+      response( outcome );
    }
 
    letGo( replaced );

@@ -1,6 +1,7 @@
 #include "World.h"
 
 #include <algorithm>
+#include <regex>
 #include <utility>
 
 namespace Model {
@@ -177,7 +178,8 @@ void World::retryOver() {
 
 // --- What happens ----------------------------------------------------------------------------------------------------
 
-World::World( U32 freeIds, Chip const & chip ) : freeIds_( freeIds ), chip_( chip ) {
+World::World( U32 freeIds, Chip const & chip, bool talkativeHardware ) : freeIds_( freeIds ), chip_( chip ) {
+   hardware_->talkative = talkativeHardware;
    surroundings_.config->vrfLessIs( chip.vrfLess );
    surroundings_.capabilities->fullConeProgrammedIs( chip.fullConeProgrammed );
    surroundings_.mcast->accepts = []( AnyRule const & rule ) {
@@ -223,9 +225,8 @@ void World::freeIdsAre( U32 count ) {
    tables_.blockedIds.clear();
    auto & bitmap = *running_->sm->natIdManager()->natIdBitmap();
    std::set< U32 > used;
-   for ( auto const & [ matchKey, id ] : tables_.ids ) {
-      used.insert( id );
-   }
+   running_->natIdInfo->matchKeyToNatId().forEach(
+      [ & ]( Pfe::NatMatchKey const &, Pfe::NatId id ) { used.insert( id.value() ); } );
    for ( U32 id = 1; id <= ExpectedTables::largestId; ++id ) {
       if ( used.contains( id ) ) {
          continue;
@@ -315,6 +316,14 @@ bool World::collides( AnyRule const & rule ) const {
 // --- Checks ----------------------------------------------------------------------------------------------------------
 
 void World::check() {
+   if ( hardware_->talkative ) {
+      faults_.clear();
+      if ( running_->tables.hardware->outstanding() == 0 ) {
+         running_->sm->atRest();
+         checkStatus( Snapshot( running_->tables ) );
+      }
+      return;
+   }
    Snapshot const seen( running_->tables );
    tables_.catchUp( seen );
    checkHandOvers();
@@ -464,6 +473,52 @@ void World::checkExchange( AnyRule const & rule, Support::Packet::Part part ) {
 bool World::isAllProgrammed() const {
    return std::ranges::none_of( refused_, &Refused::byPool ) &&
           programmed_.size() + refused_.size() == configured().size() && running_->tables.failedRowCount() == 0;
+}
+
+void World::checkAgainstFresh() {
+   auto surroundings = surroundings_;
+   surroundings.natIdInfo = Orla::make< Pfe::NatIdInfo >();
+   surroundings.chip = std::make_shared< Support::ScriptedHardware >();
+   Support::Programmer const fresh( std::move( surroundings ) );
+   fresh->replay();
+   if ( !fresh.settleToRest() ) {
+      fault( "a fresh programmer does not come to rest" );
+   }
+   auto const text = []( Support::Programmer const & programmer ) {
+      auto lines = programmer.tables.text();
+      for ( auto & line : lines ) {
+         line = std::regex_replace( line, std::regex( "([0-9]+)/|natId [0-9]+" ), "id/" );
+      }
+      std::ranges::sort( lines );
+      return lines;
+   };
+   auto const here = text( *running_ ), there = text( fresh );
+   Lines onlyHere, onlyThere;
+   std::ranges::set_difference( here, there, std::back_inserter( onlyHere ) );
+   std::ranges::set_difference( there, here, std::back_inserter( onlyThere ) );
+   for ( auto const & line : onlyHere ) {
+      fault( "a fresh programmer has not: " + line );
+   }
+   for ( auto const & line : onlyThere ) {
+      fault( "a fresh programmer has: " + line );
+   }
+   auto const results = Support::outcomes( *fresh.status );
+   for ( auto const & [ key, outcome ] : Support::outcomes( *running_->status ) ) {
+      auto const found = results.find( key );
+      expect( found != results.end() && found->second == outcome, "another result than a fresh programmer's", key );
+   }
+   for ( auto const & [ key, outcome ] : results ) {
+      expect( Support::resultOf( *running_->status, key ).has_value(), "no result", key );
+   }
+   if ( running_->idsInUse() != fresh.idsInUse() ) {
+      fault( "another number of NAT ids than a fresh programmer's" );
+   }
+}
+
+void World::hardwareHeals() {
+   bool const talkative = hardware_->talkative;
+   *hardware_ = FaultyHardware();
+   hardware_->talkative = talkative;
 }
 
 void World::checkEmpty() {

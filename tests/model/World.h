@@ -21,6 +21,7 @@ class FaultyHardware final : public Asic::HardwarePolicy {
    std::size_t capacity = ~std::size_t{ 0 };
    U64 delay = 0;
    std::optional< std::mt19937 > order;
+   bool talkative = false;  // reports everything
 
    bool isReady( Request const & request ) override { return request.turnsWaited > delay; }
    Asic::EntryState outcomeOfWrite( Request const & request ) override {
@@ -32,6 +33,7 @@ class FaultyHardware final : public Asic::HardwarePolicy {
    }
    bool refusesRemoval( Request const & ) override { return refuseEvery != 0 && ++removals_ % refuseEvery == 0; }
    bool reorders() const override { return order.has_value(); }
+   bool reportsEverything() const override { return talkative; }
    std::size_t choose( std::size_t count ) override { return ( *order )() % count; }
 
  private:
@@ -43,7 +45,7 @@ class FaultyHardware final : public Asic::HardwarePolicy {
 // the tables. Nothing here throws: what is wrong is collected.
 class World {
  public:
-   World( U32 freeIds, Chip const & chip );
+   World( U32 freeIds, Chip const & chip, bool talkativeHardware );
    ~World();
 
    // --- What happens. Each is one change of an agent; check() belongs after each. ---
@@ -68,6 +70,7 @@ class World {
    bool rest();
 
    FaultyHardware & hardware() { return *hardware_; }
+   void hardwareHeals();
    Pfe::NatProgrammerConfig const & config() const { return *surroundings_.config; }
    std::map< AnyKey, AnyRule > configured() const { return Support::configured( config() ); }
    bool isCleaningUp() const { return cleaningUp_; }
@@ -75,10 +78,13 @@ class World {
    // Whether another configured rule than the one under `key` has a row of `rule`.
    bool collides( AnyRule const & rule ) const;
 
-   // Compares everything that holds after any step; at rest everything else too.
+   // Compares everything that holds after any step; at rest everything else too. With talkative hardware the results at
+   // rest alone: reports of overtaken operations may give up an id early, and write results that the next one mends.
    void check();
    // Whether every rule that the chip can do is in the hardware as configured. Only at rest.
    bool isAllProgrammed() const;
+   // Whether rows and results are those of a programmer that was handed the configuration just now. Only at rest.
+   void checkAgainstFresh();
    // Nothing of any rule is left anywhere.
    void checkEmpty();
    Lines takeFaults() { return std::exchange( faults_, {} ); }
