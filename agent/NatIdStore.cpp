@@ -133,6 +133,12 @@ NatIdStore::NatIdStore( std::string folder )
    if ( mkdir( folder_.c_str(), folderMode ) < 0 && errno != EEXIST ) {
       throw UnusableInput( folder_ + ": cannot be created: " + std::strerror( errno ) );
    }
+   // Whoever may write there may put links and sockets of his own in the place of the agent's.
+   struct stat found {};
+   if ( stat( folder_.c_str(), &found ) == 0 && S_ISDIR( found.st_mode ) &&
+        ( found.st_mode & ( S_IWGRP | S_IWOTH ) ) ) {
+      throw UnusableInput( folder_ + ": others may write there; allowed: a folder that its owner alone may write to" );
+   }
    lock_.emplace( folder_ );
    if ( access( ( folder_ + "/data.mdb" ).c_str(), F_OK ) == 0 && !survivesReading( folder_ ) ) {
       refuse( folder_, "is damaged: reading it fails half-way" );

@@ -22,8 +22,8 @@ namespace Agent {
 // Whatever throws, throws UnusableInput and has changed nothing in the folder.
 class NatIdStore final : private Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
  public:
-   // Opens the folder, or creates it (0700, files 0600). Throws when it can not be used or is damaged, and when another
-   // process uses it.
+   // Opens the folder, or creates it (0700, files 0600). Throws when it can not be used or is damaged, when others may
+   // write to it, and when another process uses it.
    explicit NatIdStore( std::string folder );
    ~NatIdStore();
 

@@ -37,6 +37,23 @@ Json errorAnswer( Json const & id, Fault const & fault ) {
    return { { "jsonrpc", "2.0" }, { "error", { { "code", fault.code }, { "message", fault.message } } }, { "id", id } };
 }
 
+// Values are copied and written with some stack for each level.
+constexpr int mostLevels = 16;
+// Each answer may hold everything that is programmed.
+constexpr std::size_t mostInBatch = 16;
+
+// Discarded: no JSON. Throws Fault when it is nested too deeply.
+Json parsed( std::string_view request ) {
+   auto const requireShallow = []( int depth, Json::parse_event_t, Json & ) {
+      if ( depth > mostLevels ) {
+         throw Fault{ invalidRequest,
+                      "the message is nested too deeply; allowed: " + std::to_string( mostLevels ) + " levels" };
+      }
+      return true;
+   };
+   return Json::parse( request, requireShallow, false );
+}
+
 std::string lineOf( Json const & answer ) { return answer.dump( -1, ' ', false, Json::error_handler_t::replace ); }
 
 // Texts and numbers, as an option on the command line would have them.
@@ -160,11 +177,25 @@ std::string Requests::refusal( std::string_view why ) {
 }
 
 bool Requests::answer( std::string_view request, std::string & answer ) {
-   auto const json = Json::parse( request, nullptr, false );
+   Json told;
+   try {
+      told = answerToAll( parsed( request ) );
+   } catch ( Fault const & fault ) {
+      told = errorAnswer( nullptr, fault );
+   }
+   answer = told.is_null() ? "" : lineOf( told );
+   return !ends_;
+}
+
+Json Requests::answerToAll( Json const & json ) {
    Json told;
    if ( json.is_discarded() ) {
-      told = errorAnswer( nullptr, { parseError, "the message is no JSON" } );
-   } else if ( json.is_array() && !json.empty() ) {
+      throw Fault{ parseError, "the message is no JSON" };
+   }
+   if ( json.is_array() && !json.empty() ) {
+      if ( json.size() > mostInBatch ) {
+         throw Fault{ invalidRequest, "too many requests in a batch; allowed: " + std::to_string( mostInBatch ) };
+      }
       for ( auto const & one : json ) {
          if ( auto const answerToOne = answerTo( one ); !answerToOne.is_null() ) {
             told.push_back( answerToOne );
@@ -173,8 +204,7 @@ bool Requests::answer( std::string_view request, std::string & answer ) {
    } else {
       told = answerTo( json );
    }
-   answer = told.is_null() ? "" : lineOf( told );
-   return !ends_;
+   return told;
 }
 
 // Null for a notification, which has no answer.

@@ -31,6 +31,7 @@ class Requests {
  private:
    using Json = nlohmann::ordered_json;
 
+   Json answerToAll( Json const & message );
    Json answerTo( Json const & request );
    Json resultOf( std::string const & method, Json const & params );
 

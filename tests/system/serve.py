@@ -129,6 +129,10 @@ def check_bad_requests():
         ("a flag", call | {"params": {"format": True}}, -32602, 7, "format: true; allowed: a text or a number"),
         ("ring", call | {"method": "ring", "params": {"lines": 0}}, -32602, 7, "lines: 0; allowed: 1 to 2048"),
         ("packet", call | {"method": "explain", "params": {"proto": "tcp", "src": "10.0.0.1:5"}}, -32602, 7, "--dst is required"),
+        ("too deep", b'{"id": ' + b"[" * 30000 + b"]" * 30000 + b"}\n", -32600, None, "the message is nested too deeply; allowed: 16 levels"),
+        ("too many at once", [call] * 17, -32600, None, "too many requests in a batch; allowed: 16"),
+        ("a file without an end", call | {"method": "reload", "params": {"file": "/dev/zero"}}, -32000, 7,
+         "/dev/zero: is too large; allowed: at most 1 GiB"),
         ("too long", b"x" * 70000 + b"\n", -32600, None, TOO_LONG),
         ("too long, without an end", b"x" * 65536, -32600, None, TOO_LONG),
     ]

@@ -60,6 +60,9 @@ def check_damage():
 
 def check_unusable():
     refused("no such place", "missing/state: cannot be created: No such file or directory", "missing/state")
+    STATE.chmod(0o775)
+    refused("others' folder as well", "state: others may write there; allowed: a folder that its owner alone may write to")
+    STATE.chmod(0o750)  # they may look
     refused("a file", "a.json/agent.lock: cannot be locked: Not a directory", write("a.json", "{}"))
 
 
