@@ -1,0 +1,101 @@
+// Messages of any bytes to a serving agent, one per line: each has an answer of the protocol's form, or none where the
+// protocol wants none, and the agent serves on.
+#include "agent/Requests.h"
+
+#include "agent/Configuration.h"
+#include "agent/Host.h"
+#include "agent/Server.h"
+#include "agent/SimulatedHardware.h"
+#include "agent/UnusableInput.h"
+
+#include <Vexa/Assert.h>
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace {
+
+using Json = nlohmann::json;
+
+// A client may name one of two configurations: "" and "other".
+std::string textOf( bool isOther ) {
+   Json const at{ { "pfe-nat:interface", "ethernet1" }, { "type", "static" } };
+   Json first = at;
+   first.update( { { "index", 1 },
+                   { "internal-src-address", "10.0.0.1/32" },
+                   { "external-src-address", isOther ? "192.0.2.9/32" : "192.0.2.1/32" } } );
+   Json second = at;
+   second.update( { { "index", 2 },
+                    { "transport-protocol", 6 },
+                    { "internal-dst-address", "10.0.0.2/32" },
+                    { "internal-dst-port", { { "start-port-number", 8443 } } },
+                    { "external-dst-address", "192.0.2.2/32" },
+                    { "external-dst-port", { { "start-port-number", 443 } } } } );
+   Json const instance{ { "id", 1 },
+                        { "pfe-nat:fragmentation", isOther },
+                        { "mapping-table", { { "mapping-entry", { first, second } } } } };
+   return Json{ { "ietf-nat:nat", { { "instances", { { "instance", { instance } } } } } } }.dump();
+}
+
+Agent::Configuration read( std::string const & file ) {
+   static std::string const texts[] = { textOf( false ), textOf( true ) };
+   if ( !file.empty() && file != "other" ) {
+      throw Agent::UnusableInput( file + ": cannot be read" );
+   }
+   return Agent::configurationIn( "input", texts[ file == "other" ] );
+}
+
+std::unique_ptr< Agent::Host > programmed() {
+   auto host = std::make_unique< Agent::Host >(
+      read( "" ), std::make_shared< Agent::SimulatedHardware >( Agent::SimulatedHardware::Settings{} ), nullptr );
+   host->program();
+   return host;
+}
+
+void requireAnswer( Json const & answer ) {
+   bool const isResult = answer.contains( "result" );
+   VEXA_ASSERT( answer.is_object() && answer.size() == 3 && answer.at( "jsonrpc" ) == "2.0" );
+   VEXA_ASSERT( answer.contains( "id" ) && !answer.at( "id" ).is_structured() );
+   VEXA_ASSERT( isResult != answer.contains( "error" ) );
+   VEXA_ASSERT( isResult ? answer.at( "result" ).at( "status" ) <= 1
+                         : !answer.at( "error" ).at( "message" ).get< std::string >().empty() );
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput( std::uint8_t const * data, std::size_t size ) {
+   // Made again when an input has changed it, so that every input meets the same.
+   static std::unique_ptr< Agent::Host > host;
+   static U64 turns = 0;
+   if ( !host || host->turns() != turns ) {
+      host = programmed();
+      turns = host->turns();
+   }
+   Agent::Requests requests( *host, &read );
+   std::string_view rest( reinterpret_cast< char const * >( data ), size );
+   for ( bool serves = true; serves && !rest.empty(); ) {
+      auto const line = rest.substr( 0, rest.find( '\n' ) );
+      rest.remove_prefix( std::min( line.size() + 1, rest.size() ) );
+      if ( line.size() >= Agent::longestRequest ) {
+         return 0;
+      }
+      std::string text;
+      serves = requests.answer( line, text );
+      VEXA_ASSERT( text.find( '\n' ) == text.npos );
+      auto const answer = text.empty() ? Json::array() : Json::parse( text );
+      if ( answer.is_array() ) {
+         for ( auto const & one : answer ) {
+            requireAnswer( one );
+         }
+      } else {
+         requireAnswer( answer );
+      }
+   }
+   return 0;
+}
