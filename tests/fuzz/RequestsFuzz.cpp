@@ -43,7 +43,7 @@ std::string textOf( bool isOther ) {
    return Json{ { "ietf-nat:nat", { { "instances", { { "instance", { instance } } } } } } }.dump();
 }
 
-Agent::Configuration read( std::string const & file ) {
+Agent::Configuration configurationOf( std::string const & file ) {
    static std::string const texts[] = { textOf( false ), textOf( true ) };
    if ( !file.empty() && file != "other" ) {
       throw Agent::UnusableInput( file + ": cannot be read" );
@@ -53,7 +53,8 @@ Agent::Configuration read( std::string const & file ) {
 
 std::unique_ptr< Agent::Host > programmed() {
    auto host = std::make_unique< Agent::Host >(
-      read( "" ), std::make_shared< Agent::SimulatedHardware >( Agent::SimulatedHardware::Settings{} ), nullptr );
+      configurationOf( "" ), std::make_shared< Agent::SimulatedHardware >( Agent::SimulatedHardware::Settings{} ),
+      nullptr );
    host->program();
    return host;
 }
@@ -77,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput( std::uint8_t const * data, std::size_t si
       host = programmed();
       turns = host->turns();
    }
-   Agent::Requests requests( *host, &read );
+   Agent::Requests requests( *host, &configurationOf );
    std::string_view rest( reinterpret_cast< char const * >( data ), size );
    for ( bool serves = true; serves && !rest.empty(); ) {
       auto const line = rest.substr( 0, rest.find( '\n' ) );
