@@ -1,6 +1,7 @@
 #include "agent/CommandLine.h"
 
 #include "agent/Configuration.h"
+#include "agent/ConntrackFollower.h"
 #include "agent/ConntrackListing.h"
 #include "agent/Host.h"
 #include "agent/HostReport.h"
@@ -40,6 +41,8 @@ struct Options {
    U8 traceLevel = 0;
    SimulatedHardware::Settings hardware;
    std::string conntrack;  // empty: nothing is learned
+   bool follows = false;
+   std::string netns;  // empty: that of this process
    NatInterface natInterface;
    Sections sections;
    Packet packet;
@@ -57,11 +60,31 @@ void addLearningOptions( CLI::App & app, Options & options ) {
    group->add_option( "--nat-vrf", options.natInterface.vrfId, "VRF of it (default 0)" )
       ->type_name( "N" )
       ->check( CLI::Range( U32{ 0 }, static_cast< U32 >( Netix::VrfId::max ) ) )
-      ->needs( listing );
+      ->needs( intf );
    group->add_option( "--nat-qualifier", options.natInterface.qualifier, "Qualifier of the interface (default 0)" )
       ->type_name( "N" )
-      ->needs( listing );
+      ->needs( intf );
    intf->needs( listing );
+}
+
+// Instead of a listing.
+void addFollowingOptions( CLI::App & app, Options & options ) {
+   auto * const listing = app.get_option( "--conntrack" );
+   auto * const intf = app.get_option( "--nat-interface" );
+   auto * const group = app.add_option_group( "Followed connections" );
+   auto * const follow =
+      group->add_flag( "--follow-conntrack", options.follows,
+                       "Learn what this machine's connection tracking translates, as it comes and goes" );
+   follow->needs( intf )->excludes( listing );
+   group->add_option( "--netns", options.netns, "Network namespace of it, as ip netns names it" )
+      ->type_name( "NAME" )
+      ->needs( follow );
+   intf->remove_needs( listing );
+   app.parse_complete_callback( [ = ] {
+      if ( intf->count() > listing->count() + follow->count() ) {
+         throw CLI::RequiresError( "--nat-interface", "--follow-conntrack or --conntrack" );
+      }
+   } );
 }
 
 // What every command that programs a configuration takes.
@@ -118,8 +141,9 @@ Configuration configurationOf( Options const & options, std::optional< Conntrack
    return configuration;
 }
 
-// Programs the configuration and hands the host to use( host, report ), which returns whether all is well.
-template< class Use > int program( Options const & options, Use && use ) {
+// Programs the configuration, with what a kernel tracks when there is a follower, and hands the host to
+// use( host, report ), which returns whether all is well.
+template< class Use > int program( Options const & options, ConntrackFollower * follower, Use && use ) {
    std::optional< ConntrackListing > listing;
    auto configuration = configurationOf( options, listing );
    if ( !isEnabled( configuration ) ) {
@@ -130,6 +154,9 @@ template< class Use > int program( Options const & options, Use && use ) {
       store.emplace( options.state );
    }
    Trace::enabledLevelIs( options.traceLevel );
+   if ( follower ) {
+      follower->learnInto( configuration );
+   }
    Host host( std::move( configuration ), std::make_shared< SimulatedHardware >( options.hardware ),
               store ? &*store : nullptr );
    host.program();
@@ -142,7 +169,7 @@ template< class Use > int program( Options const & options, Use && use ) {
 }
 
 int programAndReport( Options const & options ) {
-   return program( options, [ & ]( Host const & host, Report & report ) {
+   return program( options, nullptr, [ & ]( Host const & host, Report & report ) {
       reportProgramming( report, host, options.sections );
       return true;
    } );
@@ -174,7 +201,7 @@ int programInterfacesAndReport( Options const & options, CLI::App const & app ) 
 
 int programAndExplain( Options const & options ) {
    requireComplete( options.packet );
-   return program( options, [ & ]( Host const & host, Report & report ) {
+   return program( options, nullptr, [ & ]( Host const & host, Report & report ) {
       if ( !host.isComplete() ) {
          std::cerr << "nat-agent: not everything is programmed; see  nat-agent " << options.file << '\n';
       }
@@ -185,6 +212,11 @@ int programAndExplain( Options const & options ) {
 // Serves until it is told to end, which is success whatever is programmed then.
 int programAndServe( Options options ) {
    std::optional< Server > server;
+   std::optional< ConntrackFollower > following;
+   if ( options.follows ) {
+      following.emplace( options.netns, options.natInterface );
+   }
+   auto * const follower = following ? &*following : nullptr;
    auto const read = [ & ]( std::string const & file ) {
       auto next = options;
       next.file = file.empty() ? options.file : file;
@@ -195,18 +227,32 @@ int programAndServe( Options options ) {
                               " is not enabled; allowed: an enabled one; delete-all takes all rules out" );
       }
       options.file = next.file;
+      if ( follower ) {
+         follower->learnInto( configuration );
+      }
       return configuration;
    };
-   program( options, [ & ]( Host & host, Report & report ) {
+   program( options, follower, [ & ]( Host & host, Report & report ) {
       server.emplace( options.state );
       reportHeading( report, host );
       reportSummary( report, host );
+      if ( follower ) {
+         report.line( follower->summary( host ) );
+      }
       report.line( "Serving at " + socketIn( options.state ) );
       std::cout.flush();
-      Requests requests( host, read );
+      Requests requests( host, read, follower );
+      auto const turn = [ & ] {
+         if ( follower ) {
+            follower->turn( host );
+         }
+      };
       server->serve(
-         [ & ]( std::string_view request, std::string & answer ) { return requests.answer( request, answer ); },
-         &Requests::refusal );
+         [ & ]( std::string_view request, std::string & answer ) {
+            turn();  // answers speak of what was there when they were asked for
+            return requests.answer( request, answer );
+         },
+         &Requests::refusal, { [ & ] { return follower ? follower->descriptor() : -1; }, turn } );
       return true;
    } );
    return complete;
@@ -260,7 +306,8 @@ void addControlOptions( CLI::App & app, Options & options ) {
    app.prefix_command();
    app.footer(
       "METHOD is one of show, connections, statuses, rows, ids, traps, profiles, ring [--lines N], summary,\n"
-      "explain with the options of nat-agent explain, reload [--file CONFIG], delete-all, add-all, retry, stop.\n\n"
+      "explain with the options of nat-agent explain, reload [--file CONFIG], delete-all, add-all, retry, following,\n"
+      "resync, stop.\n\n"
       "Exit status: 0 everything is programmed, 1 something is not, 2 the request cannot be carried out." );
 }
 
@@ -291,6 +338,7 @@ int run( int argumentCount, char ** arguments ) {
                    "nat-agent serve" );
    addCommonOptions( serve, options );
    serve.get_option( "--state" )->required();
+   addFollowingOptions( serve, options );
    serve.footer( "SIGTERM ends it; the NAT ids are kept. Exit status: 0 ended as told, 2 unusable input." );
    CLI::App ctl( "Asks an agent that serves.", "nat-agent ctl" );
    addControlOptions( ctl, options );

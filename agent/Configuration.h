@@ -4,10 +4,13 @@
 #include "agent/Connection.h"
 
 #include <Pfe/NatProgrammerConfig.h>
+#include <Vexa/HashMap.h>
 
+#include <cstddef>
 #include <map>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -24,12 +27,16 @@ struct Configuration {
    std::string instanceName;  // empty: none given
    bool enabled = true;       // false: nothing is to be programmed
    Settings settings;
-   std::vector< Connection > connections;  // in the order of the file, then those learned from a listing
+   std::vector< Connection > connections;  // in the order of the file, then those learned
    std::vector< Trap > traps;
    std::map< U16, U16 > profiles;                           // by VLAN
    std::set< std::pair< Netix::IntfId, U16 > > qualifiers;  // of the interfaces that connections stand at
    // The same connections, traps and settings, as the programmer reads them.
    Pfe::NatProgrammerConfig::Ptr rules;
+   // Of the dynamic connections, where they stand among all.
+   std::unordered_map< Pfe::NatProgrammerDynamicKey, std::size_t,
+                       Vexa::KeyHash< Pfe::NatProgrammerDynamicKey, 0x7F4A7C15 > >
+      placeOfDynamic;
 };
 
 // Null when no connection derives the row, as for rows of fragments, which connections share.
@@ -37,6 +44,9 @@ Connection const * connectionOf( Pfe::IngNatTableKey const & row, Configuration 
 
 // Puts the connection among the rules, and the interface's qualifier to the others.
 void add( Configuration & configuration, Connection connection );
+
+// Takes a learned connection out of both. The last one takes its place. Absent: nothing.
+void remove( Configuration & configuration, Pfe::NatProgrammerDynamicKey const & key );
 
 // Reads a file in the names of RFC 8512 and of pfe-nat.yang, encoded by RFC 7951. The whole file is checked before
 // anything is made of it.

@@ -242,11 +242,11 @@ class Reader {
 
    void readEntry( JsonValue value ) {
       auto connection = takeMappingEntry( value, groups_ );
-      if ( !indexes_.is( connection.index ) ) {
-         refuse( value, "has the index " + std::to_string( connection.index ) + " of another entry",
-                 "an index of its own" );
+      auto const index = *connection.index;
+      if ( !indexes_.is( index ) ) {
+         refuse( value, "has the index " + std::to_string( index ) + " of another entry", "an index of its own" );
       }
-      std::visit( [ & ]( auto const & rule ) { claim( value, rule, connection.index ); }, connection.rule );
+      std::visit( [ & ]( auto const & rule ) { claim( value, rule, index ); }, connection.rule );
       add( result_, std::move( connection ) );
    }
 
@@ -260,7 +260,7 @@ class Reader {
             return same && same->key == rule.key;
          } );
          refuse( value,
-                 std::string( "has the " ) + claimTexts( rule ).key + " of entry " + std::to_string( other->index ),
+                 std::string( "has the " ) + claimTexts( rule ).key + " of entry " + std::to_string( *other->index ),
                  claimTexts( rule ).oneKey );
       }
    }
@@ -318,7 +318,26 @@ void add( Configuration & configuration, Connection connection ) {
          configure( rules, rule );
       },
       connection.rule );
+   if ( auto const * const rule = std::get_if< DynamicRule >( &connection.rule ) ) {
+      configuration.placeOfDynamic[ rule->key ] = configuration.connections.size();
+   }
    configuration.connections.push_back( std::move( connection ) );
+}
+
+void remove( Configuration & configuration, Pfe::NatProgrammerDynamicKey const & key ) {
+   auto const found = configuration.placeOfDynamic.find( key );
+   if ( found == configuration.placeOfDynamic.end() ) {
+      return;
+   }
+   auto & connections = configuration.connections;
+   auto const place = found->second;
+   configuration.placeOfDynamic.erase( found );
+   if ( place + 1 != connections.size() ) {
+      connections[ place ] = std::move( connections.back() );
+      configuration.placeOfDynamic[ std::get< DynamicRule >( connections[ place ].rule ).key ] = place;
+   }
+   connections.pop_back();
+   configuration.rules->dynamicEntryDel( key );
 }
 
 Configuration configurationIn( std::string const & file, std::string_view text ) {

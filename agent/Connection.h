@@ -12,6 +12,7 @@
 #include <bitset>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -49,8 +50,8 @@ using TwiceRule = Rule< Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerTwiceEntry
 using DynamicRule = Rule< Pfe::NatProgrammerDynamicKey, Pfe::NatProgrammerDynamicEntry >;
 
 struct Connection {
-   U32 index = 0;  // of the mapping entry; 0 for a learned connection without one
-   U32 line = 0;   // of the listing that it was learned from; 0: none
+   std::optional< U32 > index = {};  // of the mapping entry; none: it was learned
+   U32 line = 0;                     // of the listing that it was learned from; 0: none
    std::variant< StaticRule, TwiceRule, DynamicRule > rule;
    std::shared_ptr< McastGroup const > group = {};  // null: none named
 };

@@ -133,6 +133,21 @@ bool isSame( Pfe::NatProgrammerTrapEntry const & a, Pfe::NatProgrammerTrapEntry 
                       right.trapFilter.end() );
 }
 
+// With rules of its own.
+Configuration copyOf( Configuration const & configuration ) {
+   auto copy = configuration;
+   copy.rules = Orla::make< Pfe::NatProgrammerConfig >();
+   copy.rules->fragmentationEnabledIs( configuration.settings.fragmentation );
+   copy.rules->vrfLessIs( configuration.settings.vrfLess );
+   for ( auto const & connection : configuration.connections ) {
+      std::visit( [ & ]( auto const & rule ) { configure( *copy.rules, rule ); }, connection.rule );
+   }
+   for ( auto const & trap : configuration.traps ) {
+      copy.rules->trapEntryIs( trap.key, trap.entry );
+   }
+   return copy;
+}
+
 }  // namespace
 
 void Host::reload( Configuration next ) {
@@ -214,6 +229,23 @@ void Host::settingsAre( Settings const & settings ) {
    configuration_.rules->vrfLessIs( settings.vrfLess );
    capabilities_->fullConeProgrammedIs( settings.fullConeProgrammed );
    detection_->detected = settings.l4Detected;
+}
+
+void Host::learn( std::vector< Pfe::NatProgrammerDynamicKey > const & gone, std::vector< DynamicRule > const & come ) {
+   if ( isDeleted() && !kept_ ) {
+      kept_ = copyOf( configuration_ );
+   }
+   auto & configuration = isDeleted() ? *kept_ : configuration_;
+   for ( auto const & key : gone ) {
+      remove( configuration, key );
+   }
+   for ( auto const & rule : come ) {
+      add( configuration, { .rule = rule } );
+   }
+   if ( !isDeleted() ) {
+      runUntilAtRest();
+      retryRefused();
+   }
 }
 
 // --- All at once -----------------------------------------------------------------------------------------------------

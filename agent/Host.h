@@ -14,6 +14,7 @@
 
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace Agent {
 
@@ -36,6 +37,10 @@ class Host {
    // change only while nothing is programmed. What failed is tried again. While all is deleted the new configuration
    // is only kept.
    void reload( Configuration configuration );
+
+   // Learned connections go and come, in that order, in one turn. While all is deleted they only go and come in the
+   // configuration that is kept.
+   void learn( std::vector< Pfe::NatProgrammerDynamicKey > const & gone, std::vector< DynamicRule > const & come );
 
    // Takes all rules out of the tables, with their NAT ids, until addAll(). False: they are out already.
    bool deleteAll();

@@ -122,7 +122,7 @@ void addNumber( Table & table, U64 number ) {
 
 // Of the entry, or of the line that it was learned from.
 void addNumberOf( Table & table, Connection const & connection ) {
-   connection.line == 0 ? addNumber( table, connection.index ) : table.cell( "" );
+   connection.index ? addNumber( table, *connection.index ) : table.cell( "" );
    connection.line == 0 ? table.cell( "" ) : addNumber( table, connection.line );
 }
 

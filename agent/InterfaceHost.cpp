@@ -24,7 +24,7 @@ using SwTableKey = Pfe::NatSwTableStaticKey;
 template< class Function > void forEachStatic( Configuration const & configuration, Function && function ) {
    for ( auto const & connection : configuration.connections ) {
       if ( auto const * const rule = std::get_if< StaticRule >( &connection.rule ) ) {
-         function( connection.index, *rule );
+         function( connection.index.value_or( 0 ), *rule );
       }
    }
 }
@@ -207,7 +207,7 @@ Table ignoredOf( Configuration const & configuration ) {
    for ( auto const & connection : configuration.connections ) {
       if ( !std::holds_alternative< StaticRule >( connection.rule ) ) {
          auto const text = textOf( connection );
-         connection.line == 0 ? addNumber( table, connection.index ) : table.cell( "" );
+         connection.index ? addNumber( table, *connection.index ) : table.cell( "" );
          connection.line == 0 ? table.cell( "" ) : addNumber( table, connection.line );
          table.cell( text.kind );
          table.cell( Vexa::stringOf( text.intf ) );

@@ -106,6 +106,13 @@ std::optional< U32 > RowClaims::claim( LearnedConnection const & learned, U32 ow
    return std::nullopt;
 }
 
+void RowClaims::release( LearnedConnection const & learned ) {
+   auto const [ leaving, entering ] = matchedFlows( learned );
+   keys_.del( learned.conn );
+   leaving_.del( leaving );
+   entering_.del( entering );
+}
+
 DynamicRule ruleOf( LearnedConnection const & learned, NatInterface const & intf ) {
    return { { .natIntf = intf.intf, .conn = learned.conn },
             Orla::make< Pfe::NatProgrammerDynamicEntry >(

@@ -74,6 +74,8 @@ class RowClaims {
 
    // Claims the key and both rows for `owner`. When one of them is taken: claims nothing and returns whose it is.
    std::optional< U32 > claim( LearnedConnection const & learned, U32 owner );
+   // Gives back what was claimed for it.
+   void release( LearnedConnection const & learned );
 
  private:
    using Owners = Vexa::HashMap< Netix::ConnTuple, U32, 0x3C6EF372 >;

@@ -71,6 +71,7 @@ std::string textOf( std::string const & name, Json const & value ) {
 struct Call {
    Host & host;
    Requests::Read const & read;
+   ConntrackFollower * follower;
    std::map< std::string, std::string > params;
    Report & report;
    bool & ends;
@@ -116,6 +117,23 @@ bool reload( Call & call ) {
    return true;
 }
 
+ConntrackFollower & followerOf( Call const & call ) {
+   if ( !call.follower ) {
+      throw Fault{ unusable, "no connection tracking is followed; allowed: of an agent with --follow-conntrack" };
+   }
+   return *call.follower;
+}
+
+bool showFollowing( Call & call ) {
+   followerOf( call ).report( call.report, call.host );
+   return followerOf( call ).descriptor() >= 0;
+}
+
+bool resync( Call & call ) {
+   followerOf( call ).resync( call.host );
+   return showFollowing( call );
+}
+
 bool summarize( Call & call ) {
    reportSummary( call.report, call.host );
    return true;
@@ -148,6 +166,8 @@ std::vector< Method > const & methods() {
       { "delete-all", {}, []( Call & call ) { return call.host.deleteAll(), summarize( call ); } },
       { "add-all", {}, []( Call & call ) { return call.host.addAll(), summarize( call ); } },
       { "retry", {}, []( Call & call ) { return call.host.retry(), summarize( call ); } },
+      { "following", {}, showFollowing },
+      { "resync", {}, resync },
       { "stop", {}, []( Call & call ) { return call.ends = true; } } };
    return all;
 }
@@ -255,7 +275,12 @@ Json Requests::resultOf( std::string const & name, Json const & params ) {
    }
    std::ostringstream text;
    Report report( text, format == "json" );
-   Call call{ .host = host_, .read = read_, .params = std::move( given ), .report = report, .ends = ends_ };
+   Call call{ .host = host_,
+              .read = read_,
+              .follower = follower_,
+              .params = std::move( given ),
+              .report = report,
+              .ends = ends_ };
    bool const isCertain = method.run( call );
    auto result = report.takeJson();
    if ( format == "text" ) {

@@ -1,6 +1,7 @@
 // What the clients of a serving agent may ask for.
 #pragma once
 
+#include "agent/ConntrackFollower.h"
 #include "agent/Host.h"
 
 #include <nlohmann/json.hpp>
@@ -20,7 +21,9 @@ class Requests {
    // UnusableInput.
    using Read = std::function< Configuration( std::string const & file ) >;
 
-   Requests( Host & host, Read read ) : host_( host ), read_( std::move( read ) ) {}
+   // `follower`: null when the host follows no connection tracking.
+   Requests( Host & host, Read read, ConntrackFollower * follower )
+      : host_( host ), read_( std::move( read ) ), follower_( follower ) {}
 
    // False when the agent shall end. Throws UnusableInput when the host is of no use any more.
    bool answer( std::string_view request, std::string & answer );
@@ -37,6 +40,7 @@ class Requests {
 
    Host & host_;
    Read read_;
+   ConntrackFollower * follower_;
    bool ends_ = false;
 };
 

@@ -70,17 +70,6 @@ Descriptor listenerAt( std::string const & path ) {
 
 }  // namespace
 
-Descriptor::~Descriptor() {
-   if ( number_ >= 0 ) {
-      close( number_ );
-   }
-}
-Descriptor::Descriptor( Descriptor && other ) noexcept : number_( std::exchange( other.number_, -1 ) ) {}
-Descriptor & Descriptor::operator=( Descriptor && other ) noexcept {
-   std::swap( number_, other.number_ );
-   return *this;
-}
-
 std::string socketIn( std::string const & stateFolder ) { return stateFolder + "/agent.sock"; }
 
 struct Server::Client {
@@ -104,9 +93,11 @@ Server::Server( std::string const & stateFolder )
 
 Server::~Server() { unlink( path_.c_str() ); }
 
-void Server::serve( Answer const & answer, Refusal const & refusal ) {
+void Server::serve( Answer const & answer, Refusal const & refusal, Awaited const & other ) {
    while ( !ends_ ) {
-      std::vector< pollfd > awaited{ { signals_.number(), POLLIN, 0 }, { listener_.number(), POLLIN, 0 } };
+      std::vector< pollfd > awaited{
+         { signals_.number(), POLLIN, 0 }, { listener_.number(), POLLIN, 0 }, { other.descriptor(), POLLIN, 0 } };
+      auto const firstClient = awaited.size();
       for ( auto const & client : clients_ ) {
          short const events = client->answers.empty() ? POLLIN : POLLOUT;
          awaited.push_back( { client->connection.number(), events, 0 } );
@@ -116,10 +107,13 @@ void Server::serve( Answer const & answer, Refusal const & refusal ) {
          refuse( path_, "cannot be waited for" );
       }
       ends_ = awaited[ 0 ].revents != 0;
+      if ( awaited[ 2 ].revents != 0 && !ends_ ) {
+         other.turn();
+      }
       auto const present = clients_.size();
       for ( std::size_t i = 0; i < present && !ends_; ++i ) {
          auto & client = *clients_[ i ];
-         if ( awaited[ i + 2 ].revents != 0 && client.answers.empty() ) {
+         if ( awaited[ firstClient + i ].revents != 0 && client.answers.empty() ) {
             receive( client );
          } else if ( now() - client.lastHeard > mostSilence ) {
             client.isGone = !client.answers.empty();  // it does not take them

@@ -1,6 +1,8 @@
 // An agent that stays: requests of local clients over a Unix domain socket, by JSON-RPC 2.0, one message per line.
 #pragma once
 
+#include "agent/Descriptor.h"
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -8,21 +10,6 @@
 #include <vector>
 
 namespace Agent {
-
-// A descriptor that is closed at the end.
-class Descriptor {
- public:
-   explicit Descriptor( int number = -1 ) : number_( number ) {}
-   ~Descriptor();
-   Descriptor( Descriptor && other ) noexcept;
-   Descriptor & operator=( Descriptor && other ) noexcept;
-
-   int number() const { return number_; }
-   explicit operator bool() const { return number_ >= 0; }
-
- private:
-   int number_;
-};
 
 // Requests and answers longer than that, with their line ends, are refused.
 inline constexpr std::size_t longestRequest = std::size_t{ 64 } << 10;
@@ -34,6 +21,12 @@ std::string socketIn( std::string const & stateFolder );
 using Answer = std::function< bool( std::string_view request, std::string & answer ) >;
 // Says why a message was not even looked at.
 using Refusal = std::function< std::string( std::string_view why ) >;
+
+// What else there is to do: turn() whenever the descriptor can be read, which is -1 while there is none.
+struct Awaited {
+   std::function< int() > descriptor;
+   std::function< void() > turn;
+};
 
 // Listens at socketIn( stateFolder ), for the owner alone, from the construction on. Whoever makes a server holds the
 // lock of the folder: a socket that is there already was left behind.
@@ -48,7 +41,7 @@ class Server {
 
    // Serves until answer() returns false, or SIGTERM or SIGINT comes. One request at a time; a client that is slow to
    // take its answer waits for its next one, and keeps nobody else waiting.
-   void serve( Answer const & answer, Refusal const & refusal );
+   void serve( Answer const & answer, Refusal const & refusal, Awaited const & other );
 
  private:
    struct Client;

@@ -41,9 +41,9 @@ Table stepsOf( Packet const & packet, Passage const & passage, Host const & host
    };
    auto const addRow = [ & ]( char const * step, IngressRow const & row ) {
       auto const * const connection = connectionOf( row.key, host.configuration() );
-      bool const isLearned = connection && connection->line != 0;
-      add( step, fieldsOf( row.key ), row.table, connection && !isLearned ? std::to_string( connection->index ) : "",
-           isLearned ? std::to_string( connection->line ) : "" );
+      add( step, fieldsOf( row.key ), row.table,
+           connection && connection->index ? std::to_string( *connection->index ) : "",
+           connection && connection->line != 0 ? std::to_string( connection->line ) : "" );
    };
    add( "packet", packetText( packet ) );
    for ( auto const & row : passage.missing ) {

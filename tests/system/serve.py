@@ -10,7 +10,7 @@ from _agent import BRANCH_OFFICE, FOLDER, SOURCE, both, entry, finish, holds, in
 from _serving import Serving, lines_of, said
 
 MIXED = SOURCE / "examples" / "mixed.json"
-METHODS = "show, connections, statuses, rows, ids, traps, profiles, ring, summary, explain, reload, delete-all, add-all, retry, stop"
+METHODS = "show, connections, statuses, rows, ids, traps, profiles, ring, summary, explain, reload, delete-all, add-all, retry, following, resync, stop"
 TOO_LONG = "the message is too long; allowed: 65536 bytes with the line end"
 
 
@@ -128,6 +128,8 @@ def check_bad_requests():
         ("format", call | {"params": {"format": "xml"}}, -32602, 7, "format: xml; allowed: json, text"),
         ("a flag", call | {"params": {"format": True}}, -32602, 7, "format: true; allowed: a text or a number"),
         ("ring", call | {"method": "ring", "params": {"lines": 0}}, -32602, 7, "lines: 0; allowed: 1 to 2048"),
+        ("nothing to follow", call | {"method": "following"}, -32000, 7,
+         "no connection tracking is followed; allowed: of an agent with --follow-conntrack"),
         ("packet", call | {"method": "explain", "params": {"proto": "tcp", "src": "10.0.0.1:5"}}, -32602, 7, "--dst is required"),
         ("too deep", b'{"id": ' + b"[" * 30000 + b"]" * 30000 + b"}\n", -32600, None, "the message is nested too deeply; allowed: 16 levels"),
         ("too many at once", [call] * 17, -32600, None, "too many requests in a batch; allowed: 16"),
