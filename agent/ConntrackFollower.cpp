@@ -104,7 +104,7 @@ bool ConntrackFollower::claim( ConntrackKey const & key ) {
       return false;  // gone again, or named twice
    }
    auto const other = claims_->claim( *tracked->connection, followed );
-   tracked->reason = !other                             ? std::optional< NotLearned >()
+   tracked->reason = !other                            ? std::optional< NotLearned >()
                      : *other == RowClaims::configured ? NotLearned::rowConfigured
                                                        : NotLearned::rowTaken;
    return !other;
@@ -118,9 +118,8 @@ void ConntrackFollower::learnInto( Configuration & configuration ) {
          wanted.emplace_back( tracked.reason.has_value(), key );
       }
    }
-   std::ranges::sort( wanted, {}, []( auto const & one ) {
-      return std::tuple( one.first, one.second.original, one.second.id );
-   } );
+   std::ranges::sort( wanted, {},
+                      []( auto const & one ) { return std::tuple( one.first, one.second.original, one.second.id ); } );
    claims_.emplace( *configuration.rules, intf_ );
    come_.clear();
    gone_.clear();
@@ -153,8 +152,8 @@ void ConntrackFollower::turn( Host & host ) {
    } catch ( UnusableInput const & fault ) {
       end( fault.what() );
    }
-   auto const events = counters_.fresh + counters_.updated + counters_.destroyed -
-                       ( before.fresh + before.updated + before.destroyed );
+   auto const events =
+      counters_.fresh + counters_.updated + counters_.destroyed - ( before.fresh + before.updated + before.destroyed );
    if ( events == 0 && counters_.resyncs == before.resyncs ) {
       return;
    }
@@ -207,10 +206,11 @@ void ConntrackFollower::end( char const * why ) {
 // --- What there is to show -------------------------------------------------------------------------------------------
 
 std::string ConntrackFollower::summary( Host const & host ) const {
-   auto const passedOver = std::ranges::count_if( tracked_, []( auto const & one ) { return one.second.reason.has_value(); } );
+   auto const passedOver =
+      std::ranges::count_if( tracked_, []( auto const & one ) { return one.second.reason.has_value(); } );
    return ( source_ ? "Following" : "No longer following" ) + std::string( " the connection tracking" ) +
-          ( netns_.empty() ? "" : " of namespace " + netns_ ) + " at " + std::string( intf_.intf.name().text() ) + ": " +
-          std::to_string( tracked_.count() ) + " tracked, " +
+          ( netns_.empty() ? "" : " of namespace " + netns_ ) + " at " + std::string( intf_.intf.name().text() ) +
+          ": " + std::to_string( tracked_.count() ) + " tracked, " +
           std::to_string( tracked_.count() - static_cast< std::size_t >( passedOver ) ) + " learned, " +
           std::to_string( host.programmer().refusedCount() ) + " refused for want of a NAT id";
 }

@@ -13,8 +13,8 @@
 
 namespace Agent {
 
-// Knows what the kernel tracks, and keeps a host's learned connections at the translated ones. A connection whose key or
-// rows another one has waits until they are free.
+// Knows what the kernel tracks, and keeps a host's learned connections at the translated ones. A connection whose key
+// or rows another one has waits until they are free.
 class ConntrackFollower {
  public:
    // Subscribes to the kernel's events, then takes all that it tracks. Throws UnusableInput as ConntrackSource does.
@@ -39,8 +39,8 @@ class ConntrackFollower {
    // How many connections are tracked, learned and refused, in a line.
    std::string summary( Host const & host ) const;
 
-   // What is tracked and what was learned of it; events, losses and lag; what is no dynamic connection, by reasons, with
-   // the first ones.
+   // What is tracked and what was learned of it; events, losses and lag; what is no dynamic connection, by reasons,
+   // with the first ones.
    void report( Report & report, Host const & host ) const;
 
  private:

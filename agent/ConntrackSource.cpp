@@ -21,9 +21,9 @@ namespace Agent {
 
 namespace {
 
-constexpr std::size_t mostEvents = 4096;             // received at once
-constexpr unsigned eventBuffer = 4U << 20;           // bytes, of which the kernel takes twice as many
-constexpr time_t betweenDumps = 60;                  // seconds
+constexpr std::size_t mostEvents = 4096;    // received at once
+constexpr unsigned eventBuffer = 4U << 20;  // bytes, of which the kernel takes twice as many
+constexpr time_t betweenDumps = 60;         // seconds
 constexpr char namespaces[] = "/run/netns";
 
 [[noreturn]] void refuse( std::string const & netns, std::string const & what ) {
@@ -33,7 +33,8 @@ constexpr char namespaces[] = "/run/netns";
 [[noreturn]] void refuseFor( std::string const & netns, int error ) {
    switch ( error ) {
    case EPERM:
-   case EACCES: refuse( netns, "not permitted; allowed: with CAP_NET_ADMIN there, and CAP_SYS_ADMIN to enter a namespace" );
+   case EACCES:
+      refuse( netns, "not permitted; allowed: with CAP_NET_ADMIN there, and CAP_SYS_ADMIN to enter a namespace" );
    case EPROTONOSUPPORT:
    case EAFNOSUPPORT:
    case EINVAL: refuse( netns, "this kernel has none that can be asked (module nf_conntrack_netlink)" );
@@ -75,8 +76,9 @@ nlattr const * attributeIn( char const * begin, std::size_t size, U16 type ) {
    return nullptr;
 }
 nlattr const * attributeIn( nlattr const * parent, U16 type ) {
-   return parent ? attributeIn( reinterpret_cast< char const * >( parent + 1 ), parent->nla_len - sizeof( nlattr ), type )
-                 : nullptr;
+   return parent
+             ? attributeIn( reinterpret_cast< char const * >( parent + 1 ), parent->nla_len - sizeof( nlattr ), type )
+             : nullptr;
 }
 
 // The id of an ICMP query in the replies' direction, which the library keeps to itself. 0: none.
@@ -93,7 +95,8 @@ U16 replyIdIn( nlmsghdr const & message ) {
 }
 
 Netix::IpAndPort pairIn( nf_conntrack const & entry, nf_conntrack_attr address, nf_conntrack_attr port ) {
-   return { Netix::IpAddr( ntohl( nfct_get_attr_u32( &entry, address ) ) ), ntohs( nfct_get_attr_u16( &entry, port ) ) };
+   return { Netix::IpAddr( ntohl( nfct_get_attr_u32( &entry, address ) ) ),
+            ntohs( nfct_get_attr_u16( &entry, port ) ) };
 }
 
 TrackedFlow flowIn( nf_conntrack const & entry, nlmsghdr const & message ) {

@@ -25,8 +25,7 @@ struct ConntrackKey {
 
    static constexpr std::string_view typeName = "Agent::ConntrackKey";
    static constexpr auto attributes() {
-      return std::tuple( Vexa::attr< &ConntrackKey::id >( "id" ),
-                         Vexa::attr< &ConntrackKey::original >( "original" ) );
+      return std::tuple( Vexa::attr< &ConntrackKey::id >( "id" ), Vexa::attr< &ConntrackKey::original >( "original" ) );
    }
    friend auto operator<=>( ConntrackKey const &, ConntrackKey const & ) = default;
 };

@@ -22,7 +22,7 @@ class Requests {
    using Read = std::function< Configuration( std::string const & file ) >;
 
    // `follower`: null when the host follows no connection tracking.
-   Requests( Host & host, Read read, ConntrackFollower * follower )
+   Requests( Host & host, Read read, ConntrackFollower * follower = nullptr )
       : host_( host ), read_( std::move( read ) ), follower_( follower ) {}
 
    // False when the agent shall end. Throws UnusableInput when the host is of no use any more.
