@@ -1,7 +1,8 @@
 #include "World.h"
 
+#include "FreshProgrammer.h"
+
 #include <algorithm>
-#include <regex>
 #include <utility>
 
 namespace Model {
@@ -476,42 +477,8 @@ bool World::isAllProgrammed() const {
 }
 
 void World::checkAgainstFresh() {
-   auto surroundings = surroundings_;
-   surroundings.natIdInfo = Orla::make< Pfe::NatIdInfo >();
-   surroundings.chip = std::make_shared< Support::ScriptedHardware >();
-   Support::Programmer const fresh( std::move( surroundings ) );
-   fresh->replay();
-   if ( !fresh.settleToRest() ) {
-      fault( "a fresh programmer does not come to rest" );
-   }
-   auto const text = []( Support::Programmer const & programmer ) {
-      auto lines = programmer.tables.text();
-      for ( auto & line : lines ) {
-         line = std::regex_replace( line, std::regex( "([0-9]+)/|natId [0-9]+" ), "id/" );
-      }
-      std::ranges::sort( lines );
-      return lines;
-   };
-   auto const here = text( *running_ ), there = text( fresh );
-   Lines onlyHere, onlyThere;
-   std::ranges::set_difference( here, there, std::back_inserter( onlyHere ) );
-   std::ranges::set_difference( there, here, std::back_inserter( onlyThere ) );
-   for ( auto const & line : onlyHere ) {
-      fault( "a fresh programmer has not: " + line );
-   }
-   for ( auto const & line : onlyThere ) {
-      fault( "a fresh programmer has: " + line );
-   }
-   auto const results = Support::outcomes( *fresh.status );
-   for ( auto const & [ key, outcome ] : Support::outcomes( *running_->status ) ) {
-      auto const found = results.find( key );
-      expect( found != results.end() && found->second == outcome, "another result than a fresh programmer's", key );
-   }
-   for ( auto const & [ key, outcome ] : results ) {
-      expect( Support::resultOf( *running_->status, key ).has_value(), "no result", key );
-   }
-   if ( running_->idsInUse() != fresh.idsInUse() ) {
-      fault( "another number of NAT ids than a fresh programmer's" );
+   for ( auto const & difference : differencesFromFresh( *running_ ) ) {
+      fault( difference );
    }
 }
 
