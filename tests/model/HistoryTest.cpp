@@ -146,7 +146,7 @@ class History {
 
    // Everything heals: nothing fails any more, and all rules are programmed; then they all go.
    void ends() {
-      world_.hardwareHeals();
+      world_.hardware().heal();
       world_.freeIdsAre( Model::ExpectedTables::largestId );
       if ( world_.isCleaningUp() ) {
          world_.endCleanup();

@@ -39,7 +39,7 @@ class Soak : public testing::Test {
 
    // All rules go, and nothing of them stays.
    void clear() {
-      *hardware = Model::FaultyHardware();
+      hardware->heal();
       for ( auto const & [ key, rule ] : Support::configured( *programmer.config ) ) {
          Support::unconfigure( *programmer.config, key );
       }
@@ -97,7 +97,7 @@ TEST_F( Soak, ChurnUnderFaultsLeavesNothing ) {
             programmer.settle();
          }
       }
-      *hardware = Model::FaultyHardware();
+      hardware->heal();
       programmer->replay();
       programmer.tables.hardware->retryFailed();
       ASSERT_TRUE( programmer.settleToRest() );

@@ -1,5 +1,4 @@
 #include "World.h"
-
 #include "FreshProgrammer.h"
 
 #include <algorithm>
@@ -477,15 +476,7 @@ bool World::isAllProgrammed() const {
 }
 
 void World::checkAgainstFresh() {
-   for ( auto const & difference : differencesFromFresh( *running_ ) ) {
-      fault( difference );
-   }
-}
-
-void World::hardwareHeals() {
-   bool const talkative = hardware_->talkative;
-   *hardware_ = FaultyHardware();
-   hardware_->talkative = talkative;
+   std::ranges::copy( differencesFromFresh( *running_ ), std::back_inserter( faults_ ) );
 }
 
 void World::checkEmpty() {

@@ -23,6 +23,13 @@ class FaultyHardware final : public Asic::HardwarePolicy {
    std::optional< std::mt19937 > order;
    bool talkative = false;  // reports everything
 
+   // Takes everything at once from now on.
+   void heal() {
+      bool const reports = talkative;
+      *this = {};
+      talkative = reports;
+   }
+
    bool isReady( Request const & request ) override { return request.turnsWaited > delay; }
    Asic::EntryState outcomeOfWrite( Request const & request ) override {
       if ( failEvery != 0 && ++writes_ % failEvery == 0 ) {
@@ -70,7 +77,6 @@ class World {
    bool rest();
 
    FaultyHardware & hardware() { return *hardware_; }
-   void hardwareHeals();
    Pfe::NatProgrammerConfig const & config() const { return *surroundings_.config; }
    std::map< AnyKey, AnyRule > configured() const { return Support::configured( config() ); }
    bool isCleaningUp() const { return cleaningUp_; }
