@@ -39,7 +39,9 @@ constexpr std::array columns{ Column{ "ns", 1 },
                               Column{ "single_ratio", 2 },
                               Column{ "read_ns", 1 },
                               Column{ "read_ratio", 2 },
-                              Column{ "rows", 0 } };
+                              Column{ "rows", 0 },
+                              Column{ "kernel_ns", 1 },
+                              Column{ "kernel_ratio", 2 } };
 
 }  // namespace
 

@@ -15,6 +15,7 @@ void registerRestart();
 void registerNatIds();
 void registerKeys();
 void registerInterfaceMode();
+void registerKernelConntrack();
 // With a configuration file of that many connections.
 void registerAgent( std::string const & file, std::size_t connections );
 void registerReload( std::string const & file, std::size_t connections );

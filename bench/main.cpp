@@ -48,6 +48,7 @@ int main( int argc, char ** argv ) {
    Bench::registerNatIds();
    Bench::registerKeys();
    Bench::registerInterfaceMode();
+   Bench::registerKernelConntrack();
 
    benchmark::Initialize( &argc, argv );
    constexpr std::string_view configuration = "--configuration=";
