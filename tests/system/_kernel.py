@@ -21,27 +21,31 @@ SERVERS = [f"203.0.113.{n}" for n in range(1, 21)]
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
-def skip(why):
-    print(f"skipped: {why}")
-    sys.exit(SKIPPED)
-
-
-def isolate():
-    """Goes on in namespaces of its own, or skips the test where the kernel does not permit them."""
+def isolate(needed=True):
+    """Goes on in namespaces of its own. Where the kernel does not permit them, skips the test, or returns why if they are not needed."""
     if os.environ.get("NAT_TEST_ISOLATED"):
         command("mount", "-t", "tmpfs", "none", "/run")
         os.makedirs("/run/netns")
-        return
+        return None
+    why = _entered()
+    if needed:
+        print(f"skipped: {why}")
+        sys.exit(SKIPPED)
+    return why
+
+
+def _entered():
+    """Does not return when the script was started again in its namespaces."""
     missing = [tool for tool in ("unshare", "ip", "nft", "conntrack", "mount") if not shutil.which(tool)]
     if missing:
-        skip(f"not installed: {', '.join(missing)}")
+        return f"not installed: {', '.join(missing)}"
     unshare = ["unshare", "--mount", "--net", "--pid", "--mount-proc", "--fork", "--kill-child"]
     if os.getuid() != 0:
         unshare += ["--user", "--map-root-user"]
     probe = "mount -t tmpfs none /run && ip netns add a 2>&1 && ip netns exec a nft add table ip nat && ip netns exec a conntrack -L"
     tried = subprocess.run([*unshare, "sh", "-c", probe], capture_output=True, text=True)
     if tried.returncode != 0:
-        skip(f"no namespaces with NAT are permitted here: {(tried.stderr.strip() or tried.stdout.strip())[:200]}")
+        return f"no namespaces with NAT are permitted here: {(tried.stderr.strip() or tried.stdout.strip())[:200]}"
     os.environ["NAT_TEST_ISOLATED"] = "1"
     os.execvp(unshare[0], [*unshare, sys.executable, "-B", *sys.argv])
 
