@@ -93,7 +93,7 @@ void ConntrackFollower::takeDifference() {
    }
    counters_.foundByResyncs += missing + ( tracked_.count() - ( before - missing ) );
    ++counters_.resyncs;
-   isLossy_ = false;
+   needsDifference_ = false;
 }
 
 // --- What the host gets of it ----------------------------------------------------------------------------------------
@@ -144,9 +144,9 @@ void ConntrackFollower::turn( Host & host ) {
    try {
       auto const received = source_->receive( [ & ]( ConntrackReport const & report ) { take( report ); } );
       counters_.losses += received.isLoss;
-      isLossy_ = isLossy_ || received.isLoss;
+      needsDifference_ = needsDifference_ || received.isLoss || received.isDue;
       // Not before what was left of the events is taken: they are older than the dump.
-      if ( received.isAll && ( isLossy_ || received.isDue ) ) {
+      if ( received.isAll && needsDifference_ ) {
          takeDifference();
       }
    } catch ( UnusableInput const & fault ) {
@@ -165,7 +165,7 @@ void ConntrackFollower::turn( Host & host ) {
 }
 
 void ConntrackFollower::resync( Host & host ) {
-   for ( isLossy_ = true; isLossy_ && source_; ) {
+   for ( needsDifference_ = true; needsDifference_ && source_; ) {
       turn( host );
    }
 }

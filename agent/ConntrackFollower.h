@@ -71,7 +71,7 @@ class ConntrackFollower {
    std::vector< ConntrackKey > come_;       // since the last turn
    std::vector< LearnedConnection > gone_;  // likewise, with their claims
    std::vector< ConntrackKey > waiting_;    // for their key and rows, the longest first
-   bool isLossy_ = false;                   // since the last difference
+   bool needsDifference_ = false;
    Counters counters_;
 };
 

@@ -2,10 +2,13 @@
 
 #include "agent/UnusableInput.h"
 
+#include <Vexa/Assert.h>
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <libnetfilter_conntrack/libnetfilter_conntrack.h>
 #include <linux/netlink.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
@@ -15,6 +18,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <optional>
 #include <utility>
 
 namespace Agent {
@@ -42,6 +47,14 @@ constexpr char namespaces[] = "/run/netns";
    }
 }
 
+// Of the namespace that the process is in.
+void requireEvents( std::string const & netns ) {
+   std::ifstream switched( "/proc/sys/net/netfilter/nf_conntrack_events" );
+   if ( switched.get() == '0' ) {
+      refuse( netns, "tells of no events: net.netfilter.nf_conntrack_events is 0; allowed: 1 or 2" );
+   }
+}
+
 // In another network namespace until the end.
 class InNamespace {
  public:
@@ -51,7 +64,10 @@ class InNamespace {
          refuseFor( netns, errno );
       }
    }
-   ~InNamespace() { setns( own_.number(), CLONE_NEWNET ); }
+   ~InNamespace() {
+      bool const isBack = setns( own_.number(), CLONE_NEWNET ) == 0;
+      VEXA_ASSERT( isBack );
+   }
    InNamespace( InNamespace const & ) = delete;
    InNamespace & operator=( InNamespace const & ) = delete;
 
@@ -142,10 +158,8 @@ ConntrackSource::ConntrackSource( std::string netns )
      path_( netns_.empty() ? "" : std::string( namespaces ) + "/" + netns_ ),
      timer_( timerfd_create( CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK ) ),
      awaited_( epoll_create1( EPOLL_CLOEXEC ) ) {
-   if ( netns_.empty() ) {
-      events_ = opened( NFCT_ALL_CT_GROUPS );
-      queries_ = opened( 0 );
-   } else {
+   std::optional< InNamespace > inside;
+   if ( !netns_.empty() ) {
       Descriptor const wanted( open( path_.c_str(), O_RDONLY | O_CLOEXEC ) );
       if ( !wanted ) {
          throw UnusableInput( "--netns: " + netns_ + ": " + std::strerror( errno ) +
@@ -154,10 +168,12 @@ ConntrackSource::ConntrackSource( std::string netns )
       struct stat found {};
       fstat( wanted.number(), &found );
       inode_ = found.st_ino;
-      InNamespace const inside( netns_, wanted );
-      events_ = opened( NFCT_ALL_CT_GROUPS );
-      queries_ = opened( 0 );
+      inside.emplace( netns_, wanted );
    }
+   events_ = opened( NFCT_ALL_CT_GROUPS );
+   queries_ = opened( 0 );
+   requireEvents( netns_ );
+   inside.reset();
    awaitNamespace();
    auto const socket = nfct_fd( events_.get() );
    fcntl( socket, F_SETFL, O_NONBLOCK );
@@ -211,7 +227,8 @@ ConntrackSource::Received ConntrackSource::receive( Sink const & sink ) {
       received.isLoss = received.isLoss || errno == ENOBUFS;
    }
    nfct_callback_unregister2( events_.get() );
-   received.isAll = caught.count < caught.most;
+   pollfd left{ nfct_fd( events_.get() ), POLLIN, 0 };
+   received.isAll = poll( &left, 1, 0 ) == 0;
    return received;
 }
 

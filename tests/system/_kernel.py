@@ -107,6 +107,15 @@ def udp(netns, address, port=0):
     return result
 
 
+def ping(netns, address, target, query):
+    """One echo request."""
+    with inside_of(netns):
+        raw = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP)
+    raw.bind((address, 0))
+    raw.sendto(struct.pack("!BBHHH", 8, 0, 0xFFFF - (0x800 + query + 1), query, 1), (target, 0))
+    raw.close()
+
+
 def conntrack(*arguments):
     """What the tool says of the box, where it finds something or not."""
     with inside_of("box"):

@@ -105,6 +105,9 @@ def check_connections(file):
     serving = Serving(file, *FOLLOW)
     agrees("again after a restart", serving, 3)
     same("with the same NAT ids", ids(serving), kept)
+    for host in HOSTS[:2]:
+        _kernel.ping("inside", host, SERVERS[0], 77)
+    agrees("queries of one number", serving, 5)
     return serving
 
 
@@ -114,7 +117,7 @@ def check_bulk(serving):
     write("two.json", instance(entry(1, "10.0.0.200", "198.51.100.200"),
                                both(2, "dynamic-implicit", f"{source[2]} 198.51.100.99:99", f"{source[4]} {source[4]}", 17)))
     told = serving.result("reload", file=str(FOLDER / "two.json"))
-    same("beside configured rules", told["summary"]["programmed"], 4)
+    same("beside configured rules", told["summary"]["programmed"], 6)
     _, reasons, learned = followed(serving)
     same("of which one comes first", (learned, reasons["deriving the rows of a configured connection"]["first"]),
          (translated() - {source}, f"udp {source[2]} -> {source[4]}"))
@@ -203,6 +206,15 @@ def check_refusals():
         same(f"without capabilities{named}", (done.returncode, done.stdout, done.stderr),
              (2, "", f"nat-agent: connection tracking{named}: not permitted; allowed: with CAP_NET_ADMIN there, and CAP_SYS_ADMIN to enter "
                      "a namespace\n"))
+    setting = "/proc/sys/net/netfilter/nf_conntrack_events"
+    with _kernel.inside_of("box"):
+        before = open(setting).read()
+        open(setting, "w").write("0")
+    same("events are switched off", run(*follow, "--nat-interface", "ethernet1", "--netns", "box"),
+         (2, "", "nat-agent: connection tracking of namespace box: tells of no events: net.netfilter.nf_conntrack_events is 0; "
+                 "allowed: 1 or 2\n"))
+    with _kernel.inside_of("box"):
+        open(setting, "w").write(before)
     holds("nothing was stored", not (FOLDER / "refused").exists())
 
 
