@@ -160,7 +160,7 @@ template< class Use > int program( Options const & options, ConntrackFollower * 
    Host host( std::move( configuration ), std::make_shared< SimulatedHardware >( options.hardware ),
               store ? &*store : nullptr );
    host.program();
-   Report report( std::cout, options.format == "json" );
+   Report report( std::cout, options.format == "json", TextStyle::ofStandardOutput() );
    if ( listing ) {
       report.fact( "conntrack", factsOf( *listing ) );
    }
@@ -191,7 +191,7 @@ int programInterfacesAndReport( Options const & options, CLI::App const & app ) 
    }
    Trace::enabledLevelIs( options.traceLevel );
    InterfaceHost const host( std::move( configuration ) );
-   Report report( std::cout, options.format == "json" );
+   Report report( std::cout, options.format == "json", TextStyle::ofStandardOutput() );
    if ( listing ) {
       report.fact( "conntrack", factsOf( *listing ) );
    }
@@ -325,10 +325,19 @@ int run( int argumentCount, char ** arguments ) {
    app.add_option( "--ring", options.sections.ringLines, "Show the newest N lines of the ring trace" )
       ->type_name( "N" )
       ->check( CLI::Range( 0, static_cast< int >( Trace::RingTrace::capacity ) ) );
-   app.footer( "nat-agent explain CONFIG ... walks a packet, and the reply to it, through the tables.\n"
-               "nat-agent serve CONFIG --state DIR ... stays, and takes requests.\n"
-               "nat-agent ctl --state DIR METHOD ... sends it one.\n\n"
-               "Exit status: 0 all programmed and every row accepted, 1 something was not, 2 unusable input." );
+   app.set_version_flag( "--version", "nat-agent " PFENAT_VERSION );
+   app.footer(
+      "nat-agent explain CONFIG ... walks a packet, and the reply to it, through the tables.\n"
+      "nat-agent serve CONFIG --state DIR ... stays, and takes requests.\n"
+      "nat-agent ctl --state DIR METHOD ... sends it one.\n"
+      "Each tells more with --help.\n\n"
+      "Examples:\n"
+      "  nat-agent examples/branch-office.json --state /var/lib/nat --rows\n"
+      "  nat-agent explain examples/branch-office.json --in vlan20 --out ethernet1 --proto tcp \\\n"
+      "     --src 10.10.20.10:8443 --dst 203.0.113.9:51000\n"
+      "  nat-agent examples/mixed.json --conntrack examples/conntrack-masquerade.txt --nat-interface ethernet1\n"
+      "  nat-agent ctl --state /var/lib/nat reload\n\n"
+      "Exit status: 0 all programmed and every row accepted, 1 something was not, 2 unusable input." );
    CLI::App explain( "Walks a packet, and the reply to it, through the tables that a configuration is programmed into.",
                      "nat-agent explain" );
    addCommonOptions( explain, options );

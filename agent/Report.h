@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstddef>
 #include <ostream>
 #include <string>
@@ -11,6 +12,15 @@
 #include <vector>
 
 namespace Agent {
+
+// How tables are written for people: to a file or a program as they are, to a terminal in its width and with colours.
+struct TextStyle {
+   std::size_t width = 0;  // of a line; 0: any
+   bool colours = false;
+
+   // Of what standard output is. No colours where the environment has NO_COLOR.
+   static TextStyle ofStandardOutput();
+};
 
 // Rows of cells under named columns. A row is complete when each column has its cell.
 class Table {
@@ -34,12 +44,18 @@ class Table {
    std::size_t rowCount() const { return ends_.size() / columns_.size(); }
 
    // One line per row below one of names. Columns are as wide as they need, those with nothing in them are left out.
-   std::string lines() const;
+   // Where a line has a width, columns that do not fit follow below, with the first column once more. What became of
+   // something, in columns named result and state, is green where all is well, or red.
+   std::string lines( TextStyle style = {} ) const;
    // A list of one object per row, without members for empty cells.
    nlohmann::ordered_json json() const;
 
  private:
    std::string_view cellAt( std::size_t index ) const;
+   std::size_t width( std::size_t column ) const {
+      return std::max( widths_[ column ], columns_[ column ].name.size() );
+   }
+   std::vector< std::vector< std::size_t > > columnGroups( std::size_t lineWidth ) const;
 
    std::vector< Column > columns_;
    std::vector< std::size_t > widths_;
@@ -51,7 +67,7 @@ class Table {
 class Report {
  public:
    // `out` must outlive the report.
-   Report( std::ostream & out, bool isJson ) : out_( out ), isJson_( isJson ) {}
+   Report( std::ostream & out, bool isJson, TextStyle style = {} ) : out_( out ), isJson_( isJson ), style_( style ) {}
    ~Report();
    Report( Report const & ) = delete;
    Report & operator=( Report const & ) = delete;
@@ -71,6 +87,7 @@ class Report {
  private:
    std::ostream & out_;
    bool isJson_;
+   TextStyle style_;
    bool isTaken_ = false;
    nlohmann::ordered_json json_ = nlohmann::ordered_json::object();
 };
