@@ -79,19 +79,16 @@ void ConntrackFollower::takeDifference() {
       present.is( report.key, true );
    } );
    auto const before = tracked_.count();
-   std::size_t missing = 0;
-   for ( auto const & [ key, value ] : tracked_ ) {
-      missing += !present.has( key );
-   }
    tracked_.forEach( [ & ]( ConntrackKey const & key, Tracked const & ) {
       if ( !present.has( key ) ) {
          forget( ConntrackKey( key ) );
       }
    } );
+   auto const stay = tracked_.count();
    for ( auto const & report : all ) {
       track( report.key, report.flow );
    }
-   counters_.foundByResyncs += missing + ( tracked_.count() - ( before - missing ) );
+   counters_.foundByResyncs += ( before - stay ) + ( tracked_.count() - stay );
    ++counters_.resyncs;
    needsDifference_ = false;
 }
