@@ -1,4 +1,4 @@
-"""Every command of the README that runs nat-agent prints what the README shows.
+"""Every command of the README and of docs/ that runs nat-agent prints what is shown below it.
 
 A command that ends in & stays; `kill -9 %1` kills it. What needs a namespace is skipped where none is permitted. How long
 something took is not compared.
@@ -8,12 +8,14 @@ import _kernel
 
 MISSING = _kernel.isolate(needed=False)
 
+import os
 import re
 import shlex
+import shutil
 import signal
 import subprocess
 
-from _agent import FOLDER, SOURCE, finish, run, same
+from _agent import AGENT, FOLDER, SOURCE, finish, run, same
 from _serving import Serving
 
 
@@ -23,6 +25,11 @@ def state_of(arguments):
 
 def lines(text):
     return [re.sub(r"\d+", "N", line) if line.startswith("Lag: ") else line for line in text.splitlines()]
+
+
+def in_shell(command):
+    path = f"{AGENT.parent}:{os.environ['PATH']}"
+    return subprocess.run(command, shell=True, cwd=FOLDER, capture_output=True, text=True, env=os.environ | {"PATH": path})
 
 
 def check_block(block):
@@ -39,21 +46,29 @@ def check_block(block):
                               state=state_of(arguments))
             same(command, serving.shown, shown.splitlines())
         elif program == "nat-agent":
-            _, out, err = run(*arguments)
-            same(command, lines(err + out), lines(shown))
-        elif program in ("ip", "examples/nat-box.sh"):
-            done = subprocess.run(command, shell=True, cwd=FOLDER, capture_output=True, text=True)
+            done = in_shell(command)
+            same(command, lines(done.stderr + done.stdout), lines(shown))
+        elif program in ("ip", "sed", "examples/nat-box.sh"):
+            done = in_shell(command)
             same(command, (done.returncode, done.stdout + done.stderr), (0, shown))
+        else:
+            same(f"another test runs {program}", program in ("cmake", "build/embedding/embedded-nat"), True)
     if serving and serving.process.returncode is None:
         same("the last agent of a session ends", serving.wait(), 0)
 
 
-def main():
-    (FOLDER / "examples").symlink_to(SOURCE / "examples")
+def check_document(document):
+    shutil.rmtree(FOLDER / "build", ignore_errors=True)
     (FOLDER / "build").mkdir()
     run("examples/branch-office.json", "--state", "build/run-state")  # ./run.sh has run it before
-    for block in re.findall(r"^```console\n(.*?)^```$", (SOURCE / "README.md").read_text(), re.MULTILINE | re.DOTALL):
+    for block in re.findall(r"^```console\n(.*?)^```$", document.read_text(), re.MULTILINE | re.DOTALL):
         check_block(block)
+
+
+def main():
+    (FOLDER / "examples").symlink_to(SOURCE / "examples")
+    for document in [SOURCE / "README.md", *sorted((SOURCE / "docs").glob("*.md"))]:
+        check_document(document)
     finish()
 
 
