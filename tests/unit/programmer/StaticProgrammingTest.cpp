@@ -99,6 +99,21 @@ TEST_F( StaticProgramming, WhatARowCarriesIsReplacedInPlaceByAnUpdate ) {
    }
 }
 
+TEST_F( StaticProgramming, OneDirectionDoesNotReportWhileTheOtherHasNoRow ) {
+   auto const rule = staticKey( "10.0.0.1" );
+   nat->addStaticConnection( rule, staticEntry( "192.0.2.1", fields( NatTarget::source ) ) );
+   std::optional< Pfe::IngStaticNatTable::Key > reply;
+   nat.tables.ingress->forEach( [ & ]( auto const & row, auto const &, auto const & ) {
+      if ( row.target == NatTarget::destination ) {
+         reply = row;
+      }
+   } );
+   nat.tables.ingress->entryRemove( reply.value() );
+   nat.tables.hardware->settleNext( Asic::EntryState::settled );  // its rewrite
+   nat.tables.hardware->settleNext( Asic::EntryState::settled );
+   EXPECT_EQ( nat.result( rule ), std::nullopt );
+}
+
 TEST_F( StaticProgramming, WithoutAnAclTableTheAclIsZero ) {
    nat->aclNameIdTableIs( nullptr );
    auto rule = fields( NatTarget::source );
