@@ -151,7 +151,9 @@ TEST_F( Tables, LeaveARewriteToItsRowUntilTheHardwareLetTheRowGo ) {
    EgrNatUcRewriteKey const key{ NatId( 1 ), 5 };
    port.statics->entryCommit( rowKey( 1 ), entry( 1, port.sources->entryRef( key, rewrite( 1 ) ) ) );
    ASSERT_TRUE( port.settle() );
-   port.removalsAreRefused( true );
+   if ( !port.removalsAreRefused( true ) ) {
+      GTEST_SKIP() << "the chip refuses no removal";
+   }
    port.statics->entryRemove( rowKey( 1 ) );
    EXPECT_FALSE( port.settle() );
    EXPECT_NE( port.sources->entry( key ), nullptr );
@@ -355,7 +357,9 @@ TEST_F( Story, ARefusedRemovalKeepsRowsAndIdsUntilItIsLetThrough ) {
    configureOthers();
    ASSERT_TRUE( rest() );
    auto const before = idTexts();
-   port->removalsAreRefused( true );
+   if ( !port->removalsAreRefused( true ) ) {
+      GTEST_SKIP() << "the chip refuses no removal";
+   }
    programmer->deleteAllConnections();
    EXPECT_FALSE( rest() );
    EXPECT_EQ( idTexts(), before );

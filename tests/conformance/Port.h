@@ -23,9 +23,10 @@ class Port {
    // False when something stays outstanding, as a refused removal does.
    bool settle();
 
-   // From now on every write fails; every removal is refused.
+   // From now on every write fails.
    void writesFail( bool all );
-   void removalsAreRefused( bool all );
+   // From now on every removal is refused. False: this chip refuses none.
+   bool removalsAreRefused( bool all );
    // Sends again what failed.
    void retryFailed();
 

@@ -57,7 +57,10 @@ bool Port::settle() {
 }
 
 void Port::writesFail( bool all ) { chip_->policy->writesFail = all; }
-void Port::removalsAreRefused( bool all ) { chip_->policy->removalsAreRefused = all; }
+bool Port::removalsAreRefused( bool all ) {
+   chip_->policy->removalsAreRefused = all;
+   return true;
+}
 void Port::retryFailed() { chip_->hardware->retryFailed(); }
 
 }  // namespace Conformance
