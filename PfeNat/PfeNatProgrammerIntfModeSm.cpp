@@ -117,6 +117,7 @@ std::vector< Bridging::VlanId > getVlanIdsForSwTableEntry( NatProgrammerStaticMa
          // Asked only when it is known to fail: with n interfaces this is the innermost of n^2/2 steps.
          VEXA_ASSERT( configMap->progKeyToSwTableKeysMapHas( progKey ) );
       }
+      // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): the assertion has stopped what has none
       vlanIds.emplace_back( ( *swTableKeys )->progEntry()->vlanId() );
    } );
    return vlanIds;

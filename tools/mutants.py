@@ -138,7 +138,7 @@ FAULTS = [
          "if ( status->result == NatHwResult::programmed ) return deleteProgrammerDynamicStatusEntry( key, entry );\n   switch ( status->result ) {"),
         ("dynamic: a delete leaves the status of what failed", "case NatHwResult::failed:  // nothing in the hardware to wait for",
          "case NatHwResult::failed: return;"),
-        ("dynamic: flows of two VRFs share an id", "return { .vrfId = key.vrfId,\n            .first = {", "return { .vrfId = 0,\n            .first = {"),
+        ("dynamic: flows of two VRFs share an id", "return { .vrfId = key.vrfId,\n            .first = {", "return { .vrfId = {},\n            .first = {"),
     ),
     *faults_in(
         ROOM + "DynamicRule.h",

@@ -33,7 +33,7 @@ BEGIN, END = "<!-- written by tools/mutate.py --markdown -->", "<!-- end -->"
 SHOWN = 3  # tests that the page names per fault
 
 # A fault may make a test run for ever.
-MOST_SECONDS = 600
+MOST_SECONDS = 300
 SLOW = 2  # seconds
 
 

@@ -8,7 +8,7 @@ test_packages=("${run_packages[@]}" clang-16 clang-format-16 libclang-rt-16-dev 
    libgtest-dev libgmock-dev librapidcheck-dev libbenchmark-dev pkgconf python3 python3-jsonschema
    conntrack iproute2 nftables)
 bench_packages=("${run_packages[@]}" libbenchmark-dev)
-tidy_packages=("${run_packages[@]}" clang-16 clang-tidy-16)
+tidy_packages=("${run_packages[@]}" clang-16 clang-tidy-16 cppcheck)
 
 # Installs those of the named packages that are missing; touches neither network nor system when none is.
 ensure_packages() {

@@ -118,7 +118,7 @@ void NatIdManager::sweepAndCleanupNatIds() {
       if ( matchKeyToIngKeySetHas( key ) ) {
          return;
       }
-      auto const matchKey = key;  // the entry goes
+      auto const matchKey = key;  // the entry goes  NOLINT(performance-unnecessary-copy-initialization)
       natIdBitmap_->clearBit( natId.value() );
       natIdInfo_->matchKeyToNatIdDel( matchKey );
       TRACE( traceHandle(), 8, "sweepAndCleanupNatIds", " matchKey ", matchKey, " cleaning up natId: ", natId );

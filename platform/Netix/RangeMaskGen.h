@@ -3,6 +3,7 @@
 
 #include <Vexa/Types.h>
 
+#include <algorithm>
 #include <bit>
 #include <concepts>
 #include <vector>
@@ -25,9 +26,9 @@ template< std::unsigned_integral Number > class RangeMaskGen {
       U64 const end = U64{ last } + 1;
       for ( U64 next = first; next < end; ) {
          // The largest block that starts here: as far as the start is aligned, and not past the end.
-         auto const aligned = static_cast< unsigned >( std::countr_zero( next ) );  // 64 for 0
-         unsigned const fitting = static_cast< unsigned >( std::bit_width( end - next ) ) - 1;
-         U64 const size = U64{ 1 } << ( aligned < fitting ? aligned : fitting );
+         U64 const fitting = std::bit_floor( end - next );
+         U64 const aligned = next == 0 ? fitting : next & ( ~next + 1 );
+         U64 const size = std::min( aligned, fitting );
          entries.push_back( { static_cast< Number >( next ), static_cast< Number >( ~( size - 1 ) ) } );
          next += size;
       }

@@ -52,6 +52,18 @@ TEST_F( TwiceProgramming, AMulticastRuleIsCopiedForwardOnlyAndTellsTheHookWhenIt
    EXPECT_TRUE( nat.mcast->cleaned[ 1 ].twiceKey().fragment );
 }
 
+TEST_F( TwiceProgramming, AnyOfItsAddressesMakesARuleMulticast ) {
+   for ( auto const & rule : { twiceRule( "239.0.0.1 > 10.0.0.1", "192.0.2.1 > 192.0.2.2" ),
+                               twiceRule( "10.0.0.2 > 239.0.0.2", "192.0.2.3 > 192.0.2.4" ),
+                               twiceRule( "10.0.0.3 > 10.0.0.4", "239.0.0.3 > 192.0.2.5" ),
+                               twiceRule( "10.0.0.5 > 10.0.0.6", "192.0.2.6 > 239.0.0.4" ) } ) {
+      Support::add( *nat.sm, rule );
+   }
+   nat.settle();
+   EXPECT_THAT( nat.tables.text(), testing::Contains( testing::HasSubstr( " mcast |" ) ).Times( 4 ) );
+   EXPECT_EQ( nat.tables.twice->rowCount(), 4U );
+}
+
 TEST_F( TwiceProgramming, ARejectedTranslationWritesNothingTakesNoIdAndGoesAtOnce ) {
    nat.mcast->accepts = []( auto const & ) { return false; };
    nat.config->fragmentationEnabledIs( true );
