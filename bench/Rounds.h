@@ -77,6 +77,8 @@ struct HeapFigures {
 
 // To be called before anything else was programmed in this process.
 template< class Rules > HeapFigures heapOfFirstRound( Workload const & workload, Rules const & rules ) {
+   configurationAlone(
+      rules );  // fills the free list of its nodes, from which the system's configuration takes them too
    auto const alone = configurationAlone( rules ).heap;
    System system;
    system.config().fragmentationEnabledIs( workload.fragmentation );

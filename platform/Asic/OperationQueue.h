@@ -10,7 +10,7 @@
 namespace [[gnu::visibility( "default" )]] Asic {
 
 class Row;
-class Version;
+struct Version;
 
 // A write or a removal on its way to the hardware.
 struct Operation {
@@ -50,7 +50,7 @@ class OperationQueue {
          ++begin_;
       }
       if ( count_ == 0 && slots_.size() > keptSlots ) {
-         slots_ = {};
+         std::vector< Operation >().swap( slots_ );  // assigning {} would keep the memory
       }
       return operation;
    }
