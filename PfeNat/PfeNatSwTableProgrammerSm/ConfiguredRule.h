@@ -42,8 +42,8 @@ programRule( NatSwTableProgrammerSm & programmer, typename Rule::ProgrammerKey c
              DependentKeys< Rule > const & dependentKeys, Asic::EntryHandle::PtrConst const & fragHdl ) {
    Rule::traceProgram( ingKey );
    RuleContext< Rule > rule{ .programmer = NatSwTableProgrammerSm::Ptr( &programmer ),
-                             .key = key,
                              .entry = entry,
+                             .key = key,
                              .ingKey = ingKey,
                              .matchKey = Rule::matchKey( programmer, ingKey ),
                              .dependentKeys = dependentKeys,
@@ -60,7 +60,7 @@ programRule( NatSwTableProgrammerSm & programmer, typename Rule::ProgrammerKey c
    ingEntry.fragHdl = fragHdl;
    if ( ingKey.fragment ) {
       VEXA_ASSERT( fragmentationEnabled && fragHdl == dontCareHandle );
-      ingEntry.writeResponse = FragmentEntryResponse< Rule >{ std::move( rule ) };
+      ingEntry.writeResponse = responseOf< FragmentEntryResponse< Rule > >( std::move( rule ) );
       return table.entryRef( ingKey, std::move( ingEntry ) );
    }
    if ( fragmentationEnabled && Rule::matchesPort( ingKey ) ) {
@@ -68,7 +68,7 @@ programRule( NatSwTableProgrammerSm & programmer, typename Rule::ProgrammerKey c
    } else {
       VEXA_ASSERT( fragHdl == dontCareHandle );
    }
-   ingEntry.writeResponse = NormalEntryResponse< Rule >{ std::move( rule ) };
+   ingEntry.writeResponse = responseOf< NormalEntryResponse< Rule > >( std::move( rule ) );
    return table.entryCommit( ingKey, std::move( ingEntry ) );
 }
 

@@ -82,8 +82,8 @@ programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 
                     Asic::EntryHandle::PtrConst const & fragHdl ) {
    using Rule = DynamicRule< Table, DependentTable >;
    RuleContext< Rule > rule{ .programmer = NatSwTableProgrammerSm::Ptr( &sm ),
-                             .key = progKey,
                              .entry = progEntry,
+                             .key = progKey,
                              .ingKey = key,
                              .matchKey = dynamicNatMatchKey,
                              .dependentKeys = {} };
@@ -94,7 +94,7 @@ programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 
    if ( key.fragment ) {
       VEXA_ASSERT( fragmentationEnabled && fragHdl == dontCareHandle );
       entry.fragHdl = dontCareHandle;
-      entry.writeResponse = FragmentEntryResponse< Rule >{ std::move( rule ) };
+      entry.writeResponse = responseOf< FragmentEntryResponse< Rule > >( std::move( rule ) );
       return table.entryRef( key, std::move( entry ) );
    }
    if ( fragmentationEnabled && ( key.firstPort != 0 || key.secondPort != 0 ) ) {
@@ -103,7 +103,7 @@ programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 
       VEXA_ASSERT( fragHdl && fragHdl == dontCareHandle );
    }
    entry.fragHdl = fragHdl;
-   entry.writeResponse = NormalEntryResponse< Rule >{ std::move( rule ) };
+   entry.writeResponse = responseOf< NormalEntryResponse< Rule > >( std::move( rule ) );
    table.entryCommit( key, std::move( entry ) );
    return dontCareHandle;
 }
@@ -117,15 +117,15 @@ void programDynamicAoRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget targe
                            NatProgrammerDynamicEntry::PtrConst const & progEntry ) {
    using Rule = DynamicRule< Table, DependentTable >;
    RuleContext< Rule > rule{ .programmer = NatSwTableProgrammerSm::Ptr( &sm ),
-                             .key = progKey,
                              .entry = progEntry,
+                             .key = progKey,
                              .ingKey = key,
                              .matchKey = dynamicNatMatchKey,
                              .dependentKeys = {} };
    rule.dependentKeys.push( dependentKey );
    takeDynamicEgress( rule, ingNatTableKey, entry, target, intfQualifier, ipAndPort );
    entry.fragHdl = dontCareHandle;
-   entry.writeResponse = NormalEntryResponse< Rule >{ std::move( rule ) };
+   entry.writeResponse = responseOf< NormalEntryResponse< Rule > >( std::move( rule ) );
    table.entryCommit( key, std::move( entry ) );
 }
 

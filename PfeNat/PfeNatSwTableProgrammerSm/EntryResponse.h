@@ -5,10 +5,13 @@
 #include "PfeNat/PfeNatSwTableProgrammerSm/UnitGlobals.h"
 
 #include <Asic/EntryState.h>
+#include <Asic/WriteResponseFn.h>
 #include <PfeHelper/NatHwResult.h>
 #include <Trace/Trace.h>
 #include <Vexa/Assert.h>
 #include <Vexa/InlineList.h>
+
+#include <utility>
 
 namespace Pfe {
 
@@ -42,8 +45,8 @@ template< class Rule > using DependentKeys = Vexa::InlineList< typename Rule::De
 // writers and texts.
 template< class Rule > struct RuleContext {
    NatSwTableProgrammerSm::Ptr programmer;
-   typename Rule::ProgrammerKey key;
    typename Rule::ProgrammerEntry::PtrConst entry;
+   typename Rule::ProgrammerKey key;
    typename Rule::Table::Key ingKey;
    NatMatchKey matchKey;
    DependentKeys< Rule > dependentKeys;
@@ -123,5 +126,9 @@ template< class Rule > struct FragmentEntryResponse {
       VEXA_ASSERT( false && "unknown entryState" );
    }
 };
+
+template< class Response, class Rule > Asic::WriteResponseFn responseOf( RuleContext< Rule > && rule ) {
+   return Asic::WriteResponseFn( std::in_place_type< Response >, std::move( rule ) );
+}
 
 }  // namespace Pfe

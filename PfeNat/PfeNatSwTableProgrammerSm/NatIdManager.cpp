@@ -49,22 +49,23 @@ IngKeySet const & NatIdManager::holdersOf( NatMatchKey const & matchKey ) const 
 }
 
 NatId NatIdManager::allocateNatId( IngNatTableKey const & ingKey, NatMatchKey const & matchKey ) {
-   NatId natId;
-   auto const * const persisted = persistedId( matchKey );
-   if ( !persisted ) {
+   bool isNew = false;
+   auto const takeFreeId = [ & ] {
       // A full pool answers null, which is out of range for an id.
-      natId = NatId( natIdBitmap_->findBitInClearState( Brix::IndexPreference::lowest ) );
+      NatId const natId( natIdBitmap_->findBitInClearState( Brix::IndexPreference::lowest ) );
       VEXA_ASSERT( natId != Brix::HBitmap::null() && "Unable to allocate natId" );
       natIdBitmap_->setBit( natId.value() );
-      natIdInfo_->matchKeyToNatIdIs( matchKey, natId );
+      isNew = true;
+      return natId;
+   };
+   auto const natId = natIdInfo_->matchKeyToNatIdFindOrInsert( matchKey, takeFreeId );
+   if ( isNew ) {
       TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " newly assigned to natId: ", natId );
-   } else {
-      natId = *persisted;
    }
 
    std::size_t refCount = 0;
    matchKeyToIngKeySet_.change( matchKey, [ & ]( IngKeySet & ingKeySet ) {
-      if ( !persisted ) {
+      if ( isNew ) {
          ingKeySet.entryDelAll();
       } else if ( ingKeySet ) {
          TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " already assigned to natId: ", natId );

@@ -67,7 +67,10 @@ namespace {
 class StaticConnection {
  public:
    StaticConnection( NatProgrammerStaticKey const & key, NatProgrammerStaticEntry::PtrConst const & entry )
-      : key_( key ), entry_( entry ), isMulticast_( staticConnectionIsMulticast( key, entry, true ) ) {}
+      : key_( key ),
+        entry_( entry ),
+        natIntf_( key.natIntf.name() ),
+        isMulticast_( staticConnectionIsMulticast( key, entry, true ) ) {}
 
    bool isMulticast() const { return isMulticast_; }
 
@@ -80,7 +83,7 @@ class StaticConnection {
       Netix::IpAndPort const keyPair{ key_.key.ip, key_.key.port };
       auto const & connection = entry_->connection();
       bool const keyIsMatched = target == connection.target;
-      return { .natIntf = key_.natIntf.name(),
+      return { .natIntf = natIntf_,
                .vrfId = entry_->vrfId(),
                .ipAndPortOld = keyIsMatched ? keyPair : connection.translated,
                .ipAndPortNew = keyIsMatched ? connection.translated : keyPair,
@@ -93,6 +96,7 @@ class StaticConnection {
  private:
    NatProgrammerStaticKey const & key_;
    NatProgrammerStaticEntry::PtrConst const & entry_;
+   Orla::String natIntf_;
    bool isMulticast_;
 };
 

@@ -5,6 +5,8 @@
 #include <Asic/WriteResponseFn.h>
 #include <Vexa/Value.h>
 
+#include <utility>
+
 namespace [[gnu::visibility( "default" )]] Asic {
 
 // Entries compare and print without their write-response function.
@@ -25,6 +27,28 @@ struct ReferringEntry : EntryBase {
    // missing in the hardware.
    void egrHandleIs( EntryHandle::PtrConst const & handle, bool failureCounts ) {
       egrHdl.push( handle, failureCounts );
+   }
+
+   void handlesDel() {
+      auto const egress = std::exchange( egrHdl, {} );
+      auto const fragment = std::exchange( fragHdl, nullptr );
+   }
+
+   // False while a row that the entry needs is failed or missing in the hardware.
+   bool sendable() const {
+      bool all = true;
+      egrHdl.forEach( [ & ]( EntryHandle::PtrConst const & handle, bool failureCounts ) {
+         all = all && ( !failureCounts || ( handle->heldByHardware() && !isFailure( handle->state() ) ) );
+      } );
+      return all;
+   }
+
+   // Whether the entry holds that handle; null asks for any.
+   bool refersTo( EntryHandle const * wanted ) const {
+      bool found = fragHdl && ( !wanted || fragHdl.ptr() == wanted );
+      egrHdl.forEach(
+         [ & ]( EntryHandle::PtrConst const & handle, bool ) { found = found || !wanted || handle.ptr() == wanted; } );
+      return found;
    }
 
    HandleList egrHdl;

@@ -73,15 +73,9 @@ class Hardware : public Orla::Entity {
 
    using Position = OperationQueue::Position;
 
-   // A removal that is tried again at the next settle.
-   struct Refusal {
-      Row * row;
-      Version * removed;  // held
-   };
-
    void queue( Row & row, Version * version, Operation::Kind kind );
    // Hands the versions of the operations over.
-   void dropOperationsWithoutTable( std::vector< Version * > & versions );
+   void dropOperationsWithoutTable( std::vector< HeldVersion > & versions );
    void settleOperation( Position position, EntryState outcome );
    EntryState outcomeOf( Operation const & operation ) const;
    HardwarePolicy::Request requestOf( Operation const & operation ) const;
@@ -94,7 +88,9 @@ class Hardware : public Orla::Entity {
 
    std::shared_ptr< HardwarePolicy > policy_;
    std::vector< SwTableBase * > tables_;
-   std::map< U32, Refusal > refused_;  // by the number of the refused removal, which is its row's newest operation
+   // What removals that are tried again at the next settle removed, by the number of the refused one, which is its
+   // row's newest operation.
+   std::map< U32, HeldVersion > refused_;
    OperationQueue queue_;
    U32 turn_ = 0;
 };

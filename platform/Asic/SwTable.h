@@ -3,12 +3,10 @@
 
 #include <Asic/Hardware.h>
 #include <Asic/SwTableBase.h>
-#include <Vexa/Hash.h>
 #include <Vexa/Pool.h>
+#include <Vexa/RecordSet.h>
 #include <Vexa/Type.h>
 #include <Vexa/Value.h>
-
-#include <boost/unordered/unordered_flat_set.hpp>
 
 #include <concepts>
 #include <utility>
@@ -42,20 +40,20 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
 
    // Takes the key out of look-ups at once; the removal settles later. An absent key: nothing, and nobody is called.
    void entryRemove( Key const & key ) {
-      if ( auto * const row = find( key ); row && row->newest ) {
+      if ( auto * const row = rows_.find( key ); row && row->newest ) {
          remove( *row );
       }
    }
 
    // Null when the table has no such row. Valid until the row is written or removed.
    Entry const * entry( Key const & key ) const {
-      auto const * const row = find( key );
-      return row && row->newest ? &static_cast< TypedVersion const * >( row->newest )->entry : nullptr;
+      auto const * const row = rows_.find( key );
+      return row && row->newest ? &row->entryOf( *row->newest ) : nullptr;
    }
 
    // Null when the table has no such row. The caller holds nothing unless it makes an EntryHandle::PtrConst.
    EntryHandle const * entryHandle( Key const & key ) const {
-      auto const * const row = find( key );
+      auto const * const row = rows_.find( key );
       return row && row->newest ? row : nullptr;
    }
 
@@ -63,16 +61,15 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
    template< class Function > void forEach( Function && function ) const {
       for ( auto const * const row : rows_ ) {
          if ( row->newest ) {
-            function( row->key, static_cast< TypedVersion const * >( row->newest )->entry,
-                      static_cast< EntryHandle const & >( *row ) );
+            function( row->key, row->entryOf( *row->newest ), static_cast< EntryHandle const & >( *row ) );
          }
       }
    }
 
    // What the hardware holds, whatever has been asked for since; null when it holds no version of the row.
    Entry const * hardwareEntry( Key const & key ) const {
-      auto const * const row = find( key );
-      return row && row->inHardware ? &static_cast< TypedVersion const * >( row->inHardware )->entry : nullptr;
+      auto const * const row = rows_.find( key );
+      return row && row->inHardware ? &row->entryOf( *row->inHardware ) : nullptr;
    }
 
    std::size_t failedRowCount() const override {
@@ -95,81 +92,30 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
    }
 
  private:
-   struct TypedRow final : Row, Vexa::Pooled< TypedRow > {
-      explicit TypedRow( Key const & k ) : key( k ) {}
-      void describe( std::ostream & out ) const override { Vexa::write( out, key ); }
-      Key const key;
-   };
-
    struct TypedVersion final : Version, Vexa::Pooled< TypedVersion > {
-      explicit TypedVersion( Entry e ) : entry( std::move( e ) ) {}
-
-      EntryBase const & entryBase() const override { return entry; }
-
-      void handlesDel() override {
-         if constexpr ( std::derived_from< Entry, ReferringEntry > ) {
-            auto const egrHdl = std::exchange( entry.egrHdl, {} );
-            auto const fragHdl = std::exchange( entry.fragHdl, nullptr );
-         }
-      }
-
-      bool sendable() const override {
-         bool all = true;
-         if constexpr ( std::derived_from< Entry, ReferringEntry > ) {
-            entry.egrHdl.forEach( [ & ]( EntryHandle::PtrConst const & handle, bool failureCounts ) {
-               all = all && ( !failureCounts || ( handle->heldByHardware() && !isFailure( handle->state() ) ) );
-            } );
-         }
-         return all;
-      }
-
-      bool refersTo( [[maybe_unused]] EntryHandle const * wanted ) const override {
-         bool found = false;
-         if constexpr ( std::derived_from< Entry, ReferringEntry > ) {
-            found = entry.fragHdl && ( !wanted || entry.fragHdl.ptr() == wanted );
-            entry.egrHdl.forEach( [ & ]( EntryHandle::PtrConst const & handle, bool ) {
-               found = found || !wanted || handle.ptr() == wanted;
-            } );
-         }
-         return found;
-      }
-
+      explicit TypedVersion( Entry && e ) : entry( std::move( e ) ) {}
       Entry entry;
    };
 
-   struct HashOfRow {
-      using is_transparent = void;
-      std::size_t operator()( TypedRow const * row ) const { return row->hash; }
-      std::size_t operator()( std::pair< Key const &, U32 > const & wanted ) const { return wanted.second; }
-   };
-   struct SameKey {
-      using is_transparent = void;
-      bool operator()( TypedRow const * a, TypedRow const * b ) const { return a == b; }
-      bool operator()( TypedRow const * row, std::pair< Key const &, U32 > const & wanted ) const {
-         return row->key == wanted.first;
-      }
-      bool operator()( std::pair< Key const &, U32 > const & wanted, TypedRow const * row ) const {
-         return row->key == wanted.first;
-      }
-   };
+   struct TypedRow final : Row, Vexa::Pooled< TypedRow > {
+      TypedRow( SwTable & owner, Key const & k ) : key( k ) { table = &owner; }
 
-   static U32 hashOf( Key const & key ) { return Vexa::hash( key, Vexa::processHashSeed ^ Traits::hashConstant ); }
+      void describe( std::ostream & out ) const override { Vexa::write( out, key ); }
+      Entry & entryOf( Version & version ) const override { return static_cast< TypedVersion & >( version ).entry; }
+      ReferringEntry * referringEntryOf( [[maybe_unused]] Version & version ) const override {
+         if constexpr ( std::derived_from< Entry, ReferringEntry > ) {
+            return &entryOf( version );
+         } else {
+            return nullptr;
+         }
+      }
+      void free( Version * version ) const override { delete static_cast< TypedVersion * >( version ); }
 
-   TypedRow * find( Key const & key ) const {
-      auto const found = rows_.find( std::pair< Key const &, U32 >( key, hashOf( key ) ) );
-      return found == rows_.end() ? nullptr : *found;
-   }
+      Key const key;
+   };
 
    TypedRow & rowOf( Key const & key ) {
-      std::pair< Key const &, U32 > const wanted( key, hashOf( key ) );
-      if ( auto const found = rows_.find( wanted ); found != rows_.end() ) {
-         return **found;
-      }
-      auto * const row = new TypedRow( key );
-      row->table = this;
-      row->hash = wanted.second;
-      rows_.insert( row );
-      return *row;
+      return *rows_.findOrInsert( key, [ & ] { return new TypedRow( *this, key ); } ).first;
    }
 
    EntryHandle::PtrConst written( TypedRow & row, Entry && entry ) {
@@ -184,13 +130,15 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
       delete typed;
    }
 
+   void settles( Row & row ) override { rows_.isNext( static_cast< TypedRow * >( &row ) ); }
+
    void forEachRow( void ( *function )( void * context, Row & row ), void * context ) override {
       for ( auto * const row : rows_ ) {
          function( context, *row );
       }
    }
 
-   boost::unordered_flat_set< TypedRow *, HashOfRow, SameKey > rows_;
+   Vexa::RecordSet< TypedRow, Traits::hashConstant > rows_;
 };
 
 }  // namespace Asic

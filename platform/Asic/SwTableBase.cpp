@@ -4,6 +4,7 @@
 #include <Vexa/Assert.h>
 #include <Vexa/Type.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace [[gnu::visibility( "default" )]] Asic {
@@ -16,10 +17,21 @@ void hold( Version * version ) {
    }
 }
 
-void letGo( Version * version ) {
+void letGo( Row & row, Version * version ) {
    if ( version && --version->reasons == 0 ) {
-      delete version;
+      row.free( version );
    }
+}
+
+bool sendable( Operation const & operation ) {
+   auto const * const entry = operation.row->referringEntryOf( *operation.version );
+   return !entry || entry->sendable();
+}
+
+// Whether what is written holds that handle; null asks for any.
+bool refersTo( Row const & row, Version & version, EntryHandle const * handle ) {
+   auto const * const entry = row.referringEntryOf( version );
+   return entry && entry->refersTo( handle );
 }
 
 }  // namespace
@@ -58,8 +70,8 @@ void SwTableBase::write( Row & row, Version * version ) {
    row.state_ = EntryState::pending;
    hardware_->queue( row, version, Operation::Kind::write );
    version->number = row.lastOperation;
-   letGo( replaced );
-   letGo( refused );
+   letGo( row, replaced );
+   letGo( row, refused );
 }
 
 void SwTableBase::remove( Row & row ) { removeReportedBy( row, hardware_->takeRefusal( row ) ); }
@@ -70,8 +82,8 @@ void SwTableBase::removeReportedBy( Row & row, Version * refused ) {
    row.committed = false;
    auto * const visible = newestIs( row, nullptr );
    hardware_->queue( row, refused ? refused : visible, Operation::Kind::removal );
-   letGo( visible );
-   letGo( refused );
+   letGo( row, visible );
+   letGo( row, refused );
 }
 
 // Giving up a version may give up anything: other rows of this table, other tables, this table. So all rows leave
@@ -80,17 +92,17 @@ void SwTableBase::removeReportedBy( Row & row, Version * refused ) {
 void SwTableBase::abandon( std::vector< Row * > const & rows ) {
    rowCount_ = 0;
    hardwareRowCount_ = 0;
-   std::vector< Version * > versions;
+   std::vector< HeldVersion > versions;
    for ( auto * const row : rows ) {
-      versions.push_back( hardware_->takeRefusal( *row ) );
+      versions.push_back( { row, hardware_->takeRefusal( *row ) } );
       row->table = nullptr;
       ++row->outstanding;
-      versions.push_back( std::exchange( row->newest, nullptr ) );
-      versions.push_back( std::exchange( row->inHardware, nullptr ) );
+      versions.push_back( { row, std::exchange( row->newest, nullptr ) } );
+      versions.push_back( { row, std::exchange( row->inHardware, nullptr ) } );
    }
    hardware_->dropOperationsWithoutTable( versions );
-   for ( auto * const version : versions ) {
-      letGo( version );
+   for ( auto const & held : versions ) {
+      letGo( *held.row, held.version );
    }
    for ( auto * const row : rows ) {
       --row->outstanding;
@@ -117,11 +129,11 @@ void Hardware::queue( Row & row, Version * version, Operation::Kind kind ) {
       static_cast< U32 >( queue_.push( { .row = &row, .version = version, .turn = turn_, .kind = kind } ) );
 }
 
-void Hardware::dropOperationsWithoutTable( std::vector< Version * > & versions ) {
+void Hardware::dropOperationsWithoutTable( std::vector< HeldVersion > & versions ) {
    queue_.forEachUntil( [ & ]( Position position, Operation const & operation ) {
       if ( !operation.row->table ) {
          --operation.row->outstanding;
-         versions.push_back( operation.version );
+         versions.push_back( { operation.row, operation.version } );
          queue_.take( position );
       }
       return true;
@@ -141,8 +153,9 @@ bool Hardware::maySettle( Position position ) const {
       if ( older == position ) {
          return false;
       }
-      may = olderOperation.row != operation.row &&
-            ( operation.kind == Operation::Kind::removal || !operation.version->refersTo( olderOperation.row ) );
+      may =
+         olderOperation.row != operation.row && ( operation.kind == Operation::Kind::removal ||
+                                                  !refersTo( *operation.row, *operation.version, olderOperation.row ) );
       return may;
    } );
    return may;
@@ -173,7 +186,7 @@ EntryState Hardware::outcomeOf( Operation const & operation ) const {
       bool const refused = policy_ && operation.row->inHardware && policy_->refusesRemoval( requestOf( operation ) );
       return refused ? EntryState::failed : EntryState::settled;
    }
-   if ( !operation.version->sendable() ) {
+   if ( !sendable( operation ) ) {
       return EntryState::failed;
    }
    return policy_ ? policy_->outcomeOfWrite( requestOf( operation ) ) : EntryState::settled;
@@ -194,7 +207,7 @@ void Hardware::settleNext( EntryState outcome ) {
    auto const position = queue_.first();
    auto const & operation = queue_[ position ];
    bool const sent =
-      operation.kind == Operation::Kind::removal ? operation.row->heldByHardware() : operation.version->sendable();
+      operation.kind == Operation::Kind::removal ? operation.row->heldByHardware() : sendable( operation );
    auto const notSent = operation.kind == Operation::Kind::removal ? EntryState::settled : EntryState::failed;
    settleOperation( position, sent ? outcome : notSent );
 }
@@ -220,7 +233,7 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
       table->newestIs( row, row.inHardware );
       row.removalRefused = true;
       hold( version );
-      refused_.emplace( row.lastOperation, Refusal{ &row, version } );
+      refused_.emplace( row.lastOperation, HeldVersion{ &row, version } );
       onlyReports = version != row.inHardware;
    }
 
@@ -228,18 +241,21 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
       row.state_ = outcome;
    }
    bool const reportsEverything = policy_ && policy_->reportsEverything();
-   if ( auto const & response = version->entryBase().writeResponse; response && ( reports || reportsEverything ) ) {
+   if ( auto const & response = row.entryOf( *version ).writeResponse; response && ( reports || reportsEverything ) ) {
+      table->settles( row );
       if ( reportsEverything ) {
          response( EntryState::pending );
       }
       response( outcome );
    }
 
-   letGo( replaced );
+   letGo( row, replaced );
    if ( onlyReports ) {
-      version->handlesDel();
+      if ( auto * const entry = row.referringEntryOf( *version ) ) {
+         entry->handlesDel();
+      }
    }
-   letGo( version );
+   letGo( row, version );
    --row.outstanding;
    SwTableBase::eraseIfOver( row );
 }
@@ -250,7 +266,7 @@ void Hardware::tryRefusedRemovalsAgain() {
       refusal.row->removalRefused = false;
    }
    for ( auto const & [ number, refusal ] : refused ) {
-      refusal.row->table->removeReportedBy( *refusal.row, refusal.removed );
+      refusal.row->table->removeReportedBy( *refusal.row, refusal.version );
    }
 }
 
@@ -259,7 +275,7 @@ Version * Hardware::takeRefusal( Row & row ) {
       return nullptr;
    }
    row.removalRefused = false;
-   return refused_.extract( row.lastOperation ).mapped().removed;
+   return refused_.extract( row.lastOperation ).mapped().version;
 }
 
 void Hardware::retryFailed() {
@@ -273,7 +289,7 @@ void Hardware::retryFailed() {
       table->forEachRow(
          []( void * context, Row & row ) {
             if ( row.newest && isFailure( row.state_ ) && !row.removalRefused ) {
-               int const rank = !row.newest->refersTo( nullptr ) ? 0 : row.committed ? 2 : 1;
+               int const rank = !refersTo( row, *row.newest, nullptr ) ? 0 : row.committed ? 2 : 1;
                static_cast< std::vector< Retry > * >( context )->push_back( { rank, row.newest->number, &row } );
             }
          },

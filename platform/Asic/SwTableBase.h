@@ -16,26 +16,9 @@ namespace [[gnu::visibility( "default" )]] Asic {
 class Hardware;
 class SwTableBase;
 
-// One version of a row: the data of one write. It keeps its entry, and so the handles in it, while it is the newest
-// asked for, while the hardware holds it, and while an operation on it is outstanding.
-class Version {
- public:
-   Version() = default;
-   Version( Version const & ) = delete;
-   Version & operator=( Version const & ) = delete;
-   virtual ~Version() = default;
-
-   virtual EntryBase const & entryBase() const = 0;
-
-   // Gives up the entry's handles. Called for a version that only reports any more.
-   virtual void handlesDel() = 0;
-
-   // False while a row that the entry needs is failed or missing in the hardware.
-   virtual bool sendable() const = 0;
-
-   // Whether the entry holds that handle; null asks for any.
-   virtual bool refersTo( EntryHandle const * handle ) const = 0;
-
+// One version of a row: the data of one write, which the row's table knows. It keeps its entry, and so the handles in
+// it, while it is the newest asked for, while the hardware holds it, and while an operation on it is outstanding.
+struct Version {
    U32 reasons = 0;
    U32 number = 0;  // of the write that asked for it
 };
@@ -45,6 +28,12 @@ class Version {
 class Row : public EntryHandle {
  public:
    bool heldByHardware() const override { return inHardware != nullptr; }
+
+   // Of a version of this row.
+   virtual EntryBase & entryOf( Version & version ) const = 0;
+   // Null when the table's entries refer to nothing.
+   virtual ReferringEntry * referringEntryOf( Version & version ) const = 0;
+   virtual void free( Version * version ) const = 0;
 
    bool committed = false;         // stays until removed; else as long as somebody holds its handle
    bool removalRefused = false;    // visible only because the hardware did not let it go
@@ -60,6 +49,12 @@ class Row : public EntryHandle {
 
    friend class Hardware;
    friend class SwTableBase;
+};
+
+// A row's version that somebody holds.
+struct HeldVersion {
+   Row * row;
+   Version * version;
 };
 
 class SwTableBase : public Orla::Entity {
@@ -95,6 +90,8 @@ class SwTableBase : public Orla::Entity {
    void abandon( std::vector< Row * > const & rows );
 
    virtual void erase( Row & row ) = 0;
+   // An operation of the row settles; whoever is told will look at the row.
+   virtual void settles( Row & row ) = 0;
 
    std::string_view name_;
    Orla::Ptr< Hardware > hardware_;

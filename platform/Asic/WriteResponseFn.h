@@ -16,7 +16,11 @@ class WriteResponseFn {
    WriteResponseFn() = default;
    template< class Callable >
       requires std::is_invocable_v< Callable const &, EntryState >
-   WriteResponseFn( Callable callable ) : response_( new Holder< Callable >( std::move( callable ) ) ) {}
+   WriteResponseFn( Callable callable ) : WriteResponseFn( std::in_place_type< Callable >, std::move( callable ) ) {}
+   // Makes the callable of the arguments, in the place where it stays.
+   template< class Callable, class... Arguments >
+   explicit WriteResponseFn( std::in_place_type_t< Callable >, Arguments &&... arguments )
+      : response_( new Holder< Callable >( std::forward< Arguments >( arguments )... ) ) {}
    WriteResponseFn( WriteResponseFn const & other ) : response_( other.response_ ) {
       if ( response_ ) {
          ++response_->users;
@@ -47,7 +51,8 @@ class WriteResponseFn {
    };
 
    template< class Callable > struct Holder final : Response, Vexa::Pooled< Holder< Callable > > {
-      explicit Holder( Callable c ) : callable( std::move( c ) ) {}
+      template< class... Arguments >
+      explicit Holder( Arguments &&... arguments ) : callable{ std::forward< Arguments >( arguments )... } {}
       void run( EntryState state ) const override { callable( state ); }
       Callable callable;
    };

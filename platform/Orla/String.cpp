@@ -59,7 +59,7 @@ struct StringTable {
    }
 };
 
-String::String( std::string_view text ) : record_( text.empty() ? nullptr : intern( text ) ) {}
+String::String( std::string_view text ) : String( text.empty() ? nullptr : intern( text ) ) {}
 
 String::String( Vexa::CharRange & quoted ) {
    quoted.require( "'" );
@@ -84,12 +84,6 @@ String::String( Vexa::CharRange & quoted ) {
    }
    quoted.advance( i + 1 );
    *this = String( plain );
-}
-
-U32 String::hash( U32 seed ) const {
-   Vexa::Hash hash( seed );
-   hash.mix( record_ ? record_->textHash : 0 );
-   return hash.result();
 }
 
 void String::appendTo( std::string & out ) const {

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <Vexa/CharRange.h>
+#include <Vexa/Hash.h>
 #include <Vexa/Types.h>
 
+#include <array>
+#include <bit>
 #include <compare>
 #include <ostream>
 #include <string>
@@ -21,8 +24,8 @@ class String {
    String( std::string_view text );
    String( char const * text ) : String( std::string_view( text ) ) {}
    explicit String( Vexa::CharRange & quoted );
-   String( String const & other ) : record_( other.record_ ) { take(); }
-   String( String && other ) noexcept : record_( std::exchange( other.record_, nullptr ) ) {}
+   String( String const & other ) : halves_( other.halves_ ) { take(); }
+   String( String && other ) noexcept : halves_( std::exchange( other.halves_, {} ) ) {}
    ~String() { drop(); }
    String & operator=( String const & other ) {
       String( other ).swap( *this );
@@ -34,15 +37,19 @@ class String {
    }
 
    std::string_view text() const {
-      return record_ ? std::string_view( reinterpret_cast< char const * >( record_ + 1 ), record_->length )
-                     : std::string_view();
+      auto const * const held = record();
+      return held ? std::string_view( reinterpret_cast< char const * >( held + 1 ), held->length ) : std::string_view();
    }
-   bool empty() const { return record_ == nullptr; }
-   U32 hash( U32 seed ) const;
+   bool empty() const { return record() == nullptr; }
+   U32 hash( U32 seed ) const {
+      Vexa::Hash hash( seed );
+      hash.mix( empty() ? 0 : record()->textHash );
+      return hash.result();
+   }
 
-   friend bool operator==( String const & a, String const & b ) { return a.record_ == b.record_; }
+   friend bool operator==( String const & a, String const & b ) { return a.record() == b.record(); }
    friend std::strong_ordering operator<=>( String const & a, String const & b ) {
-      return a.record_ == b.record_ ? std::strong_ordering::equal : a.text() <=> b.text();
+      return a.record() == b.record() ? std::strong_ordering::equal : a.text() <=> b.text();
    }
    void appendTo( std::string & out ) const;
    friend std::ostream & operator<<( std::ostream & out, String const & string );
@@ -55,15 +62,18 @@ class String {
       U32 textHash;
    };
 
-   void swap( String & other ) noexcept { std::swap( record_, other.record_ ); }
+   explicit String( Record const * record ) : halves_( std::bit_cast< Halves >( record ) ) {}
+
+   Record const * record() const { return std::bit_cast< Record const * >( halves_ ); }
+   void swap( String & other ) noexcept { std::swap( halves_, other.halves_ ); }
    void take() const {
-      if ( record_ ) {
-         ++record_->referenceCount;
+      if ( auto const * const held = record() ) {
+         ++held->referenceCount;
       }
    }
    void drop() const {
-      if ( record_ && --record_->referenceCount == 0 ) {
-         forget( record_ );
+      if ( auto const * const held = record(); held && --held->referenceCount == 0 ) {
+         forget( held );
       }
    }
    static Record const * intern( std::string_view text );
@@ -71,7 +81,10 @@ class String {
 
    friend struct StringTable;
 
-   Record const * record_ = nullptr;
+   // The pointer, in units of four bytes: keys of many rows hold a string among shorter members, and are as strictly
+   // aligned as it is.
+   using Halves = std::array< U32, sizeof( Record const * ) / sizeof( U32 ) >;
+   Halves halves_{};
 };
 
 }  // namespace Orla

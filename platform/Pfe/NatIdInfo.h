@@ -7,6 +7,8 @@
 #include <Pfe/NatMatchKey.h>
 #include <Vexa/HashMap.h>
 
+#include <utility>
+
 namespace [[gnu::visibility( "default" )]] Pfe {
 
 // Owned by the agent, which fills it from its store before a programmer is initialised and watches it to write it back.
@@ -19,6 +21,10 @@ class NatIdInfo final : public Orla::Entity {
    // The id under a key: matchKeyToNatId().find( key ), null when there is none.
    MatchKeyToNatId const & matchKeyToNatId() const { return matchKeyToNatId_; }
    void matchKeyToNatIdIs( NatMatchKey const & matchKey, NatId natId ) { matchKeyToNatId_.is( matchKey, natId ); }
+   // The id under a key; when there is none yet, make() from now on.
+   template< class Make > NatId matchKeyToNatIdFindOrInsert( NatMatchKey const & matchKey, Make && make ) {
+      return matchKeyToNatId_.findOrInsert( matchKey, std::forward< Make >( make ) );
+   }
    void matchKeyToNatIdDel( NatMatchKey const & matchKey ) { matchKeyToNatId_.del( matchKey ); }
 
    Vexa::TypeData const & typeData() const override;

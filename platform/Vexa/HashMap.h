@@ -1,25 +1,18 @@
 // The framework's hash collections.
 #pragma once
 
-#include <Vexa/Hash.h>
 #include <Vexa/Pool.h>
-#include <Vexa/Value.h>
+#include <Vexa/RecordSet.h>
 
-#include <boost/unordered/unordered_flat_map.hpp>
 #include <boost/unordered/unordered_flat_set.hpp>
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
 namespace [[gnu::visibility( "default" )]] Vexa {
-
-// Hashes keys for one collection: the process's seed mixed with a constant of the collection's own, so that no two
-// collections share bucket patterns.
-template< class Key, U32 seedConstant > struct KeyHash {
-   std::size_t operator()( Key const & key ) const { return hash( key, processHashSeed ^ seedConstant ); }
-};
 
 // Is told of every change of one key of a map, after it, with the values that the key had before and has now (null:
 // none). `key` and `previous` last for the call, `current` until the map changes again. The map must outlive the
@@ -35,24 +28,35 @@ template< class Key, class Value > class KeyWatcher {
    ~KeyWatcher() = default;
 };
 
-// A map with the operations of a framework collection. References into it last until the next insertion.
+// A map with the operations of a framework collection. References to a value last until its key is removed.
 template< class KeyType, class ValueType, U32 seedConstant > class HashMap {
+   struct Node : Pooled< Node > {
+      template< class... Arguments >
+      explicit Node( KeyType const & k, Arguments &&... arguments )
+         : value( std::forward< Arguments >( arguments )... ), key( k ) {}
+      ValueType value;  // before the key: most values are pointers, most keys half as strictly aligned
+      KeyType const key;
+      U32 hash = 0;
+   };
+   using Nodes = RecordSet< Node, seedConstant >;
+
  public:
    using Key = KeyType;
    using Value = ValueType;
    using Watcher = KeyWatcher< Key, Value >;
 
    HashMap() = default;
+   ~HashMap() { free( nodes_ ); }
    HashMap( HashMap const & ) = delete;
    HashMap & operator=( HashMap const & ) = delete;
 
-   std::size_t count() const { return entries_.size(); }
-   bool has( Key const & key ) const { return entries_.contains( key ); }
+   std::size_t count() const { return nodes_.count(); }
+   bool has( Key const & key ) const { return nodes_.find( key ) != nullptr; }
 
    // Null when the key is absent.
    Value const * find( Key const & key ) const {
-      auto const found = entries_.find( key );
-      return found == entries_.end() ? nullptr : &found->second;
+      auto const * const node = nodes_.find( key );
+      return node ? &node->value : nullptr;
    }
    Value * find( Key const & key ) { return const_cast< Value * >( std::as_const( *this ).find( key ) ); }
 
@@ -64,64 +68,83 @@ template< class KeyType, class ValueType, U32 seedConstant > class HashMap {
 
    // Inserts or replaces, then tells the watchers.
    void is( Key const & key, Value value ) {
-      if ( watchers_.empty() ) {
-         entries_.insert_or_assign( key, std::move( value ) );
-         return;
-      }
-      auto const [ place, inserted ] = entries_.try_emplace( key );
-      auto const previous = std::exchange( place->second, std::move( value ) );
-      tell( key, inserted ? nullptr : &previous, &place->second );
+      change( key, [ & ]( Value & place ) { place = std::move( value ); } );
    }
 
    // Changes the value under `key` where it stands, inserted as the type's default when absent, by function( value ),
    // then tells the watchers. The function may not change the map.
    template< class Function > void change( Key const & key, Function && function ) {
-      auto const [ place, inserted ] = entries_.try_emplace( key );
+      auto const [ value, isNew ] = refOrEmplace( key );
       if ( watchers_.empty() ) {
-         function( place->second );
+         function( value );
          return;
       }
-      auto const previous = place->second;
-      function( place->second );
-      tell( key, inserted ? nullptr : &previous, &place->second );
+      auto const previous = isNew ? Value() : value;
+      function( value );
+      tell( key, isNew ? nullptr : &previous, &value );
+   }
+
+   // The value under `key`. When absent it is inserted as make(), and the watchers are told; when that throws, nothing
+   // has changed. make() may not change the map.
+   template< class Make > Value findOrInsert( Key const & key, Make && make ) {
+      auto const [ node, isNew ] = nodes_.findOrInsert( key, [ & ] { return new Node( key, make() ); } );
+      auto const value = node->value;
+      if ( isNew ) {
+         tell( key, nullptr, &node->value );
+      }
+      return value;
    }
 
    // The value under `key`, inserted as the type's default when absent, and whether that happened. Tells nobody.
    std::pair< Value &, bool > refOrEmplace( Key const & key ) {
-      auto const [ place, inserted ] = entries_.try_emplace( key );
-      return { place->second, inserted };
+      auto const [ node, isNew ] = nodes_.findOrInsert( key, [ & ] { return new Node( key ); } );
+      return { node->value, isNew };
    }
 
    // Removes the key, then tells the watchers. False when it was absent.
    bool del( Key const & key ) {
-      auto const found = entries_.find( key );
-      if ( found == entries_.end() ) {
-         return false;
+      std::unique_ptr< Node > const gone( nodes_.find( key ) );
+      if ( gone ) {
+         nodes_.erase( gone.get() );
+         tell( gone->key, &gone->value, nullptr );
       }
-      auto const [ goneKey, previous ] = std::move( *found );
-      entries_.erase( found );
-      tell( goneKey, &previous, nullptr );
-      return true;
+      return gone != nullptr;
    }
 
    void delAll() {
-      auto const gone = std::exchange( entries_, {} );
-      for ( auto const & [ key, value ] : gone ) {
-         tell( key, &value, nullptr );
+      auto const gone = std::exchange( nodes_, {} );
+      for ( auto const * const node : gone ) {
+         tell( node->key, &node->value, nullptr );
       }
+      free( gone );
    }
 
    // Calls function( key, value ) for every entry in iteration order. The function may remove the entry that it is
    // called for, and change values; it may not insert.
    template< class Function > void forEach( Function && function ) const {
-      for ( auto next = entries_.begin(); next != entries_.end(); ) {
-         auto const current = next++;
-         function( current->first, current->second );
+      for ( auto next = nodes_.begin(); next != nodes_.end(); ) {
+         auto const * const node = *next++;
+         function( node->key, node->value );
       }
    }
 
-   auto begin() const { return entries_.begin(); }
-   auto end() const { return entries_.end(); }
+   // Yields pairs of references to key and value.
+   struct Iterator {
+      using value_type = std::pair< Key const &, Value const & >;
+      using difference_type = std::ptrdiff_t;
+
+      value_type operator*() const { return { ( *node )->key, ( *node )->value }; }
+      Iterator & operator++() {
+         ++node;
+         return *this;
+      }
+      void operator++( int ) { ++node; }
+      friend bool operator==( Iterator const &, Iterator const & ) = default;
+
+      decltype( std::declval< Nodes const & >().begin() ) node;
+   };
+   Iterator begin() const { return { nodes_.begin() }; }
+   Iterator end() const { return { nodes_.end() }; }
 
    // Watching does not change a map, so a read-only map can be watched.
    void watcherIs( Watcher & watcher ) const { watchers_.push_back( &watcher ); }
@@ -138,7 +161,13 @@ template< class KeyType, class ValueType, U32 seedConstant > class HashMap {
       }
    }
 
-   boost::unordered_flat_map< Key, Value, KeyHash< Key, seedConstant > > entries_;
+   static void free( Nodes const & nodes ) {
+      for ( auto const * const node : nodes ) {
+         delete node;
+      }
+   }
+
+   Nodes nodes_;
    mutable std::vector< Watcher * > watchers_;
 };
 
@@ -147,68 +176,59 @@ template< class Key, U32 seedConstant > class HashSet {
  public:
    HashSet() = default;
    HashSet( HashSet const & other ) { *this = other; }
-   HashSet( HashSet && ) noexcept = default;
-   HashSet & operator=( HashSet && ) noexcept = default;
+   HashSet( HashSet && other ) noexcept { swap( other ); }
+   HashSet & operator=( HashSet && other ) noexcept {
+      HashSet( std::move( other ) ).swap( *this );
+      return *this;
+   }
    HashSet & operator=( HashSet const & other ) {
       HashSet copy;
       other.forEach( [ & ]( Key const & key ) { copy.is( key ); } );
       return *this = std::move( copy );
    }
 
-   std::size_t count() const {
-      return members_ ? members_->hasFirst + ( members_->others ? members_->others->size() : 0 ) : 0;
-   }
+   std::size_t count() const { return first_.has_value() + ( others_ ? others_->size() : 0 ); }
 
-   bool has( Key const & key ) const {
-      return members_ && ( members_->isFirst( key ) || ( members_->others && members_->others->contains( key ) ) );
-   }
+   bool has( Key const & key ) const { return first_ == key || ( others_ && others_->contains( key ) ); }
 
    // False when the key was there already.
    bool is( Key const & key ) {
-      if ( !members_ ) {
-         members_ = std::make_unique< Members >( key );
+      if ( count() == 0 ) {
+         first_ = key;
          return true;
       }
-      if ( members_->isFirst( key ) ) {
+      if ( first_ == key ) {
          return false;
       }
-      if ( !members_->others ) {
-         members_->others = std::make_unique< Others >();
+      if ( !others_ ) {
+         others_ = std::make_unique< Others >();
       }
-      return members_->others->insert( key ).second;
+      return others_->insert( key ).second;
    }
 
    // False when the key was absent.
    bool del( Key const & key ) {
-      if ( !has( key ) ) {
+      if ( first_ == key ) {
+         first_.reset();
+         return true;
+      }
+      if ( !others_ || others_->erase( key ) == 0 ) {
          return false;
       }
-      auto & others = members_->others;
-      if ( members_->isFirst( key ) ) {
-         members_->hasFirst = false;
-      } else {
-         others->erase( key );
-      }
-      if ( others && others->empty() ) {
-         others = nullptr;
-      }
-      if ( !others && !members_->hasFirst ) {
-         members_ = nullptr;
+      if ( others_->empty() ) {
+         others_ = nullptr;
       }
       return true;
    }
 
-   void delAll() { members_ = nullptr; }
+   void delAll() { *this = HashSet(); }
 
    template< class Function > void forEach( Function && function ) const {
-      if ( !members_ ) {
-         return;
+      if ( first_ ) {
+         function( *first_ );
       }
-      if ( members_->hasFirst ) {
-         function( members_->first );
-      }
-      if ( members_->others ) {
-         for ( auto const & key : *members_->others ) {
+      if ( others_ ) {
+         for ( auto const & key : *others_ ) {
             function( key );
          }
       }
@@ -222,17 +242,14 @@ template< class Key, U32 seedConstant > class HashSet {
 
  private:
    using Others = boost::unordered_flat_set< Key, KeyHash< Key, seedConstant > >;
-   struct Members : Pooled< Members > {
-      explicit Members( Key const & key ) : first( key ) {}
-      bool isFirst( Key const & key ) const { return hasFirst && first == key; }
 
-      Key first;
-      bool hasFirst = true;  // once it is gone nobody takes its place: that would be a search in a large table
-      std::unique_ptr< Others > others;  // null rather than empty
-   };
+   void swap( HashSet & other ) noexcept {
+      std::swap( first_, other.first_ );
+      others_.swap( other.others_ );
+   }
 
-   // One pointer, because most sets stand in maps that are half empty.
-   std::unique_ptr< Members > members_;
+   std::optional< Key > first_;  // once it is gone nobody takes its place: that would be a search in a large table
+   std::unique_ptr< Others > others_;  // null rather than empty
 };
 
 }  // namespace Vexa

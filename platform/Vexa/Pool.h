@@ -1,51 +1,71 @@
 // Free lists for objects that come and go with every rule.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
-#include <memory>
-#include <vector>
+#include <cstring>
+#include <new>
+#include <utility>
 
 namespace [[gnu::visibility( "default" )]] Vexa {
 
-// Memory for objects of one size, taken from the heap in growing chunks and kept for the next object. Nothing goes
-// back to the heap: a table that was once full is expected to be full again.
-template< std::size_t size > class Pool {
+// Slabs of memory for all pools, cut from larger pieces of the heap. Nothing goes back to the heap: a table that was
+// once full is expected to be full again.
+class Slabs {
+ public:
+   static constexpr std::size_t slabSize = 5040;  // a multiple of most sizes that objects have
+
+   std::byte * take() {
+      if ( left_ == 0 ) {
+         // Owned by nobody: objects in static storage may give their memory back at any time.
+         next_ = static_cast< std::byte * >( ::operator new( slabsPerPiece * slabSize ) );
+         left_ = slabsPerPiece;
+      }
+      --left_;
+      return std::exchange( next_, next_ + slabSize );
+   }
+
+   static Slabs & instance() {
+      static Slabs slabs;
+      return slabs;
+   }
+
+ private:
+   static constexpr std::size_t slabsPerPiece = 16;
+
+   std::byte * next_ = nullptr;
+   std::size_t left_ = 0;
+};
+
+// Memory for objects of one size and alignment, kept for the next object when it is given back.
+template< std::size_t size, std::size_t alignment > class Pool {
+   // What is free begins with the address of the next that is.
+   static_assert( size >= sizeof( void * ) && size <= Slabs::slabSize / 8 );
+   static_assert( size % alignment == 0 && Slabs::slabSize % alignment == 0 );
+
  public:
    void * take() {
       if ( !free_ ) {
          grow();
       }
-      auto * const block = free_;
-      free_ = block->next;
-      return block;
+      auto * const memory = free_;
+      std::memcpy( &free_, memory, sizeof( free_ ) );
+      return memory;
    }
 
-   void give( void * memory ) { free_ = new ( memory ) Block{ free_ }; }
+   void give( void * memory ) {
+      std::memcpy( memory, &free_, sizeof( free_ ) );
+      free_ = memory;
+   }
 
  private:
-   struct Block {
-      Block * next;
-   };
-   static constexpr std::size_t blockSize =
-      ( std::max( size, sizeof( Block ) ) + alignof( std::max_align_t ) / 2 - 1 ) &
-      ~( alignof( std::max_align_t ) / 2 - 1 );
-   static constexpr std::size_t firstChunk = 32;
-   static constexpr std::size_t growthDivisor = 8;
-   static constexpr std::size_t largestChunk = 1024;
-
    void grow() {
-      auto const count = std::clamp( blocks_ / growthDivisor, firstChunk, largestChunk );
-      auto & chunk = chunks_.emplace_back( std::make_unique_for_overwrite< std::byte[] >( count * blockSize ) );
-      blocks_ += count;
-      for ( auto i = count; i-- > 0; ) {
-         give( chunk.get() + i * blockSize );
+      auto * const slab = Slabs::instance().take();
+      for ( auto i = Slabs::slabSize / size; i-- > 0; ) {
+         give( slab + i * size );
       }
    }
 
-   Block * free_ = nullptr;
-   std::size_t blocks_ = 0;
-   std::vector< std::unique_ptr< std::byte[] > > chunks_;
+   void * free_ = nullptr;
 };
 
 // The address sanitizer finds what is used too late, or never given back, only in memory of its own.
@@ -70,10 +90,9 @@ template< class T > class Pooled {
    static void operator delete( void * memory ) { poolsAreUsed ? pool().give( memory ) : ::operator delete( memory ); }
 
  private:
-   // Never destroyed: objects in static storage may give their memory back at any time.
    static auto & pool() {
-      static auto * const instance = new Pool< sizeof( T ) >;
-      return *instance;
+      static constinit Pool< sizeof( T ), alignof( T ) > instance;
+      return instance;
    }
 };
 

@@ -17,7 +17,7 @@ namespace {
 template< class Table, class Function > void forEachRowLeft( Table & table, Function && function ) {
    using Entry = typename Table::Entry;
    auto const inHardware = []( Asic::Row const & row ) {
-      return row.inHardware ? &static_cast< Entry const & >( row.inHardware->entryBase() ) : nullptr;
+      return row.inHardware ? &static_cast< Entry const & >( row.entryOf( *row.inHardware ) ) : nullptr;
    };
    table.forEach( [ & ]( auto const & key, Entry const & entry, Asic::EntryHandle const & handle ) {
       auto const & row = static_cast< Asic::Row const & >( handle );

@@ -45,7 +45,7 @@ template< class Table > std::vector< std::string > hardwareRowsOf( Table & table
          std::ostringstream line;
          row.describe( line );
          line << " -> ";
-         Vexa::write( line, static_cast< typename Table::Entry const & >( row.inHardware->entryBase() ) );
+         Vexa::write( line, static_cast< typename Table::Entry const & >( row.entryOf( *row.inHardware ) ) );
          static_cast< std::vector< std::string > * >( context )->push_back( std::move( line ).str() );
       }
    };

@@ -193,7 +193,7 @@ TEST_F( InterfaceMode, ARuleBecomesAnEntryPerSide ) {
       auto const entry = Support::staticEntry( c.translated, c.fields );
       sm->addStaticConnection( c.key, entry );
       EXPECT_EQ( text(), c.expected );
-      EXPECT_EQ( swTableConfig->staticEntry().begin()->second->programmerEntry(), entry );
+      EXPECT_EQ( ( *swTableConfig->staticEntry().begin() ).second->programmerEntry(), entry );
       sm->deleteStaticConnection( c.key, entry );
       EXPECT_THAT( text(), IsEmpty() );
    }

@@ -137,9 +137,9 @@ struct Switch : Support::Programmer {
    std::vector< Asic::WriteResponseFn > responses( bool ofTwins ) const {
       std::vector< Asic::WriteResponseFn > found;
       forEachRow( [ & ]( Asic::Row const & row, std::string const & text ) {
-         if ( row.newest && row.newest->entryBase().writeResponse &&
+         if ( row.newest && row.entryOf( *row.newest ).writeResponse &&
               ofTwins == ( text.find( "fragment=1" ) != text.npos ) ) {
-            found.push_back( row.newest->entryBase().writeResponse );
+            found.push_back( row.entryOf( *row.newest ).writeResponse );
          }
       } );
       return found;
@@ -179,8 +179,8 @@ TEST( KindsOfRules, AreProgrammedDirectionByDirectionTheTwinBeforeItsEntry ) {
       } else {
          EXPECT_EQ( ring[ 1 ], "NatSwTableProgrammerSm::" + nat.kind.ring );
          EXPECT_TRUE( lines[ 2 ].starts_with(
-            "6 " + nat.kind.ring.substr( 0, nat.kind.ring.find( ',' ) ) +
-            ", natMatchKey: " + Vexa::stringOf( nat.natIdInfo->matchKeyToNatId().begin()->first ).substr( 0, 40 ) ) );
+            "6 " + nat.kind.ring.substr( 0, nat.kind.ring.find( ',' ) ) + ", natMatchKey: " +
+            Vexa::stringOf( ( *nat.natIdInfo->matchKeyToNatId().begin() ).first ).substr( 0, 40 ) ) );
       }
       std::erase_if( lines, []( std::string const & line ) { return !line.starts_with( "6 program" ); } );
       EXPECT_EQ( lines, nat.kind.program );
