@@ -1,5 +1,6 @@
-// The NAT base programmer: reacts to the programmer's configuration, calls the operations of a concrete programmer, and
-// keeps the status true.
+/// @file
+/// The NAT base programmer: reacts to the programmer's configuration, calls the operations of a concrete programmer,
+/// and keeps the status true.
 #pragma once
 
 #include <Orla/Entity.h>
@@ -16,23 +17,33 @@
 
 namespace [[gnu::visibility( "default" )]] Pfe {
 
-// Per key the programmer remembers the entry that it last handed over, and decides from it what a change calls: add,
-// update, or delete of the remembered entry and add of the new one. Range errors that leave an operation are caught
-// here, per key.
+/// Per key the programmer remembers the entry that it last handed over, and decides from it what a change calls: add,
+/// update, or delete of the remembered entry and add of the new one. Range errors that leave an operation are caught
+/// here, per key.
 class NatBaseProgrammerSm : public Orla::Entity {
  public:
-   // What becomes of an add that raised. A programmer of tables has it undone, and the rule is marked refused with
-   // result 2; a programmer of interfaces leaves what it wrote and has no results.
+   /// What becomes of an add that raised. A programmer of tables has it undone, and the rule is marked refused with
+   /// result 2; a programmer of interfaces leaves what it wrote and has no results.
    enum class Mode : U8 { interfaces, tables };
 
+   /// Leaves what is programmed as it is.
    ~NatBaseProgrammerSm() override;
 
    // The operations, in the order of their slots. All of them are called on the agent's activity thread.
-   //
-   // The names of the rules whose status was not written for the entry last handed over. None at rest.
+
+   /// The names of the rules whose status was not written for the entry last handed over. None at rest.
    virtual std::vector< std::string > checkStaleStatus() const;
+
+   /// @{
+   /// The VLAN (1 to 4094) has this NAT profile from now on, or has none any more.
    virtual void setNatProfile( U16 vlanId, U16 profileId ) = 0;
    virtual void clearNatProfile( U16 vlanId ) = 0;
+   /// @}
+
+   /// @{
+   /// A rule is new, has changed in what leaves its rows the same, or is gone. `entry` is never null; that of a delete
+   /// is the one last handed over. Addresses are IPv4 in host byte order, port 0 stands for every port. What becomes of
+   /// the rule is told later, in the status. A Vexa::RangeException is caught by the caller, per rule.
    virtual void addStaticConnection( NatProgrammerStaticKey const & key,
                                      NatProgrammerStaticEntry::PtrConst const & entry ) = 0;
    virtual void updateStaticConnection( NatProgrammerStaticKey const & key,
@@ -51,42 +62,59 @@ class NatBaseProgrammerSm : public Orla::Entity {
                                          NatProgrammerDynamicEntry::PtrConst const & entry ) = 0;
    virtual void deleteDynamicConnection( NatProgrammerDynamicKey const & key,
                                          NatProgrammerDynamicEntry::PtrConst const & entry ) = 0;
+   /// @}
+
+   /// @{
+   /// A trap rule is new or has changed, or is gone; traps have no status.
    virtual void addTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) = 0;
    virtual void deleteTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) = 0;
-   // Ends a replay.
+   /// @}
+
+   /// Ends a replay: every configured rule has been handed over, and what has not been belongs to none.
    virtual void replayReconcile();
 
+   /// What is to be programmed; the agent's, never null.
    NatProgrammerConfig::PtrConst const & natProgrammerConfig() const { return natProgrammerConfig_; }
+   /// What became of each rule; the agent's, written by the status writers below.
    NatProgrammerStatus::Ptr const & natProgrammerStatus() const { return natProgrammerStatus_; }
 
-   // Set before the first replay; interfaces unless set.
+   /// @{
+   /// Set before the first replay; interfaces unless set.
    Mode programmerMode() const { return mode_; }
    void programmerModeIs( Mode mode ) { mode_ = mode; }
+   /// @}
 
-   // Where profiles come from; null, as for a programmer that refuses profiles: nowhere. What a new source holds
-   // already is delivered by the next replay.
+   /// @{
+   /// Where profiles come from; null, as for a programmer that refuses profiles: nowhere. What a new source holds
+   /// already is delivered by the next replay.
    NatVlanProfileConfig::PtrConst const & natVlanProfileConfig() const { return natVlanProfileConfig_; }
    void natVlanProfileConfigIs( NatVlanProfileConfig::PtrConst config );
+   /// @}
 
-   // The ids in use, whose number tells whether one is free. Null: unknown, so retries just try.
+   /// @{
+   /// The ids in use, whose number tells whether one is free. Null: unknown, so retries just try.
    NatIdInfo::PtrConst const & natIdPool() const { return natIdPool_; }
    void natIdPoolIs( NatIdInfo::PtrConst pool ) { natIdPool_ = std::move( pool ); }
+   /// @}
 
-   // Hands over everything that the configuration holds, then reconciles, then retries what the id pool refused. Until
-   // the first replay changes of the configuration are left to it.
+   /// Hands over everything that the configuration holds, then reconciles, then retries what the id pool refused. Until
+   /// the first replay changes of the configuration are left to it.
    void replay();
 
-   // Hands over every configured key, by the operations below: static, twice, dynamic, traps.
+   /// Hands over every configured key, by the operations below: static, twice, dynamic, traps.
    void handleAllConfig();
 
-   // Hands over what `key` is configured as now, or its removal.
+   /// @{
+   /// Hands over what `key` is configured as now, or its removal.
    void handleProgrammerStaticConfig( NatProgrammerStaticKey const & key );
    void handleProgrammerTwiceConfig( NatProgrammerTwiceKey const & key );
    void handleProgrammerDynamicConfig( NatProgrammerDynamicKey const & key );
    void handleProgrammerTrapConfig( NatProgrammerTrapKey const & key );
+   /// @}
 
-   // Status writers. A write for another entry than the one last handed over is ignored, so is a removal for an older
-   // entry once the status was written for the newer one, and so is everything for a refused key.
+   /// @{
+   /// Status writers. A write for another entry than the one last handed over is ignored, so is a removal for an older
+   /// entry once the status was written for the newer one, and so is everything for a refused key.
    void addProgrammerStaticStatusEntry( NatProgrammerStaticKey const & key,
                                         NatProgrammerStaticEntry::PtrConst const & entry,
                                         PfeHelper::NatHwResult result );
@@ -101,22 +129,25 @@ class NatBaseProgrammerSm : public Orla::Entity {
                                          PfeHelper::NatHwResult result );
    void deleteProgrammerDynamicStatusEntry( NatProgrammerDynamicKey const & key,
                                             NatProgrammerDynamicEntry::PtrConst const & entry );
+   /// @}
 
-   // Hands over, in the order of their refusal, the rules that the NAT id pool refused. Stops when no id is free, or at
-   // the first that is refused again, which goes to the end. Returns how many were handed over.
+   /// Hands over, in the order of their refusal, the rules that the NAT id pool refused. Stops when no id is free, or
+   /// at the first that is refused again, which goes to the end. Returns how many were handed over.
    std::size_t retryRefused();
 
-   // Nothing is outstanding in any table, refused removals included: drops each status that was not written for the
-   // entry last handed over.
+   /// Nothing is outstanding in any table, refused removals included: drops each status that was not written for the
+   /// entry last handed over.
    void atRest();
 
-   // Rules marked refused now, and range errors caught since the start.
+   /// How many rules are marked refused now.
    std::size_t refusedCount() const;
+   /// How many range errors were caught since the start.
    U64 rangeErrorCount() const;
 
    static Vexa::TypeData const & classType();
 
  protected:
+   /// Watches `config` (not null) at once; hands nothing over before the first replay.
    NatBaseProgrammerSm( NatProgrammerConfig::PtrConst config, NatProgrammerStatus::Ptr status );
 
  private:
