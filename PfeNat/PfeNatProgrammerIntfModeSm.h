@@ -1,5 +1,6 @@
-// The programmer of interface mode: turns static NAT rules into entries of the software-table configuration, each
-// shared by all interfaces that have the rule.
+/// @file
+/// The programmer of interface mode: turns static NAT rules into entries of the software-table configuration, each
+/// shared by all interfaces that have the rule.
 #pragma once
 
 #include "PfeNat/PfeNatProgrammerConfigSm.h"
@@ -21,35 +22,42 @@
 
 namespace [[gnu::visibility( "default" )]] Pfe {
 
-// Which software-table keys each programmer key feeds, and which programmer keys each software-table key depends on.
-//
-// Invariant, kept by the dependency operations: a pair is in both directions or in none, and no set is empty. The
-// collection operations touch one direction only.
+/// Which software-table keys each programmer key feeds, and which programmer keys each software-table key depends on.
+///
+/// Invariant, kept by the dependency operations: a pair is in both directions or in none, and no set is empty. The
+/// collection operations touch one direction only.
 class NatProgrammerStaticMap final : public Orla::Entity {
  public:
    using Ptr = Orla::Ptr< NatProgrammerStaticMap >;
    using PtrConst = Orla::Ptr< NatProgrammerStaticMap const >;
 
-   // What one programmer key feeds.
+   /// What one programmer key feeds.
    class SwTableKeySet final : public Orla::Entity {
     public:
       using Ptr = Orla::Ptr< SwTableKeySet >;
-      using Keys = Vexa::HashSet< NatSwTableStaticKey, 0xCA417918 >;
+      using Keys = Vexa::HashSet< NatSwTableStaticKey, 0xCA417918 >;  ///< In no order.
 
+      /// Empty.
       explicit SwTableKeySet( NatProgrammerStaticKey const & progKey ) : progKey_( progKey ) {}
 
+      /// Whose set this is.
       NatProgrammerStaticKey const & progKey() const { return progKey_; }
 
-      // Of the latest addDependency for the key; null until then.
+      /// @{
+      /// Of the latest addDependency for the key; null until then.
       NatProgrammerStaticEntry::PtrConst const & progEntry() const { return progEntry_; }
       void progEntryIs( NatProgrammerStaticEntry::PtrConst const & progEntry );
+      /// @}
 
+      /// @{
+      /// The set: whole, put in, look up, take out, count. Absent keys may be taken out, present ones put in.
       Keys const & entry() const { return entry_; }
       void entryIs( NatSwTableStaticKey const & swTableKey ) { entry_.is( swTableKey ); }
       bool entryHas( NatSwTableStaticKey const & swTableKey ) const { return entry_.has( swTableKey ); }
       void entryDel( NatSwTableStaticKey const & swTableKey ) { entry_.del( swTableKey ); }
       void entryDelAll() { entry_.delAll(); }
       std::size_t entrys() const { return entry_.count(); }
+      /// @}
 
       static Vexa::TypeData const & classType();
       Vexa::TypeData const & typeData() const override { return classType(); }
@@ -60,22 +68,27 @@ class NatProgrammerStaticMap final : public Orla::Entity {
       Keys entry_;
    };
 
-   // What one software-table key depends on.
+   /// What one software-table key depends on.
    class ProgrammerKeySet final : public Orla::Entity {
     public:
       using Ptr = Orla::Ptr< ProgrammerKeySet >;
-      using Keys = Vexa::HashSet< NatProgrammerStaticKey, 0xB8DB38EF >;
+      using Keys = Vexa::HashSet< NatProgrammerStaticKey, 0xB8DB38EF >;  ///< In no order.
 
+      /// Empty.
       explicit ProgrammerKeySet( NatSwTableStaticKey const & swTableKey ) : swTableKey_( swTableKey ) {}
 
+      /// Whose set this is.
       NatSwTableStaticKey const & swTableKey() const { return swTableKey_; }
 
+      /// @{
+      /// As in SwTableKeySet.
       Keys const & entry() const { return entry_; }
       void entryIs( NatProgrammerStaticKey const & progKey ) { entry_.is( progKey ); }
       bool entryHas( NatProgrammerStaticKey const & progKey ) const { return entry_.has( progKey ); }
       void entryDel( NatProgrammerStaticKey const & progKey ) { entry_.del( progKey ); }
       void entryDelAll() { entry_.delAll(); }
       std::size_t entrys() const { return entry_.count(); }
+      /// @}
 
       static Vexa::TypeData const & classType();
       Vexa::TypeData const & typeData() const override { return classType(); }
@@ -86,10 +99,16 @@ class NatProgrammerStaticMap final : public Orla::Entity {
    };
 
    // Each of the four collections has a constant of its own, so that keys that share a bucket in one do not in another.
+
+   /// @{
+   /// A set per key, held by the map as well.
    using ProgKeyToSwTableKeys = Vexa::HashMap< NatProgrammerStaticKey, SwTableKeySet::Ptr, 0x8E79DCB0 >;
    using SwTableKeyToProgKeys = Vexa::HashMap< NatSwTableStaticKey, ProgrammerKeySet::Ptr, 0x603A180E >;
+   /// @}
 
-   // Look-ups yield null for an absent key; `...Is` yields the set that is there, or a new empty one.
+   /// @{
+   /// One direction of the dependencies. Look-ups yield null for an absent key; `...Is` yields the set that is there,
+   /// or a new empty one.
    ProgKeyToSwTableKeys const & progKeyToSwTableKeysMap() const { return progKeyToSwTableKeysMap_; }
    SwTableKeySet::Ptr progKeyToSwTableKeysMap( NatProgrammerStaticKey const & progKey ) const {
       return progKeyToSwTableKeysMap_.valueOr( progKey );
@@ -102,7 +121,6 @@ class NatProgrammerStaticMap final : public Orla::Entity {
       progKeyToSwTableKeysMap_.del( progKey );
    }
    void progKeyToSwTableKeysMapDelAll() { progKeyToSwTableKeysMap_.delAll(); }
-
    SwTableKeyToProgKeys const & swTableKeyToProgKeysMap() const { return swTableKeyToProgKeysMap_; }
    ProgrammerKeySet::Ptr swTableKeyToProgKeysMap( NatSwTableStaticKey const & swTableKey ) const {
       return swTableKeyToProgKeysMap_.valueOr( swTableKey );
@@ -115,13 +133,14 @@ class NatProgrammerStaticMap final : public Orla::Entity {
       swTableKeyToProgKeysMap_.del( swTableKey );
    }
    void swTableKeyToProgKeysMapDelAll() { swTableKeyToProgKeysMap_.delAll(); }
+   /// @}
 
-   // A pair that is there already only gets the new `progEntry`.
+   /// A pair that is there already only gets the new `progEntry`.
    void addDependency( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticKey const & progKey,
                        NatProgrammerStaticEntry::PtrConst const & progEntry );
-   // The pair must be there. The keys may not be references into the sets, which let go of them.
+   /// The pair must be there. The keys may not be references into the sets, which let go of them.
    void delDependency( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticKey const & progKey );
-   // Whether both directions hold the pair.
+   /// Whether both directions hold the pair.
    bool hasDependency( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticKey const & progKey ) const;
 
    static Vexa::TypeData const & classType();
@@ -132,54 +151,65 @@ class NatProgrammerStaticMap final : public Orla::Entity {
    SwTableKeyToProgKeys swTableKeyToProgKeysMap_;
 };
 
+/// @{
+/// A new map without dependencies.
 NatProgrammerStaticMap::Ptr NatProgrammerStaticMapIs();
 NatProgrammerStaticMap::Ptr natProgrammerStaticMapFactory();
+/// @}
 
-// The VLAN ids of all programmer keys that `swTableKey` depends on, one per key, from their latest entries; empty for a
-// key that nothing feeds. Throws Vexa::RangeException when one of them is no VLAN id.
+/// The VLAN ids of all programmer keys that `swTableKey` depends on, one per key, from their latest entries; empty for
+/// a key that nothing feeds. Throws Vexa::RangeException when one of them is no VLAN id.
 std::vector< Bridging::VlanId > getVlanIdsForSwTableEntry( NatProgrammerStaticMap::PtrConst const & configMap,
                                                            NatSwTableStaticKey const & swTableKey );
 
-// Static rules only: twice and dynamic rules and traps are traced and ignored, profiles stop the agent. The interface
-// is no part of a software-table key, so that a rule that several interfaces have is one entry, with the VLANs of all.
-//
-// Whoever watches the software-table configuration is told inside the write, and changes no rules then. Writes no
-// status. Entries stay in the software-table configuration when the programmer goes. Every operation runs on
-// the agent's one activity thread.
+/// Static rules only: twice and dynamic rules and traps are traced and ignored, profiles stop the agent. The interface
+/// is no part of a software-table key, so that a rule that several interfaces have is one entry, with the VLANs of all.
+///
+/// Whoever watches the software-table configuration is told inside the write, and changes no rules then. Writes no
+/// status. Entries stay in the software-table configuration when the programmer goes. Every operation runs on
+/// the agent's one activity thread.
 class NatProgrammerIntfModeSm : public NatProgrammerConfigSm {
  public:
    using Ptr = Orla::Ptr< NatProgrammerIntfModeSm >;
 
+   /// `natSwTableStatus` may be null. Hands nothing over, and its notifications are off: NatProgrammerIntfModeSmIs().
    NatProgrammerIntfModeSm( NatProgrammerConfig::PtrConst const & natProgrammerConfig,
                             NatProgrammerStatus::Ptr const & natProgrammerStatus,
                             NatSwTableConfig::Ptr const & natSwTableConfig,
                             NatSwTableStatus::PtrConst const & natSwTableStatus );
    ~NatProgrammerIntfModeSm() override;
 
-   // The dependencies behind what is written, and an equal map that is meant for statuses and stays empty. `...Is`
-   // yields the map that is there, or a new one; `...Del` takes it away and returns it.
+   /// @{
+   /// The dependencies behind what is written, and an equal map that is meant for statuses and stays empty. `...Is`
+   /// yields the map that is there, or a new one; `...Del` takes it away and returns it.
    NatProgrammerStaticMap::Ptr const & staticConfigMap() const { return staticConfigMap_; }
    NatProgrammerStaticMap::Ptr staticConfigMapIs();
    NatProgrammerStaticMap::Ptr staticConfigMapDel();
    NatProgrammerStaticMap::Ptr const & staticStatusMap() const { return staticStatusMap_; }
    NatProgrammerStaticMap::Ptr staticStatusMapIs();
    NatProgrammerStaticMap::Ptr staticStatusMapDel();
+   /// @}
 
    // --- Operations, in slot order ------------------------------------------------------------------------------------
 
    void vexaDoZombieReactors( bool zombie ) override;
+   /// @{
+   /// Stops the agent: this mode has no profiles.
    void setNatProfile( U16 vlanId, U16 profileId ) override;
    void clearNatProfile( U16 vlanId ) override;
-   // Throws Vexa::RangeException for a VLAN id above 4094, before anything is written, and when a rule that shares an
-   // entry has no VLAN: then the dependency is recorded and the entry not written.
+   /// @}
+   /// Throws Vexa::RangeException for a VLAN id above 4094, before anything is written, and when a rule that shares an
+   /// entry has no VLAN: then the dependency is recorded and the entry not written.
    void addStaticConnection( NatProgrammerStaticKey const & key,
                              NatProgrammerStaticEntry::PtrConst const & entry ) override;
-   // Removes nothing: what the rule fed before and does not feed any more stays.
+   /// Removes nothing: what the rule fed before and does not feed any more stays.
    void updateStaticConnection( NatProgrammerStaticKey const & key,
                                 NatProgrammerStaticEntry::PtrConst const & entry ) override;
-   // `entry` is the one last added. Throws as the add does.
+   /// `entry` is the one last added. Throws as the add does.
    void deleteStaticConnection( NatProgrammerStaticKey const & key,
                                 NatProgrammerStaticEntry::PtrConst const & entry ) override;
+   /// @{
+   /// Traced and ignored.
    void addTwiceConnection( NatProgrammerTwiceKey const & key,
                             NatProgrammerTwiceEntry::PtrConst const & entry ) override;
    void updateTwiceConnection( NatProgrammerTwiceKey const & key,
@@ -196,6 +226,7 @@ class NatProgrammerIntfModeSm : public NatProgrammerConfigSm {
    void deleteTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) override;
    void handleStaticSwTableStatus( NatSwTableStaticKey const & key,
                                    Vexa::Optional< NatSwTableStatusEntry > const & status ) override;
+   /// @}
 
    static Vexa::TypeData const & classType();
    Vexa::TypeData const & typeData() const override { return classType(); }
@@ -208,7 +239,8 @@ class NatProgrammerIntfModeSm : public NatProgrammerConfigSm {
    NatProgrammerStaticMap::Ptr staticStatusMap_;
 };
 
-// Creates a programmer, lets it take what status and configuration hold, and switches its notifications on.
+/// @{
+/// Creates a programmer, lets it take what status and configuration hold, and switches its notifications on.
 NatProgrammerIntfModeSm::Ptr NatProgrammerIntfModeSmIs( NatProgrammerConfig::PtrConst const & natProgrammerConfig,
                                                         NatProgrammerStatus::Ptr const & natProgrammerStatus,
                                                         NatSwTableConfig::Ptr const & natSwTableConfig,
@@ -217,5 +249,6 @@ NatProgrammerIntfModeSm::Ptr natProgrammerIntfModeSmFactory( NatProgrammerConfig
                                                              NatProgrammerStatus::Ptr const & natProgrammerStatus,
                                                              NatSwTableConfig::Ptr const & natSwTableConfig,
                                                              NatSwTableStatus::PtrConst const & natSwTableStatus );
+/// @}
 
 }  // namespace Pfe
