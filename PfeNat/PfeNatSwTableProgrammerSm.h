@@ -1,4 +1,5 @@
-// The table programmer: turns NAT rules into rows of the forwarding chip's NAT tables, and reports what became of each.
+/// @file
+/// The table programmer: turns NAT rules into rows of the forwarding chip's tables, and reports what became of each.
 #pragma once
 
 #include "PfeNat/PfeNatSwTableProgrammerSm/EgrMcastEntry.h"
@@ -21,30 +22,33 @@
 
 namespace [[gnu::visibility( "default" )]] Pfe {
 
-// The base programmer calls the operations, once per rule that is added, changed or removed. Writes settle later: every
-// row carries a response, and only responses write the status (but for rules that are rejected before any write).
-//
-// Life: created with no tables; the agent attaches tables and hooks, sets programmerMode and `initialized`, and calls
-// replay(). Rows hold their responses and these the programmer, so an agent ends by clear() of the tables. Every
-// operation runs on the agent's one activity thread.
+/// The base programmer calls the operations, once per rule that is added, changed or removed. Writes settle later: each
+/// row carries a response, and only responses write the status (but for rules that are rejected before any write).
+///
+/// Life: created with no tables; the agent attaches tables and hooks, sets programmerMode and `initialized`, and calls
+/// replay(). Rows hold their responses and these the programmer, so an agent ends by clear() of the tables. Every
+/// operation runs on the agent's one activity thread.
 class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
  public:
    using Ptr = Orla::Ptr< NatSwTableProgrammerSm >;
 
+   /// The last two may be null. Notifications are off; see NatSwTableProgrammerSmIs().
    NatSwTableProgrammerSm( NatProgrammerConfig::PtrConst const & natProgrammerConfig,
                            NatProgrammerStatus::Ptr const & natProgrammerStatus,
                            Ip::Nat::HwCapabilities::PtrConst const & hwCapabilities, NatIdInfo::Ptr const & natIdInfo );
+   /// Gives up tables and hooks; rows, NAT ids and status stay.
    ~NatSwTableProgrammerSm() override;
 
    // --- Attributes ---------------------------------------------------------------------------------------------------
 
-   // Null: full-cone connections are programmed like others.
+   /// Null: full-cone connections are programmed like others.
    Ip::Nat::HwCapabilities::PtrConst const & hwCapabilities() const { return hwCapabilities_; }
-   // Null: there are no NAT ids, and nothing can be programmed.
+   /// Null: there are no NAT ids, and nothing can be programmed.
    NatIdInfo::Ptr const & natIdInfo() const { return natIdInfo_; }
 
-   // The agent attaches these once, before `initialized`; all but the two helpers and the ACL table must be there for
-   // the rules that use them. Null until set.
+   /// @{
+   /// The agent attaches these once, before `initialized`; all but the two helpers and the ACL table must be there for
+   /// the rules that use them. Null until set.
    Orla::Ptr< NatAclNameIdTable > const & aclNameIdTable() const { return aclNameIdTable_; }
    void aclNameIdTableIs( Orla::Ptr< NatAclNameIdTable > const & v ) { aclNameIdTable_ = v; }
    Orla::Ptr< EgrSourceNatUcRewriteTable > const & egrSourceNatUcRewriteTable() const {
@@ -93,29 +97,45 @@ class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
    void dynamicNatProgrammerHelperIs( Orla::Ptr< DynamicNatProgrammerHelper > const & v ) {
       dynamicNatProgrammerHelper_ = v;
    }
+   /// @}
 
+   /// Null until `initialized`, and without NAT ids.
    NatIdManager::Ptr const & natIdManager() const { return natIdManager_; }
-   // The manager for that NAT id state: the present one if it was built on it, else a new one.
+   /// The manager for that NAT id state: the present one if it was built on it, else a new one.
    NatIdManager::Ptr natIdManagerIs( NatIdInfo::Ptr const & natIdInfo );
-   // Takes the manager away and returns it.
+   /// Takes the manager away and returns it.
    NatIdManager::Ptr natIdManagerDel();
 
-   // The agent's signal that the tables are ready.
+   /// @{
+   /// The agent's signal that the tables are ready; each change runs handleInitialized().
    bool initialized() const { return initialized_; }
    void initializedIs( bool v );
-   // Drops the trap ACLs of a previous run and creates the NAT id manager, which reserves every persisted id.
+   /// @}
+
+   /// When `initialized`: drops the trap ACLs of a previous run and creates the NAT id manager, which reserves every
+   /// persisted id.
    void handleInitialized();
 
-   // While true, adds and deletes of static and twice connections and deleteAllConnections do nothing. The agent's.
+   /// @{
+   /// While true, adds and deletes of static and twice connections and deleteAllConnections do nothing. The agent's.
    bool cleanupInProgress() const { return cleanupInProgress_; }
    void cleanupInProgressIs( bool v ) { cleanupInProgress_ = v; }
+   /// @}
 
    // --- Operations, in slot order ------------------------------------------------------------------------------------
-   // Adds and updates throw Vexa::RangeException when no NAT id is free, or for a VRF id that a key can not hold.
 
    void vexaDoZombieReactors( bool zombie ) override;
+   /// @{
+   /// Puts the VLAN's profile into natProfileConfig(), or takes it out there.
    void setNatProfile( U16 vlanId, U16 profileId ) override;
    void clearNatProfile( U16 vlanId ) override;
+   /// @}
+   /// @{
+   /// Writes the rows of both directions (of a multicast rule: of one), or takes them out. An update replaces rows in
+   /// place and removes none. The responses of the rows write the status.
+   ///
+   /// Throws Vexa::RangeException when an add or update finds no NAT id free, and for a dynamic rule whose VRF id has
+   /// more than 24 bits. What was written by then stays until a delete with the same entry.
    void addStaticConnection( NatProgrammerStaticKey const & key,
                              NatProgrammerStaticEntry::PtrConst const & entry ) override;
    void updateStaticConnection( NatProgrammerStaticKey const & key,
@@ -134,17 +154,26 @@ class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
                                  NatProgrammerDynamicEntry::PtrConst const & entry ) override;
    void deleteDynamicConnection( NatProgrammerDynamicKey const & key,
                                  NatProgrammerDynamicEntry::PtrConst const & entry ) override;
+   /// @}
+   /// @{
+   /// Writes the trap rule as one access list into natTrapConfig(), or takes it out there.
    void addTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) override;
    void deleteTrap( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst const & entry ) override;
+   /// @}
+   /// Tells the multicast helper that the replay has ended, and gives back the NAT ids that it has not claimed.
    void replayReconcile() override;
 
-   // The rule by which ingress keys share a NAT id; a derived programmer may give another one.
+   /// @{
+   /// The rule by which ingress keys share a NAT id; a derived programmer may give another one.
    virtual NatMatchKey staticNatMatchKey( IngStaticNatTable::Key const & ingKey ) const;
    virtual NatMatchKey twiceNatMatchKey( IngTwiceNatTable::Key const & ingKey ) const;
+   /// @}
 
    // --- All at once --------------------------------------------------------------------------------------------------
 
+   /// Takes every configured rule out of the tables; the configuration stays. Range errors are traced, per rule.
    void deleteAllConnections();
+   /// Hands over every configured rule; per key the base programmer decides which operation to call.
    void addAllConnections();
 
    static Vexa::TypeData const & classType();
@@ -172,7 +201,8 @@ class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
    bool cleanupInProgress_ = false;
 };
 
-// Creates a programmer and switches its notifications on.
+/// @{
+/// Creates a programmer and switches its notifications on.
 NatSwTableProgrammerSm::Ptr NatSwTableProgrammerSmIs( NatProgrammerConfig::PtrConst const & natProgrammerConfig,
                                                       NatProgrammerStatus::Ptr const & natProgrammerStatus,
                                                       Ip::Nat::HwCapabilities::PtrConst const & hwCapabilities,
@@ -181,5 +211,6 @@ NatSwTableProgrammerSm::Ptr natSwTableProgrammerSmFactory( NatProgrammerConfig::
                                                            NatProgrammerStatus::Ptr const & natProgrammerStatus,
                                                            Ip::Nat::HwCapabilities::PtrConst const & hwCapabilities,
                                                            NatIdInfo::Ptr const & natIdInfo );
+/// @}
 
 }  // namespace Pfe
