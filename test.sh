@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Everything that must hold before a change lands: format and structure, both compilers without a warning, and all
-# tests under the sanitizers. Arguments go to ctest:  ./test.sh -R NatId
+# Everything that must hold before a change lands: format and structure, a complete API reference, both compilers without
+# a warning, and all tests under the sanitizers. Arguments go to ctest:  ./test.sh -R NatId
 set -euo pipefail
 
 source "$(dirname "${BASH_SOURCE[0]}")/tools/setup.sh"
@@ -11,6 +11,7 @@ tools/check-format.sh
 for check in tests/structure/[a-z]*.py; do
    python3 -B "$check" "$project_root"
 done
+tools/api-reference.sh
 
 build_preset asan
 build_preset release
