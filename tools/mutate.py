@@ -12,6 +12,8 @@ fault.
     tools/mutate.py --markdown               writes what it finds into the list in docs/testing.md
     tools/mutate.py --check                  only looks whether the texts to replace are there
 
+A fault may keep a test from ever ending: one that takes far longer than without the fault is stopped, and has seen it.
+
 Exit status 0: every fault was seen.
 """
 
@@ -19,9 +21,12 @@ import argparse
 import os
 import pathlib
 import re
+import resource
 import shutil
+import signal
 import subprocess
 import sys
+import threading
 
 from mutants import FAULTS
 
@@ -32,23 +37,24 @@ PAGE = SOURCE / "docs" / "testing.md"
 BEGIN, END = "<!-- written by tools/mutate.py --markdown -->", "<!-- end -->"
 SHOWN = 3  # tests that the page names per fault
 
-# A fault may make a test run for ever.
-MOST_SECONDS = 300
 SLOW = 2  # seconds
+LEAST_LIMIT, FIRST_LIMIT = 60, 1200  # seconds that any test may take; while it is not known how long it takes
+TIMES_AS_LONG = 3  # as without a fault
+MEMORY = 8 << 30  # bytes: a test that runs for ever may also fill the memory for ever
 
 
-def mutated(fault):
-    """The file with the fault in it. The old text must be there, once."""
-    text = (SOURCE / fault.file).read_text()
-    count = text.count(fault.old)
-    if count != 1:
-        raise ValueError(f"{fault.name}: the text to replace is {count} times in {fault.file}:\n{fault.old}")
-    return text.replace(fault.old, fault.new)
+def read(fault):
+    file = SOURCE / fault.file
+    return file.read_text() if file.exists() else ""
 
 
-def run(*command, seconds=3600, **options):
+def applies(fault):
+    return read(fault).count(fault.old) == 1
+
+
+def run(*command, **options):
     return subprocess.run([str(part) for part in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                          errors="replace", timeout=seconds, **options)
+                          errors="replace", **options)
 
 
 def copy_tree():
@@ -78,31 +84,64 @@ def configure():
         sys.exit(done.stdout)
 
 
-ENDED = re.compile(r"^\[ +(OK|FAILED) +\] ([\w./]+)(?:, where .*)? \((\d+) ms\)$", re.M)
+STARTED = re.compile(r"\[ RUN      \] ([\w./]+)")
+ENDED = re.compile(r"\[ +(OK|FAILED) +\] ([\w./]+)(?:, where .*)? \((\d+) ms\)")
 
 
-def seen_by(program, run_only="*", leave_out=()):
-    """The tests of one program that fail, in the order in which they ran, and the slow ones. What a test that stops the
-    program keeps from running is run after it."""
-    failed, slow, left_out = [], [], list(leave_out)
+class Run:
+    """One start of a test program: how its tests ended, and which one did not."""
+
+    def __init__(self, program, chosen, limits):
+        self.ended, self.started, self.timed_out = {}, [], False
+        self.process = subprocess.Popen(
+            [BUILD / "tests" / program, f"--gtest_filter={chosen}"], cwd=COPY, env=os.environ | {"RC_PARAMS": "noshrink=1"},
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace", start_new_session=True)
+        resource.prlimit(self.process.pid, resource.RLIMIT_AS, (MEMORY, MEMORY))
+        clock = self.clock(LEAST_LIMIT)
+        for line in self.process.stdout:
+            if starts := STARTED.match(line):
+                self.started.append(starts[1])
+                limit = max(LEAST_LIMIT, TIMES_AS_LONG * limits[starts[1]]) if starts[1] in limits else FIRST_LIMIT
+            elif ends := ENDED.match(line):
+                self.ended[ends[2]] = ends[1] == "OK", int(ends[3]) / 1000
+                limit = LEAST_LIMIT
+            else:
+                continue
+            clock.cancel()
+            clock = self.clock(limit)
+        clock.cancel()
+        self.status = self.process.wait()
+
+    def clock(self, seconds):
+        clock = threading.Timer(seconds, self.stop)
+        clock.daemon = True
+        clock.start()
+        return clock
+
+    def stop(self):
+        """Ends the program with whatever it has started."""
+        self.timed_out = True
+        os.killpg(self.process.pid, signal.SIGKILL)
+
+
+def seen_by(program, run_only="*", leave_out=(), limits={}):
+    """The tests of one program that fail, in the order in which they ran, and how long those took that ended. What a test
+    that stops the program keeps from running is run after it; not so after one that has to be stopped, as others may have
+    to be as well."""
+    failed, seconds, left_out = [], {}, list(leave_out)
     while True:
-        try:
-            done = run(BUILD / "tests" / program, f"--gtest_filter={run_only}-{':'.join(left_out)}", cwd=COPY, seconds=MOST_SECONDS,
-                       env=os.environ | {"RC_PARAMS": "noshrink=1"})
-            output, status = done.stdout, done.returncode
-        except subprocess.TimeoutExpired as late:
-            output, status = (late.stdout or b"").decode(errors="replace"), None
-        ended = ENDED.findall(output)
-        failed += [test for result, test, _ in ended if result == "FAILED"]
-        slow += [test for _, test, milliseconds in ended if int(milliseconds) > 1000 * SLOW]
-        if status in (0, 1):
-            return failed, slow
-        started = re.findall(r"^\[ RUN      \] ([\w./]+)$", output, re.M)
-        stopped = sorted(set(started) - {test for _, test, _ in ended})
+        run = Run(program, f"{run_only}-{':'.join(left_out)}", limits)
+        failed += [test for test, (passed, _) in run.ended.items() if not passed]
+        seconds |= {test: taken for test, (_, taken) in run.ended.items()}
+        stopped = [test for test in run.started if test not in run.ended]
+        if run.timed_out:
+            return failed + ["timed out: " + (stopped or [program])[0]], seconds
+        if run.status in (0, 1):
+            return failed, seconds
         failed += stopped or [f"{program} does not start"]
-        if status is None or not stopped or len(left_out) > 400:
-            return failed, slow  # it hung, and may do so again
-        left_out += started
+        if not stopped or len(left_out) > 400:
+            return failed, seconds
+        left_out += run.started
 
 
 def refused_by(said):
@@ -112,20 +151,21 @@ def refused_by(said):
     return [f"static_assert in {pathlib.Path(name).name}" for name in sorted(set(asserted))] if len(failed) == len(set(asserted)) else []
 
 
-def looked_at(fault, slow, arguments):
+def looked_at(fault, limits, arguments):
     """The tests that see the fault; None when it does not build."""
-    (COPY / fault.file).write_text(mutated(fault))
+    slow = [test for test, seconds in limits.items() if seconds > SLOW]
+    (COPY / fault.file).write_text(read(fault).replace(fault.old, fault.new))
     try:
         said = build(arguments.jobs)
         if said:
             if not refused_by(said):
                 print(said[-3000:])
             return refused_by(said) or None
-        tests, _ = seen_by("unit-tests", leave_out=slow)
+        tests, _ = seen_by("unit-tests", leave_out=slow, limits=limits)
         if slow and (arguments.all or not tests):
-            tests += seen_by("unit-tests", run_only=":".join(slow))[0]
+            tests += seen_by("unit-tests", run_only=":".join(slow), limits=limits)[0]
         if arguments.all or not tests:
-            tests += seen_by("model-tests")[0]
+            tests += seen_by("model-tests", limits=limits)[0]
         return tests
     finally:
         shutil.copyfile(SOURCE / fault.file, COPY / fault.file)
@@ -161,12 +201,12 @@ def main():
     arguments = parser.parse_args()
     present = PAGE.read_text() if arguments.missing else ""
     faults = [fault for fault in FAULTS if arguments.only in fault.name and start_of(fault) not in present]
-    try:
-        for fault in faults:
-            mutated(fault)
-    except ValueError as lost:
-        sys.exit(str(lost))
-    print(f"{len(faults)} faults, all texts found")
+    lost = [fault for fault in faults if not applies(fault)]
+    for fault in lost:
+        print(f"{fault.file}: {fault.name}: the text to replace is there {read(fault).count(fault.old)} times, not once:\n{fault.old}")
+    print(f"{len(faults)} faults, {len(lost)} of them no longer apply")
+    if lost:
+        sys.exit(1)
     if arguments.check:
         return
     os.nice(10)
@@ -175,12 +215,14 @@ def main():
     said = build(arguments.jobs)
     if said:
         sys.exit(said)
-    failed, slow = seen_by("unit-tests")
-    if failed:
-        sys.exit(f"tests fail without any fault: {named(failed)}")
+    failed, limits = seen_by("unit-tests")
+    failed_histories, limits_of_histories = seen_by("model-tests")
+    limits |= limits_of_histories
+    if failed + failed_histories:
+        sys.exit(f"tests fail without any fault: {named(failed + failed_histories)}")
     results = []
     for number, fault in enumerate(faults, 1):
-        tests = looked_at(fault, slow, arguments)
+        tests = looked_at(fault, limits, arguments)
         results.append((fault, tests))
         if arguments.markdown and tests is not None:
             write_page([(fault, tests)])
