@@ -64,6 +64,32 @@ def finish():
     sys.exit(1 if _faults or not _checks else 0)
 
 
+# --- Packets ----------------------------------------------------------------------------------------------------------
+
+OUT = ["--in", "vlan20", "--out", "ethernet1"]
+IN = ["--in", "ethernet1", "--out", "vlan20"]
+
+
+def explained(file, way, protocol, source, destination, *more, status=0):
+    return run_json("explain", file, *way, "--proto", protocol, "--src", source, "--dst", destination, *more, status=status)
+
+
+def steps(walk, step):
+    """Of one kind: packets without their interfaces and VRF."""
+    return [row["what"].split(" in ")[0] for row in walk if row["step"] == step]
+
+
+def rules(walk):
+    return [row.get("entry") for row in walk if row["step"] == "match"]
+
+
+def walks(name, told, rule, packet, reply):
+    """A packet of the rule leaves as the text, and its reply as the other."""
+    same(f"{name}: rule", (rules(told["packet"]), rules(told["reply"])), ([rule], [rule]))
+    same(f"{name}: what comes out", (steps(told["packet"], "leaves"), steps(told["reply"], "leaves")), ([packet], [reply]))
+    same(f"{name}: verdict", told["replyComesBack"], True)
+
+
 # --- Configurations ---------------------------------------------------------------------------------------------------
 
 

@@ -27,65 +27,33 @@ def without(whole, *names):
 
 # What the single entry of a file holds, the place below the entry that is refused, and the rest of the line.
 ENTRIES = [
-    ("index too large", entry(index=2**32), "/index", "4294967296 is out of range; allowed: a whole number from 0 to 4294967295"),
     ("index as text", entry(index="1"), "/index", '"1" is no number; allowed: a whole number from 0 to 4294967295'),
-    ("negative", entry(transport_protocol=-6), "/transport-protocol", "-6 is out of range; allowed: a whole number from 0 to 255"),
     ("fraction", entry(transport_protocol=6.5), "/transport-protocol", "6.5 is out of range; allowed: a whole number from 0 to 255"),
-    ("protocol", entry(transport_protocol=256), "/transport-protocol", "256 is out of range; allowed: a whole number from 0 to 255"),
-    ("null", entry(transport_protocol=None), "/transport-protocol", "null is no number; allowed: a whole number from 0 to 255"),
     ("type", entry(type="steady"), "/type", f'"steady" is no type of an entry; {TYPES}'),
-    ("explicit", entry(type="dynamic-explicit"), "/type", f'"dynamic-explicit" is no way in which a switch learns; {TYPES}'),
     ("half a flow", entry(type="dynamic-implicit"), "",
      "an object lacks a side of the flow; allowed: internal-src-address, external-src-address, internal-dst-address and "
      "external-dst-address together, the two of the side that stays as it is being equal"),
     ("dynamic on both sides", both(1, "dynamic-implicit", FLOW[0], "203.0.113.9:80 203.0.113.9:81", 6), "",
      "an object translates both sides; allowed: a dynamic entry that translates one side"),
-    ("dynamic on none", both(1, "dynamic-implicit", FLOW[1], FLOW[1], 6), "",
-     "an object translates nothing; allowed: a dynamic entry that translates one side"),
     ("port of an address", both(1, "dynamic-implicit", *FLOW) | {"pfe-nat:address-only": True}, "",
      "an object translates a port, but addresses only; allowed: equal ports, or none, with pfe-nat:address-only"),
-    ("VLAN of a dynamic entry", both(1, "dynamic-implicit", *FLOW) | {"pfe-nat:vlan": 7}, "/pfe-nat:vlan",
-     "7 is given, but the entry is dynamic; allowed: no pfe-nat:vlan in such an entry"),
     ("protocol of a twice entry", both(1, "static", "10.0.0.1 192.0.2.1", "10.0.0.2 192.0.2.2", 6), "/transport-protocol",
      "6 is given, but the entry is a twice one; allowed: no transport-protocol in such an entry"),
     ("full cone of a static entry", entry(pfe_nat__full_cone=True), "/pfe-nat:full-cone",
      "true is given, but the entry is static; allowed: no pfe-nat:full-cone in such an entry"),
-    ("lifetime", entry(lifetime=60), "/lifetime",
-     "60 is given, but a static entry lives as long as it is configured; allowed: no lifetime"),
     ("address", entry(local="10.0.0.256"), "/internal-src-address", f'"10.0.0.256/32" {HOST}'),
     ("no length", entry() | {"internal-src-address": "10.0.0.1"}, "/internal-src-address", f'"10.0.0.1" {HOST}'),
-    ("prefix", entry() | {"external-src-address": "192.0.2.0/24"}, "/external-src-address", f'"192.0.2.0/24" {HOST}'),
-    ("no host", entry(outside="0.0.0.0"), "/external-src-address", f'"0.0.0.0/32" {HOST}'),
-    ("IPv6", entry() | {"external-src-address": "2001:db8::1/128"}, "/external-src-address", f'"2001:db8::1/128" {HOST}'),
     ("port 0", entry(local_port=0, outside_port=80), "/internal-src-port/start-port-number", f"0 is out of range; {PORT}"),
-    ("port 65536", entry(local_port=80, outside_port=65536), "/external-src-port/start-port-number", f"65536 is out of range; {PORT}"),
     ("port range", entry(outside_port=80) | {"internal-src-port": {"start-port-number": 80, "end-port-number": 90}},
      "/internal-src-port",
      "an object from 80 to 90 is a range of ports; allowed: one port: no end-port-number, or one equal to start-port-number"),
-    ("port as number", entry() | {"internal-src-port": 80}, "/internal-src-port", "80 is no object; allowed: an object"),
     ("one port", entry(local_port=80), "",
      "an object lacks external-src-port; allowed: internal-src-port and external-src-port together, or neither to leave "
      "ports alone"),
-    ("one address", without(entry(), "internal-src-address"), "",
-     "an object lacks internal-src-address; allowed: internal-src-address and external-src-address together"),
-    ("no address", without(entry(), "internal-src-address", "external-src-address"), "",
-     f"an object translates nothing; allowed: {SIDES}"),
     ("both sides", both(1, "static", "10.0.0.1 192.0.2.1", "10.0.0.9 10.0.0.9"), "",
      f"an object gives both sides and does not translate both; allowed: {SIDES}"),
     ("interface", entry() | {"pfe-nat:interface": "eth1"}, "/pfe-nat:interface", f'"eth1" {INTERFACE}'),
-    ("interface number", entry() | {"pfe-nat:interface": "vlan4095"}, "/pfe-nat:interface", f'"vlan4095" {INTERFACE}'),
-    ("no interface", without(entry(), "pfe-nat:interface"), "",
-     '"pfe-nat:interface" is missing; allowed: an object that has it'),
-    ("VRF", entry(pfe_nat__vrf=0x01000000), "/pfe-nat:vrf", "16777216 is out of range; allowed: a whole number from 0 to 16777215"),
-    ("VLAN 0", entry(pfe_nat__vlan=0), "/pfe-nat:vlan", "0 is out of range; allowed: a whole number from 1 to 4094"),
-    ("VLAN 4095", entry(pfe_nat__vlan=4095), "/pfe-nat:vlan", "4095 is out of range; allowed: a whole number from 1 to 4094"),
-    ("qualifier", entry(pfe_nat__qualifier=65536), "/pfe-nat:qualifier", "65536 is out of range; allowed: a whole number from 0 to 65535"),
-    ("next hop", entry(pfe_nat__next_hop_id=0), "/pfe-nat:next-hop-id", "0 is out of range; allowed: a whole number from 1 to 4294967295"),
     ("access list", entry(pfe_nat__access_list=""), "/pfe-nat:access-list", '"" is no name; allowed: a text of 1 to 255 bytes'),
-    ("long name", entry(pfe_nat__access_list="x" * 256), "/pfe-nat:access-list",
-     '"' + "x" * 60 + '"... is no name; allowed: a text of 1 to 255 bytes'),
-    ("flag", entry(pfe_nat__filters_disabled=1), "/pfe-nat:filters-disabled", "1 is no boolean; allowed: true, false"),
-    ("filters", entry(pfe_nat__filter={}), "/pfe-nat:filter", "an object is no list; allowed: a list of objects"),
     ("filter", entry(pfe_nat__filter=[{"sequence": 1, "source-prefix": "10.0.0.1/8"}]), "/pfe-nat:filter/0/source-prefix",
      '"10.0.0.1/8" is no prefix; allowed: an IPv4 prefix without bits behind its length, such as "192.0.2.0/24"'),
     ("filter twice", entry(pfe_nat__filter=[{"sequence": 7}, {"sequence": 7}]), "/pfe-nat:filter/1",
@@ -115,24 +83,13 @@ FILES = [
     ("empty", "", ["line 1, column 1: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal"]),
     ("broken", '{\n  "ietf-nat:nat": {\n    "instances": ]\n', [
         "line 3, column 18: syntax error while parsing value - unexpected ']'; expected '[', '{', or a literal"]),
-    ("cut", '{"ietf-nat:nat": {"instances"', [
-        "line 1, column 30: syntax error while parsing object separator - unexpected end of input; expected ':'"]),
-    ("more behind", "{} {}", ["line 1, column 4: syntax error while parsing value - unexpected '{'; expected end of input"]),
     ("no UTF-8", b'{"\xff": 1}', [
         "line 1, column 3: syntax error while parsing object key - invalid string: ill-formed UTF-8 byte; last read: '\"?'; "
         "expected string literal"]),
     ("overflow", '{"a": 1e999}', ["line 1, column 11: number overflow parsing '1e999'"]),
     ("list", "[]", ["(root): a list is no object; allowed: an object"]),
-    ("other module", {"ietf-interfaces:interfaces": {}}, [
-        '/ietf-interfaces:interfaces: "ietf-interfaces:interfaces" is no known member; allowed: ietf-nat:nat, each at most once']),
     ("no instance", {"ietf-nat:nat": {"instances": {"instance": []}}}, [
         "/ietf-nat:nat/instances/instance: a list of 0 instances; allowed: one instance per file"]),
-    ("two instances", {"ietf-nat:nat": {"instances": {"instance": [{"id": 1}, {"id": 2}]}}}, [
-        "/ietf-nat:nat/instances/instance: a list of 2 instances; allowed: one instance per file"]),
-    ("no id", {"ietf-nat:nat": {"instances": {"instance": [{}]}}}, [
-        INSTANCE + ': "id" is missing; allowed: an object that has it']),
-    ("qualified twice", {"ietf-nat:nat": {"ietf-nat:instances": {}}}, [
-        '/ietf-nat:nat/ietf-nat:instances: "ietf-nat:instances" is no known member; allowed: instances, each at most once']),
     ("member twice", '{"ietf-nat:nat": {"instances": {"instance": [{"id": 1, "id": 2}]}}}', [
         INSTANCE + '/id: "id" is given twice; allowed: id, name, enable, mapping-table, pfe-nat:fragmentation, '
         "pfe-nat:vrf-less, pfe-nat:full-cone-capability, pfe-nat:l4-detection, pfe-nat:vlan-profile, pfe-nat:trap, "
@@ -145,12 +102,8 @@ FILES = [
     ("ports of a trap", instance(pfe_nat__trap=[TRAP | {"filter": [{"sequence": 1, "source-port-range": [{"first": 2, "last": 1}]}]}]), [
         INSTANCE + "/pfe-nat:trap/0/filter/0/source-port-range/0: an object ends before it begins; allowed: a last port that is "
         "not less than the first"]),
-    ("group twice", instance(pfe_nat__multicast_group=[group(), group()]), [
-        INSTANCE + "/pfe-nat:multicast-group/1: an object has the name of another group; allowed: a name of its own"]),
     ("replication twice", instance(pfe_nat__multicast_group=[group(ONE_COPY, ONE_COPY)]), [
         GROUP + "/replication/1: an object has the number 1 of another replication; allowed: a number of its own"]),
-    ("replication", instance(entry(pfe_nat__multicast_group="g"), pfe_nat__multicast_group=[group(ONE_COPY | {"number": 65536})]), [
-        GROUP + "/replication/0/number: 65536 is out of range; allowed: a whole number from 0 to 65535"]),
     ("other group", instance(
         entry(local="239.0.0.1", outside="239.0.0.2", side="dst", pfe_nat__multicast_group="h"),
         pfe_nat__multicast_group=[group(ONE_COPY)]), [
@@ -163,9 +116,6 @@ FILES = [
     ("rows twice", instance(entry(4), entry(5)), [
         ENTRY[:-1] + "1: an object derives the rows of entry 4; allowed: one entry per interface, VRF, protocol and pair of "
         "addresses and ports, whichever side is written"]),
-    ("rows twice by the other side", instance(entry(4), entry(5, local="192.0.2.1", outside="10.0.0.1", side="dst")), [
-        ENTRY[:-1] + "1: an object derives the rows of entry 4; allowed: one entry per interface, VRF, protocol and pair of "
-        "addresses and ports, whichever side is written"]),
     ("key twice", instance(entry(4, transport_protocol=6), entry(5, transport_protocol=17)), [
         ENTRY[:-1] + "1: an object has the interface, access list, internal address and internal port of entry 4; allowed: "
         "one entry for each of them; the protocol does not tell entries apart"]),
@@ -175,13 +125,6 @@ FILES = [
     ("address twice", instance(*({**both(i, "dynamic-implicit", "10.0.0.1 192.0.2.1", f"203.0.113.{i} 203.0.113.{i}", 6), "pfe-nat:address-only": True}
                                  for i in (4, 5))), [
         ENTRY[:-1] + "1: an object derives the rows of entry 4; allowed: one entry per VRF, qualifier and address"]),
-    ("dynamic key twice", instance(both(4, "dynamic-implicit", *FLOW),
-                                   both(5, "dynamic-implicit", *FLOW) | {"pfe-nat:vrf": 3}), [
-        ENTRY[:-1] + "1: an object has the interface, protocol, source and internal destination of entry 4; allowed: one entry "
-        "for each of them"]),
-    ("twice rows twice", instance(*(both(i, "static", "10.0.0.1 192.0.2.1", "10.0.0.2 192.0.2.2") for i in (4, 5))), [
-        ENTRY[:-1] + "1: an object derives the rows of entry 4; allowed: one entry per interface, VRF and pairs of addresses "
-        "and ports"]),
     ("two faults", instance(entry(1, pfe_nat__vlan=0), entry(2, transport_protocol=999)), [
         ENTRY + "/pfe-nat:vlan: 0 is out of range; allowed: a whole number from 1 to 4094",
         ENTRY[:-1] + "1/transport-protocol: 999 is out of range; allowed: a whole number from 0 to 255"]),

@@ -10,25 +10,19 @@ PAIR = "an IPv4 address, such as 192.0.2.1, or one with a port from 1 to 65535, 
 OPTIONS = [
     (["--format", "xml"], "--format: xml not in {text,json}; see  nat-agent --help"),
     (["--fail", "0"], "--fail: Value 0 not in range 1 to 1000000000; see  nat-agent --help"),
-    (["--fail", "often"], "--fail: Value often not in range 1 to 1000000000; see  nat-agent --help"),
     (["--delay", "1000001"], "--delay: Value 1000001 not in range 0 to 1000000; see  nat-agent --help"),
-    (["--trace", "10"], "--trace: Value 10 not in range 0 to 9; see  nat-agent --help"),
-    (["--ring", "2049"], "--ring: Value 2049 not in range 0 to 2048; see  nat-agent --help"),
     (["--stats"], "The following argument was not expected: --stats; see  nat-agent --help"),
 ]
 
 # Packet options in the place of the good ones (None: left out), and the line that refuses them.
 PACKETS = [
     ({"--in": "eth0"}, f'--in: "eth0"; allowed: {INTERFACE}; see  nat-agent explain --help'),
-    ({"--out": ""}, f'--out: ""; allowed: {INTERFACE}; see  nat-agent explain --help'),
     ({"--in": None, "--out": None}, "--in, --out: neither is given; allowed: at least one, since rows apply by interface"),
     ({"--vrf": "16777216"}, "--vrf: Value 16777216 not in range 0 to 16777215; see  nat-agent explain --help"),
     ({"--proto": "any"}, '--proto: "any"; allowed: tcp, udp, icmp, gre, esp, sctp, or a number from 0 to 255; '
                          "see  nat-agent explain --help"),
     ({"--proto": None}, "--proto is required; see  nat-agent explain --help"),
     ({"--src": "10.0.0.1:0"}, f'--src: "10.0.0.1:0"; allowed: {PAIR}; see  nat-agent explain --help'),
-    ({"--src": "10.0.0.1:65536"}, f'--src: "10.0.0.1:65536"; allowed: {PAIR}; see  nat-agent explain --help'),
-    ({"--dst": "10.0.0"}, f'--dst: "10.0.0"; allowed: {PAIR}; see  nat-agent explain --help'),
     ({"--dst": "10.0.0.1"}, "--dst: 10.0.0.1; allowed: with a port, as every packet of this protocol has one"),
     ({"--fragment": "last"}, '--fragment: "last"; allowed: first, later; see  nat-agent explain --help'),
     ({"--fragment": "later"}, "--src: 10.0.0.1:80; allowed: no port, since later fragments show none"),

@@ -1,20 +1,15 @@
 """The mixed example: rules of every kind are programmed, keep their NAT ids, and a packet of every unicast rule, its later
 fragments and their answers walk through the tables and back."""
 
-from _agent import SOURCE, both, finish, instance, run, run_json, same, write
+from _agent import IN, OUT, SOURCE, both, explained, finish, instance, rules, run_json, same, steps, walks, write
 
 MIXED = SOURCE / "examples" / "mixed.json"
-OUT = ["--in", "vlan20", "--out", "ethernet1"]
-IN = ["--in", "ethernet1", "--out", "vlan20"]
 
 # Entry, table, the way of a packet that it applies to, the packet, and what comes out.
 WAYS = [
     (1, "ingStaticNatTable", OUT, "tcp", "10.20.0.10:8443", "203.0.113.9:5000", "198.51.100.7:443", "203.0.113.9:5000"),
     (2, "ingTwiceNatTable", OUT, "tcp", "10.20.0.30:1521", "10.99.0.5:1521", "198.51.100.30:1521", "172.16.0.5:1521"),
-    (2, "ingTwiceNatTable", IN, "tcp", "172.16.0.5:1521", "198.51.100.30:1521", "10.99.0.5:1521", "10.20.0.30:1521"),
-    (3, "ingTwiceNatTable", OUT, "udp", "10.20.0.31:9", "10.99.0.6:10", "198.51.100.31:9", "172.16.0.6:10"),
     (4, "ingDynamicSnaptTable", OUT, "tcp", "10.20.0.50:40000", "203.0.113.9:443", "198.51.100.9:61000", "203.0.113.9:443"),
-    (5, "ingDynamicSnaptTable", OUT, "tcp", "10.20.0.51:40000", "203.0.113.9:443", "198.51.100.9:61001", "203.0.113.9:443"),
     (6, "ingDynamicDnaptTable", IN, "udp", "203.0.113.77:52000", "198.51.100.9:53", "203.0.113.77:52000", "10.20.0.53:5353"),
     (7, "ingDynamicSnaptTable", OUT, "icmp", "10.20.0.60:77", "203.0.113.9", "198.51.100.9:78", "203.0.113.9"),
     (8, "ingDynamicSnatAddrOnlyTable", OUT, "tcp", "10.20.0.70:1", "203.0.113.99:2", "198.51.100.70:1", "203.0.113.99:2"),
@@ -24,40 +19,28 @@ WAYS = [
 # Later fragments whose way back is certain: of one inside host behind the public address alone.
 FRAGMENTS = [
     (OUT, "tcp", "10.20.0.30", "10.99.0.5", "198.51.100.30", "172.16.0.5"),
-    (OUT, "udp", "10.20.0.31", "10.99.0.6", "198.51.100.31", "172.16.0.6"),
     (IN, "udp", "203.0.113.77", "198.51.100.9", "203.0.113.77", "10.20.0.53"),
     (OUT, "tcp", "10.20.0.70", "203.0.113.20", "198.51.100.70", "203.0.113.20"),
     (OUT, "udp", "10.20.0.80", "203.0.113.21", "198.51.100.9", "203.0.113.21"),
 ]
 
 
-def flow(walk):
-    return [row["what"].split(" in ")[0] for row in walk if row["step"] == "leaves"]
-
-
-def explained(file, way, protocol, source, destination, *more, status=0):
-    return run_json("explain", file, *way, "--proto", protocol, "--src", source, "--dst", destination, *more, status=status)
-
-
 def check_ways():
     for entry, table, way, protocol, source, destination, out_source, out_destination in WAYS:
         name = f"entry {entry}, {protocol} {source} -> {destination}"
         told = explained(MIXED, way, protocol, source, destination)
-        matches = [(row["table"], row.get("entry")) for row in told["packet"] if row["step"] == "match"]
-        same(f"{name}: row", matches, [(table, entry)])
-        same(f"{name}: what comes out", flow(told["packet"]), [f"{protocol} {out_source} -> {out_destination}"])
-        same(f"{name}: the reply", flow(told["reply"]), [f"{protocol} {destination} -> {source}"])
-        same(f"{name}: verdict", told["replyComesBack"], True)
+        walks(name, told, entry, f"{protocol} {out_source} -> {out_destination}", f"{protocol} {destination} -> {source}")
+        same(f"{name}: row", [row["table"] for row in told["packet"] if row["step"] == "match"], [table])
     for way, protocol, source, destination, out_source, out_destination in FRAGMENTS:
         name = f"later fragment {protocol} {source} -> {destination}"
         told = explained(MIXED, way, protocol, source, destination, "--fragment", "later")
-        same(f"{name}: what comes out", flow(told["packet"]), [f"{protocol} {out_source} -> {out_destination} later fragment"])
+        same(f"{name}: what comes out", steps(told["packet"], "leaves"), [f"{protocol} {out_source} -> {out_destination} later fragment"])
         same(f"{name}: verdict", told["replyComesBack"], True)
     told = explained(MIXED, OUT, "udp", "10.20.0.90:5", "239.1.1.1:6")
-    same("twice multicast", flow(told["packet"]),
+    same("twice multicast", steps(told["packet"], "leaves"),
          ["udp 198.51.100.90:5 -> 239.20.1.1:6", "udp 198.51.100.91:5 -> 239.20.1.1:6"])
     told = explained(MIXED, ["--in", "vlan20", "--out", "ethernet2"], "tcp", "10.20.0.50:40000", "203.0.113.9:443")
-    same("an interface without dynamic rules", flow(told["packet"]), ["as it is: no row matches"])
+    same("an interface without dynamic rules", steps(told["packet"], "leaves"), ["as it is: no row matches"])
 
 
 def check_order():
@@ -72,7 +55,7 @@ def check_order():
     file = write("order.json", instance(*entries))
     for port, vrf, rule in ((1, 0, 1), (1, 3, 2), (5, 0, 3), (6, 0, 4), (5, 3, 2), (5, 4, None)):
         told = explained(file, OUT, "tcp", f"10.0.0.1:{port}", "203.0.113.9:80", "--vrf", vrf)
-        same(f"port {port}, VRF {vrf}", [row["entry"] for row in told["packet"] if row["step"] == "match"], [rule] if rule else [])
+        same(f"port {port}, VRF {vrf}", rules(told["packet"]), [rule] if rule else [])
     file = write("less.json", instance(wide | {"pfe-nat:vrf": 8}, pfe_nat__vrf_less=True))
     told = explained(file, OUT, "tcp", "10.0.0.1:5", "203.0.113.9:80", "--vrf", 5)
     same("whatever the VRF", told["replyComesBack"], True)
@@ -84,10 +67,6 @@ def check_programming():
     same("NAT ids after a restart", second["natIds"], first["natIds"])
     same("kinds", [c["kind"] for c in first["connections"]],
          ["static", "twice", "twice", "dynamic", "dynamic", "dynamic", "dynamic", "address-only", "full-cone", "twice"])
-    same("a twice rule", {k: first["connections"][1][k] for k in ("local", "global", "peer")},
-         {"local": "10.20.0.30:1521", "global": "198.51.100.30:1521", "peer": "10.99.0.5:1521 -> 172.16.0.5:1521"})
-    same("a destination", {k: first["connections"][5][k] for k in ("target", "local", "global", "peer")},
-         {"target": "destination", "local": "10.20.0.53:5353", "global": "198.51.100.9:53", "peer": "203.0.113.77:52000"})
     same("trap rules", [(rule["acl"], rule["sequence"], rule["trap"]) for rule in first["traps"]],
          [("inside hosts pool 1 rule 4", 12, "no"), ("inside hosts pool 1 rule 4", 22, "yes")])
     same("profiles", first["profiles"], [{"vlan": 20, "profile": 2}])
@@ -105,8 +84,6 @@ def check_failures():
          ["source row failed, destination row failed", *["forward row failed, reverse row failed"] * 2,
           *["source row failed, destination row failed"] * 2, "destination row failed, source row failed",
           *["source row failed, destination row failed"] * 3])
-    status, out, err = run(MIXED)
-    same("at most as wide as a screen", max(map(len, out.splitlines()[1:])) <= 170, True)
 
 
 def main():
