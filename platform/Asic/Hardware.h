@@ -80,6 +80,7 @@ class Hardware : public Orla::Entity {
    EntryState outcomeOf( Operation const & operation ) const;
    HardwarePolicy::Request requestOf( Operation const & operation ) const;
    std::optional< Position > nextReady() const;
+   std::optional< Position > nextReadyOf( HardwarePolicy & policy ) const;
    bool maySettle( Position position ) const;
    void tryRefusedRemovalsAgain();
    // Ends the row's refusal and returns the version whose removal was refused, for the caller to let go; null when

@@ -26,16 +26,16 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
    ~SwTable() override { clear(); }
 
    // Inserts or replaces in place; the row stays until entryRemove. Returns its handle.
-   EntryHandle::PtrConst entryCommit( Key const & key, Entry entry ) {
+   template< class Given = Entry > EntryHandle::PtrConst entryCommit( Key const & key, Given && entry ) {
       auto & row = rowOf( key );
       row.committed = true;
-      return written( row, std::move( entry ) );
+      return written( row, std::forward< Given >( entry ) );
    }
 
    // Inserts or replaces in place; a row that is not committed stays as long as somebody holds its handle. The handle
    // of an existing row is the same one again.
-   EntryHandle::PtrConst entryRef( Key const & key, Entry entry ) {
-      return written( rowOf( key ), std::move( entry ) );
+   template< class Given = Entry > EntryHandle::PtrConst entryRef( Key const & key, Given && entry ) {
+      return written( rowOf( key ), std::forward< Given >( entry ) );
    }
 
    // Takes the key out of look-ups at once; the removal settles later. An absent key: nothing, and nobody is called.
@@ -93,7 +93,7 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
 
  private:
    struct TypedVersion final : Version, Vexa::Pooled< TypedVersion > {
-      explicit TypedVersion( Entry && e ) : entry( std::move( e ) ) {}
+      template< class Given > explicit TypedVersion( Given && e ) : entry( std::forward< Given >( e ) ) {}
       Entry entry;
    };
 
@@ -118,9 +118,9 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
       return *rows_.findOrInsert( key, [ & ] { return new TypedRow( *this, key ); } ).first;
    }
 
-   EntryHandle::PtrConst written( TypedRow & row, Entry && entry ) {
+   template< class Given > EntryHandle::PtrConst written( TypedRow & row, Given && entry ) {
       EntryHandle::PtrConst handle( &row );
-      write( row, new TypedVersion( std::move( entry ) ) );
+      write( row, new TypedVersion( std::forward< Given >( entry ) ) );
       return handle;
    }
 

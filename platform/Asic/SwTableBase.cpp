@@ -165,20 +165,22 @@ std::optional< Hardware::Position > Hardware::nextReady() const {
    if ( queue_.empty() ) {
       return std::nullopt;
    }
-   auto const isReady = [ & ]( Operation const & operation ) {
-      return !policy_ || policy_->isReady( requestOf( operation ) );
-   };
-   if ( !policy_ || !policy_->reorders() ) {
-      return isReady( queue_[ queue_.first() ] ) ? std::optional( queue_.first() ) : std::nullopt;
+   return policy_ ? nextReadyOf( *policy_ ) : queue_.first();
+}
+
+std::optional< Hardware::Position > Hardware::nextReadyOf( HardwarePolicy & policy ) const {
+   if ( !policy.reorders() ) {
+      bool const isReady = policy.isReady( requestOf( queue_[ queue_.first() ] ) );
+      return isReady ? std::optional( queue_.first() ) : std::nullopt;
    }
    std::vector< Position > eligible;
    queue_.forEachUntil( [ & ]( Position position, Operation const & operation ) {
-      if ( isReady( operation ) && maySettle( position ) ) {
+      if ( policy.isReady( requestOf( operation ) ) && maySettle( position ) ) {
          eligible.push_back( position );
       }
       return true;
    } );
-   return eligible.empty() ? std::nullopt : std::optional( eligible.at( policy_->choose( eligible.size() ) ) );
+   return eligible.empty() ? std::nullopt : std::optional( eligible.at( policy.choose( eligible.size() ) ) );
 }
 
 EntryState Hardware::outcomeOf( Operation const & operation ) const {
