@@ -4,7 +4,6 @@
 #include <Vexa/Types.h>
 
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -77,7 +76,8 @@ class JsonDocument {
       U32 place_ = 0;
    };
 
-   // `file` only names the text in messages. Throws UnusableInput with line and column when the text is no JSON.
+   // `file` only names the text in messages; the text must outlive the document. Throws UnusableInput with line and
+   // column when the text is no JSON.
    JsonDocument( std::string file, std::string_view text );
    JsonDocument( JsonDocument const & ) = delete;
    JsonDocument & operator=( JsonDocument const & ) = delete;
@@ -86,12 +86,17 @@ class JsonDocument {
 
  private:
    class Builder;
+   class Reader;
+   class ExplainingReader;
 
-   std::string_view textAt( U32 at, U32 length ) const { return { texts_.get() + at, length }; }
+   std::string_view textAt( U32 at, U32 length ) const {
+      return { at < text_.size() ? text_.data() + at : copies_.data() + ( at - text_.size() ), length };
+   }
 
    std::string file_;
+   std::string_view text_;
    std::vector< Node > nodes_;
-   std::unique_ptr< char[] > texts_;
+   std::string copies_;  // of texts that mean something else than they are written as; their places are behind text_
 };
 
 }  // namespace Agent

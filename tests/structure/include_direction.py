@@ -21,6 +21,8 @@ STANDARD = set(
     """.split()
 )
 FLAT_CONTAINERS = re.compile(r"boost/(unordered|container_hash)/")
+# The benchmarks' floor is written with the same bare containers that the framework uses.
+BOOST = {"platform": FLAT_CONTAINERS, "bench": FLAT_CONTAINERS, "agent": re.compile(r"boost/json/")}
 TEST_LIBRARIES = re.compile(r"(gtest|gmock|rapidcheck|benchmark)(/|\.h)")
 
 # A layer may include itself and these.
@@ -62,10 +64,9 @@ def fault_outside(includer, name):
     """What is wrong with `includer` naming the foreign header `name`, or None."""
     layer = includer.parts[0]
     if name.startswith("boost/"):
-        # The benchmarks' floor is written with the same bare containers that the framework uses.
-        if layer in ("platform", "bench") and FLAT_CONTAINERS.match(name):
+        if layer in BOOST and BOOST[layer].match(name):
             return None
-        return "of Boost only the flat containers are used, and only in platform/ and bench/"
+        return "of Boost only the flat containers are used, in platform/ and bench/, and JSON, in agent/"
     if layer in ("platform", "PfeNat") and name not in STANDARD:
         return f"neither found in the project nor a header of the standard library, which is all that {layer}/ may use"
     if layer == "agent" and TEST_LIBRARIES.match(name):

@@ -87,6 +87,8 @@ FILES = [
         "line 1, column 3: syntax error while parsing object key - invalid string: ill-formed UTF-8 byte; last read: '\"?'; "
         "expected string literal"]),
     ("overflow", '{"a": 1e999}', ["line 1, column 11: number overflow parsing '1e999'"]),
+    ("escapes", '{"ietf-nat:n\\u0061t": {"instances": "caf\\u00e9\\u20ac\\ud83d\\ude00\\t\\/ and on"}}', [
+        '/ietf-nat:nat/instances: "caf\u00e9\u20ac\U0001f600\\t/ and on" is no object; allowed: an object']),
     ("list", "[]", ["(root): a list is no object; allowed: an object"]),
     ("no instance", {"ietf-nat:nat": {"instances": {"instance": []}}}, [
         "/ietf-nat:nat/instances/instance: a list of 0 instances; allowed: one instance per file"]),
