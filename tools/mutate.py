@@ -18,6 +18,8 @@ Exit status 0: every fault was seen.
 """
 
 import argparse
+import contextlib
+import functools
 import os
 import pathlib
 import re
@@ -31,8 +33,8 @@ import threading
 from mutants import FAULTS
 
 SOURCE = pathlib.Path(__file__).resolve().parents[1]
-SCRATCH = SOURCE / "build" / "mutate"
-COPY, BUILD = SCRATCH / "source", SCRATCH / "build"
+COPY = SOURCE / "build" / "mutate"
+BUILD = COPY / "build" / "mutate"  # as deep as a preset's, so that ccache takes its objects for these
 PAGE = SOURCE / "docs" / "testing.md"
 BEGIN, END = "<!-- written by tools/mutate.py --markdown -->", "<!-- end -->"
 SHOWN = 3  # tests that the page names per fault
@@ -67,13 +69,13 @@ def copy_tree():
             there.parent.mkdir(parents=True, exist_ok=True)
             shutil.copyfile(SOURCE / name, there)
     for there in COPY.rglob("*"):
-        if there.is_file() and str(there.relative_to(COPY)) not in wanted:
+        if there.is_file() and BUILD not in there.parents and str(there.relative_to(COPY)) not in wanted:
             there.unlink()
 
 
-def build(jobs):
+def build(program):
     """Empty, or what the compiler says."""
-    built = run("ninja", "-C", BUILD, f"-j{jobs}", "unit-tests", "model-tests")
+    built = run("ninja", "-C", BUILD, f"-j{arguments.jobs}", program)
     return built.stdout if built.returncode else ""
 
 
@@ -147,28 +149,49 @@ def seen_by(program, run_only="*", leave_out=(), limits={}):
 def refused_by(said):
     """The tests that do not compile with the fault, which is seeing it as well; none when other code does not."""
     failed = re.findall(r"^FAILED: (\S+)", said, re.M)
-    asserted = re.findall(r"^\S*/source/(tests/\S+?):\d+.* static assertion failed", said, re.M)
+    asserted = re.findall(r"^\S*/(tests/\S+?):\d+.* static assertion failed", said, re.M)
     return [f"static_assert in {pathlib.Path(name).name}" for name in sorted(set(asserted))] if len(failed) == len(set(asserted)) else []
 
 
-def looked_at(fault, limits, arguments):
-    """The tests that see the fault; None when it does not build."""
-    slow = [test for test, seconds in limits.items() if seconds > SLOW]
+@functools.cache
+def seconds_of(program):
+    """How long the tests of a program take without any fault; they have to pass."""
+    said = build(program)
+    if said:
+        sys.exit(said)
+    failed, seconds = seen_by(program)
+    if failed:
+        sys.exit(f"tests fail without any fault: {named(failed)}")
+    return seconds
+
+
+@contextlib.contextmanager
+def put_in(fault):
     (COPY / fault.file).write_text(read(fault).replace(fault.old, fault.new))
     try:
-        said = build(arguments.jobs)
-        if said:
-            if not refused_by(said):
-                print(said[-3000:])
-            return refused_by(said) or None
-        tests, _ = seen_by("unit-tests", leave_out=slow, limits=limits)
-        if slow and (arguments.all or not tests):
-            tests += seen_by("unit-tests", run_only=":".join(slow), limits=limits)[0]
-        if arguments.all or not tests:
-            tests += seen_by("model-tests", limits=limits)[0]
-        return tests
+        yield
     finally:
         shutil.copyfile(SOURCE / fault.file, COPY / fault.file)
+
+
+def looked_at(fault):
+    """The tests that see the fault; None when it does not build."""
+    tests = []
+    for program in "unit-tests", "model-tests":
+        limits = seconds_of(program)
+        slow = [test for test, seconds in limits.items() if seconds > SLOW]
+        with put_in(fault):
+            said = build(program)
+            if said:
+                if not refused_by(said):
+                    print(said[-3000:])
+                return refused_by(said) or None
+            tests += seen_by(program, leave_out=slow, limits=limits)[0]
+            if slow and (arguments.all or not tests):
+                tests += seen_by(program, run_only=":".join(slow), limits=limits)[0]
+        if tests and not arguments.all:
+            break
+    return tests
 
 
 def named(tests):
@@ -190,7 +213,7 @@ def start_of(fault):
     return f"| `{pathlib.Path(fault.file).name}` | {fault.name} "
 
 
-def main():
+def read_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--only", default="", help="faults whose names contain this text")
     parser.add_argument("--missing", action="store_true", help="faults that the list in docs/testing.md lacks")
@@ -198,7 +221,10 @@ def main():
     parser.add_argument("--markdown", action="store_true", help="write what is found into the list in docs/testing.md")
     parser.add_argument("--check", action="store_true", help="only look whether the texts to replace are there")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
-    arguments = parser.parse_args()
+    return parser.parse_args()
+
+
+def main():
     present = PAGE.read_text() if arguments.missing else ""
     faults = [fault for fault in FAULTS if arguments.only in fault.name and start_of(fault) not in present]
     lost = [fault for fault in faults if not applies(fault)]
@@ -212,17 +238,9 @@ def main():
     os.nice(10)
     copy_tree()
     configure()
-    said = build(arguments.jobs)
-    if said:
-        sys.exit(said)
-    failed, limits = seen_by("unit-tests")
-    failed_histories, limits_of_histories = seen_by("model-tests")
-    limits |= limits_of_histories
-    if failed + failed_histories:
-        sys.exit(f"tests fail without any fault: {named(failed + failed_histories)}")
     results = []
     for number, fault in enumerate(faults, 1):
-        tests = looked_at(fault, limits, arguments)
+        tests = looked_at(fault)
         results.append((fault, tests))
         if arguments.markdown and tests is not None:
             write_page([(fault, tests)])
@@ -234,4 +252,5 @@ def main():
     sys.exit(1 if unbuilt or unseen else 0)
 
 
+arguments = read_arguments()
 main()
