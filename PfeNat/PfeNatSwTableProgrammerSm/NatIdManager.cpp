@@ -63,7 +63,6 @@ NatId NatIdManager::allocateNatId( IngNatTableKey const & ingKey, NatMatchKey co
       TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " newly assigned to natId: ", natId );
    }
 
-   std::size_t refCount = 0;
    matchKeyToIngKeySet_.change( matchKey, [ & ]( IngKeySet & ingKeySet ) {
       if ( isNew ) {
          ingKeySet.entryDelAll();
@@ -74,9 +73,8 @@ NatId NatIdManager::allocateNatId( IngNatTableKey const & ingKey, NatMatchKey co
                 " Rebuilding natId->IngKey map for restart" );
       }
       ingKeySet.entryIs( ingKey );
-      refCount = ingKeySet.entrys();
+      TRACE( traceHandle(), 8, "matchKey ", matchKey, ", natId: ", natId, ", new refCount: ", ingKeySet.entrys() );
    } );
-   TRACE( traceHandle(), 8, "matchKey ", matchKey, ", natId: ", natId, ", new refCount: ", refCount );
    return natId;
 }
 

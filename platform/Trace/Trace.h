@@ -27,8 +27,9 @@ class Handle {
 
    std::string_view name() const { return name_; }
 
-   // Writes the parts with nothing between or after them.
-   template< class... Parts > void line( U8 level, Parts const &... parts ) const {
+   // Writes the parts with nothing between or after them. Kept out of the functions that trace, whose frames would all
+   // hold a stream.
+   template< class... Parts > [[gnu::noinline, gnu::cold]] void line( U8 level, Parts const &... parts ) const {
       std::ostringstream out;
       ( Vexa::write( out, parts ), ... );
       deliver( level, std::move( out ).str() );
