@@ -234,7 +234,7 @@ int programAndServe( Options options ) {
    };
    program( options, follower, [ & ]( Host & host, Report & report ) {
       server.emplace( options.state );
-      reportHeading( report, host );
+      reportHeading( report, host.configuration() );
       reportSummary( report, host );
       if ( follower ) {
          report.line( follower->summary( host ) );

@@ -115,15 +115,10 @@ ConnectionState stateOf( Connection const & connection, Host const & host, IdOfR
    return state;
 }
 
-void addNumber( Table & table, U64 number ) {
-   Vexa::append( table.cell(), number );
-   table.endCell();
-}
-
 // Of the entry, or of the line that it was learned from.
 void addNumberOf( Table & table, Connection const & connection ) {
-   connection.index ? addNumber( table, *connection.index ) : table.cell( "" );
-   connection.line == 0 ? table.cell( "" ) : addNumber( table, connection.line );
+   connection.index ? table.number( *connection.index ) : table.cell( "" );
+   connection.line == 0 ? table.cell( "" ) : table.number( connection.line );
 }
 
 }  // namespace
@@ -180,7 +175,7 @@ void reportNatIds( Report & report, Host const & host ) {
    std::ranges::sort( held );
    Table table( { { "natId", Kind::number }, { "holder" } } );
    for ( auto const & [ id, holder ] : held ) {
-      addNumber( table, id.value() );
+      table.number( id.value() );
       table.cell( holder );
    }
    report.line( "" );
@@ -223,7 +218,7 @@ void reportTraps( Report & report, Host const & host ) {
       for ( auto const & [ sequence, rule ] : acl->ruleBySequence() ) {
          table.cell( std::string( key.aclName.text() ) + " pool " + std::to_string( key.poolId ) + " rule " +
                      std::to_string( key.ruleId ) );
-         addNumber( table, sequence );
+         table.number( sequence );
          table.cell( rule.trap != 0 ? "yes" : "no" );
          table.cell( rule.vrfId == 0 ? "" : std::to_string( rule.vrfId ) );
          table.cell( prefixText( rule.source ) );
@@ -246,8 +241,8 @@ void reportProfiles( Report & report, Host const & host ) {
    }
    Table table( { { "vlan", Kind::number }, { "profile", Kind::number } } );
    for ( auto const & [ vlan, profile ] : profiles ) {
-      addNumber( table, vlan );
-      addNumber( table, profile );
+      table.number( vlan );
+      table.number( profile );
    }
    if ( table.rowCount() != 0 ) {
       report.line( "" );
@@ -311,10 +306,6 @@ Table rowsOf( NatTables const & tables, bool onlyFailed ) {
    return result;
 }
 
-std::string counted( std::size_t count, std::string_view what ) {
-   return std::to_string( count ) + " " + std::string( what ) + ( count == 1 ? "" : "s" );
-}
-
 std::string shareOf( std::size_t part, std::size_t all ) { return part == all ? "all" : std::to_string( part ); }
 
 }  // namespace
@@ -366,20 +357,22 @@ void reportSummary( Report & report, Host const & host ) {
       "; " + counted( host.turns(), "turn" ) );
 }
 
-void reportHeading( Report & report, Host const & host ) {
-   auto const & configuration = host.configuration();
+void reportHeading( Report & report, Configuration const & configuration, std::string_view mode ) {
    report.fact( "file", configuration.file );
+   if ( !mode.empty() ) {
+      report.fact( "mode", mode );
+   }
    report.fact( "instance", { { "id", configuration.instanceId },
                               { "name", configuration.instanceName },
                               { "fragmentation", configuration.settings.fragmentation } } );
-   report.line(
-      configuration.file + ", instance " + std::to_string( configuration.instanceId ) +
-      ( configuration.instanceName.empty() ? "" : " " + Vexa::stringOf( Orla::String( configuration.instanceName ) ) ) +
-      "\n" );
+   auto const & name = configuration.instanceName;
+   report.line( configuration.file + ", instance " + std::to_string( configuration.instanceId ) +
+                ( name.empty() ? "" : " " + Vexa::stringOf( Orla::String( name ) ) ) +
+                ( mode.empty() ? "" : ", " + std::string( mode ) + " mode" ) + "\n" );
 }
 
 void reportProgramming( Report & report, Host const & host, Sections const & sections ) {
-   reportHeading( report, host );
+   reportHeading( report, host.configuration() );
    reportConnections( report, host );
    reportTraps( report, host );
    reportProfiles( report, host );

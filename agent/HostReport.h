@@ -6,6 +6,7 @@
 #include "agent/Report.h"
 
 #include <cstddef>
+#include <string_view>
 
 namespace Agent {
 
@@ -15,10 +16,10 @@ struct Sections {
    std::size_t ringLines = 0;  // the newest lines of the ring trace
 };
 
-// One part each: file and instance; connections with result and NAT ids; their results alone; trap rules; profiles; NAT
-// ids with the rows that hold them; the rows of all tables; the newest lines of the ring trace; rows that the hardware
-// did not take, and how many there are of everything.
-void reportHeading( Report & report, Host const & host );
+// One part each: file and instance, with the mode when it is not that of tables; connections with result and NAT ids;
+// their results alone; trap rules; profiles; NAT ids with the rows that hold them; the rows of all tables; the newest
+// lines of the ring trace; rows that the hardware did not take, and how many there are of everything.
+void reportHeading( Report & report, Configuration const & configuration, std::string_view mode = {} );
 void reportConnections( Report & report, Host const & host );
 void reportStatuses( Report & report, Host const & host );
 void reportTraps( Report & report, Host const & host );

@@ -4,8 +4,6 @@
 #include "agent/Text.h"
 #include "agent/UnusableInput.h"
 
-#include <Orla/String.h>
-
 #include <algorithm>
 #include <map>
 #include <tuple>
@@ -32,8 +30,8 @@ template< class Function > void forEachStatic( Configuration const & configurati
 void requireNoProfiles( Configuration const & configuration ) {
    auto const count = configuration.profiles.size();
    if ( count != 0 ) {
-      throw UnusableInput( configuration.file + ": pfe-nat:vlan-profile: " + std::to_string( count ) +
-                           ( count == 1 ? " profile" : " profiles" ) + "; allowed in interface mode: none" );
+      throw UnusableInput( configuration.file + ": pfe-nat:vlan-profile: " + counted( count, "profile" ) +
+                           "; allowed in interface mode: none" );
    }
 }
 
@@ -87,11 +85,6 @@ std::string listOf( std::vector< std::size_t > const & numbers ) {
       Vexa::append( text, number );
    }
    return text;
-}
-
-void addNumber( Table & table, U64 number ) {
-   Vexa::append( table.cell(), number );
-   table.endCell();
 }
 
 // Which connections feed which entries, both by the numbers that people know them by: the connections' own, and the
@@ -153,9 +146,9 @@ Table connectionsOf( Configuration const & configuration, Dependencies const & d
    forEachStatic( configuration, [ & ]( U32 index, StaticRule const & rule ) {
       auto const & connection = rule.entry->connection();
       auto const inside = ingressRowOf( rule, Ip::Nat::NatTarget::source );
-      addNumber( table, index );
+      table.number( index );
       table.cell( inside.natIntf.text() );
-      addNumber( table, rule.entry->vlanId() );
+      table.number( rule.entry->vlanId() );
       table.cell( targetText( connection.target ) );
       table.cell( protocolText( connection.protocol ) );
       table.cell( textOf( inside.ipAndPortOld ) );
@@ -179,7 +172,7 @@ Table entriesOf( Pfe::NatSwTableConfig const & swTableConfig, Dependencies const
    std::size_t number = 0;
    for ( auto const & key : dependencies.keys() ) {
       auto const entry = swTableConfig.staticEntry( key );
-      addNumber( table, ++number );
+      table.number( ++number );
       table.cell( key.reverse ? "reverse" : "forward" );
       table.cell( key.vrfId == 0 ? "" : std::to_string( key.vrfId ) );
       table.cell( key.aclName.text() );
@@ -207,8 +200,8 @@ Table ignoredOf( Configuration const & configuration ) {
    for ( auto const & connection : configuration.connections ) {
       if ( !std::holds_alternative< StaticRule >( connection.rule ) ) {
          auto const text = textOf( connection );
-         connection.index ? addNumber( table, *connection.index ) : table.cell( "" );
-         connection.line == 0 ? table.cell( "" ) : addNumber( table, connection.line );
+         connection.index ? table.number( *connection.index ) : table.cell( "" );
+         connection.line == 0 ? table.cell( "" ) : table.number( connection.line );
          table.cell( text.kind );
          table.cell( Vexa::stringOf( text.intf ) );
          table.cell( protocolText( text.protocol ) );
@@ -229,10 +222,6 @@ Table ignoredOf( Configuration const & configuration ) {
       table.cell( trap.key.key.stringValue() );
    }
    return table;
-}
-
-std::string counted( std::size_t count, std::string const & one, std::string const & many ) {
-   return std::to_string( count ) + ' ' + ( count == 1 ? one : many );
 }
 
 }  // namespace
@@ -257,14 +246,7 @@ bool InterfaceHost::isComplete() const {
 
 void InterfaceHost::report( Report & report, std::size_t ringLines ) const {
    auto const & rules = *configuration_.rules;
-   report.fact( "file", configuration_.file );
-   report.fact( "mode", "interface" );
-   report.fact( "instance", { { "id", configuration_.instanceId },
-                              { "name", configuration_.instanceName },
-                              { "fragmentation", rules.fragmentationEnabled() } } );
-   auto const & name = configuration_.instanceName;
-   report.line( configuration_.file + ", instance " + std::to_string( configuration_.instanceId ) +
-                ( name.empty() ? "" : " " + Vexa::stringOf( Orla::String( name ) ) ) + ", interface mode\n" );
+   reportHeading( report, configuration_, "interface" );
    Dependencies const dependencies( configuration_, *swTableConfig_, *programmer_->staticConfigMap() );
    report.table( "connections", connectionsOf( configuration_, dependencies ) );
    report.line( "" );
@@ -285,7 +267,7 @@ void InterfaceHost::report( Report & report, std::size_t ringLines ) const {
                              { "swTableEntries", entries },
                              { "sharedEntries", shared },
                              { "ignored", ignored.rowCount() } } );
-   report.line( "\n" + counted( connections, "static connection", "static connections" ) + " in " +
+   report.line( "\n" + counted( connections, "static connection" ) + " in " +
                 counted( entries, "software-table entry", "software-table entries" ) + ", " + std::to_string( shared ) +
                 " of them shared; " + std::to_string( ignored.rowCount() ) + " ignored" );
 }

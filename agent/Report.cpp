@@ -1,5 +1,7 @@
 #include "agent/Report.h"
 
+#include <Vexa/Value.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <sstream>
@@ -54,6 +56,11 @@ void Table::endCell() {
    auto & width = widths_[ ends_.size() % columns_.size() ];
    width = std::max( width, text_.size() - ( ends_.empty() ? 0 : ends_.back() ) );
    ends_.push_back( text_.size() );
+}
+
+void Table::number( U64 number ) {
+   Vexa::append( text_, number );
+   endCell();
 }
 
 std::string_view Table::cellAt( std::size_t index ) const {

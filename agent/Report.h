@@ -1,6 +1,8 @@
 // What the agent shows, as text for people and as JSON for programs.
 #pragma once
 
+#include <Vexa/Types.h>
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -40,6 +42,7 @@ class Table {
       text_ += text;
       endCell();
    }
+   void number( U64 number );
 
    std::size_t rowCount() const { return ends_.size() / columns_.size(); }
 

@@ -63,6 +63,11 @@ std::string_view stateText( Asic::EntryState state ) {
    return "unknown";
 }
 
+std::string counted( std::size_t count, std::string_view one, std::string_view many ) {
+   auto const plural = many.empty() ? std::string( one ) + 's' : std::string( many );
+   return std::to_string( count ) + ' ' + ( count == 1 ? std::string( one ) : plural );
+}
+
 std::string fieldsOf( Pfe::IngStaticNatTable::Key const & row ) {
    return std::string( row.natIntf.text() )
       .append( " " )

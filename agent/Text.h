@@ -11,6 +11,7 @@
 #include <PfeHelper/NatHwResult.h>
 #include <Vexa/Value.h>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -31,6 +32,8 @@ std::string protocolText( U8 protocol );
 std::string_view targetText( Ip::Nat::NatTarget target );
 std::string_view resultText( PfeHelper::NatHwResult result );
 std::string_view stateText( Asic::EntryState state );
+// "1 row", "2 rows"; `many` where that takes more than an s.
+std::string counted( std::size_t count, std::string_view one, std::string_view many = {} );
 
 namespace detail {
 
