@@ -19,39 +19,6 @@ namespace Agent {
 
 namespace {
 
-// --- Faults: a file is read to its end, so that all of them can be mended at once ------------------------------------
-
-class Faults {
- public:
-   // Runs the function; what it refuses is remembered.
-   template< class Function > void collect( Function && function ) {
-      try {
-         function();
-      } catch ( UnusableInput const & fault ) {
-         if ( count_++ < mostShown ) {
-            text_ += ( text_.empty() ? "" : "\n" ) + std::string( fault.what() );
-         }
-      }
-   }
-
-   bool any() const { return count_ > 0; }
-
-   void throwThem( std::string const & file ) const {
-      if ( count_ > mostShown ) {
-         throw UnusableInput( text_ + "\n" + file + ": " + std::to_string( count_ - mostShown ) +
-                              " more of this kind" );
-      }
-      if ( count_ > 0 ) {
-         throw UnusableInput( text_ );
-      }
-   }
-
- private:
-   static constexpr std::size_t mostShown = 20;
-   std::size_t count_ = 0;
-   std::string text_;
-};
-
 // --- Members ---------------------------------------------------------------------------------------------------------
 
 struct ReplicationMembers : Replication {
@@ -169,7 +136,7 @@ class Reader {
 
    Configuration read() {
       faults_.collect( [ & ] { readInstance( instanceOf( document_.root() ) ); } );
-      faults_.throwThem( result_.file );
+      faults_.throwAll( result_.file );
       return std::move( result_ );
    }
 

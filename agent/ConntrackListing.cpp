@@ -12,7 +12,6 @@ namespace Agent {
 namespace {
 
 constexpr std::string_view blanks = " \t\r";
-constexpr std::size_t faultsShown = 20;
 constexpr std::size_t linesShown = 10;
 constexpr std::size_t tokenShown = 60;
 
@@ -61,7 +60,7 @@ class Reader {
             readEntry( line, number );
          }
       }
-      throwFaults();
+      faults_.throwAll( listing_.file, "malformed lines" );
       return std::move( listing_ );
    }
 
@@ -110,22 +109,12 @@ class Reader {
    }
 
    void addFault( U32 number, ConntrackFault const & fault ) {
-      if ( faults_++ < faultsShown ) {
-         faultText_ += listing_.file + ": line " + std::to_string( number ) + ", column " +
-                       std::to_string( fault.position + 1 ) + ": " +
-                       ( fault.token.empty() ? "the line ends here" : shown( fault.token ) + " does not fit" ) +
-                       "; allowed: " + std::string( fault.allowed ) + "\n";
-      }
-   }
-
-   void throwFaults() {
-      if ( faults_ > faultsShown ) {
-         faultText_ += listing_.file + ": " + std::to_string( faults_ - faultsShown ) + " more malformed lines\n";
-      }
-      if ( faults_ > 0 ) {
-         faultText_.pop_back();
-         throw UnusableInput( faultText_ );
-      }
+      faults_.add( [ & ] {
+         return listing_.file + ": line " + std::to_string( number ) + ", column " +
+                std::to_string( fault.position + 1 ) + ": " +
+                ( fault.token.empty() ? "the line ends here" : shown( fault.token ) + " does not fit" ) +
+                "; allowed: " + std::string( fault.allowed );
+      } );
    }
 
    std::string_view rest_;
@@ -133,8 +122,7 @@ class Reader {
    ConntrackListing listing_;
    U32 line_ = 0;
    bool lastHasEnd_ = true;
-   std::size_t faults_ = 0;
-   std::string faultText_;
+   Faults faults_;
 };
 
 }  // namespace

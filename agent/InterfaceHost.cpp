@@ -36,22 +36,17 @@ void requireNoProfiles( Configuration const & configuration ) {
 }
 
 void requireVlans( Configuration const & configuration ) {
-   constexpr std::size_t mostShown = 20;
-   std::string faults;
-   std::size_t count = 0;
+   Faults faults;
    forEachStatic( configuration, [ & ]( U32 index, StaticRule const & rule ) {
-      if ( rule.entry->vlanId() == 0 && count++ < mostShown ) {
-         faults += ( faults.empty() ? "" : "\n" ) + configuration.file + ": entry " + std::to_string( index ) +
+      if ( rule.entry->vlanId() == 0 ) {
+         faults.add( [ & ] {
+            return configuration.file + ": entry " + std::to_string( index ) +
                    ": lacks pfe-nat:vlan; allowed in interface mode: the VLAN of " +
                    Vexa::stringOf( rule.key.natIntf ) + ", 1 to 4094";
+         } );
       }
    } );
-   if ( count > mostShown ) {
-      faults += "\n" + configuration.file + ": " + std::to_string( count - mostShown ) + " more of this kind";
-   }
-   if ( count != 0 ) {
-      throw UnusableInput( faults );
-   }
+   faults.throwAll( configuration.file );
 }
 
 // "1-3,7" of sorted numbers.

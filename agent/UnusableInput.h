@@ -1,7 +1,9 @@
 // Input that the agent cannot use. It says why, programs nothing and changes nothing.
 #pragma once
 
+#include <cstddef>
 #include <stdexcept>
+#include <string>
 
 namespace Agent {
 
@@ -9,6 +11,46 @@ namespace Agent {
 class UnusableInput : public std::runtime_error {
  public:
    using std::runtime_error::runtime_error;
+};
+
+// The faults of one file, told together so that all of them can be mended at once: the first ones each in a line, the
+// others by their number.
+class Faults {
+ public:
+   // `describe` yields the line, where one is wanted.
+   template< class Describe > void add( Describe && describe ) {
+      if ( count_++ < mostShown ) {
+         text_ += text_.empty() ? "" : "\n";
+         text_ += describe();
+      }
+   }
+
+   // Runs the function; what it refuses is added.
+   template< class Function > void collect( Function && function ) {
+      try {
+         function();
+      } catch ( UnusableInput const & fault ) {
+         add( [ & ] { return fault.what(); } );
+      }
+   }
+
+   bool any() const { return count_ > 0; }
+
+   // Throws UnusableInput when there are any; `others`: in words what those are that go by their number.
+   void throwAll( std::string const & file, char const * others = "of this kind" ) const {
+      if ( count_ > mostShown ) {
+         throw UnusableInput( text_ + "\n" + file + ": " + std::to_string( count_ - mostShown ) + " more " + others );
+      }
+      if ( count_ > 0 ) {
+         throw UnusableInput( text_ );
+      }
+   }
+
+ private:
+   static constexpr std::size_t mostShown = 20;
+
+   std::size_t count_ = 0;
+   std::string text_;
 };
 
 }  // namespace Agent
