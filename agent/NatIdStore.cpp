@@ -105,25 +105,22 @@ bool survivesReading( std::string const & folder ) {
    return child < 0 || waitpid( child, &status, 0 ) < 0 || status == 0;
 }
 
-}  // namespace
-
-NatIdStore::Lock::Lock( std::string const & folder )
-   : descriptor_( open( ( folder + "/agent.lock" ).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, fileMode ) ) {
+Descriptor lockIn( std::string const & folder ) {
+   Descriptor lock( open( ( folder + "/agent.lock" ).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, fileMode ) );
    struct flock region {};
    region.l_type = F_WRLCK;
    region.l_whence = SEEK_SET;
-   if ( descriptor_ >= 0 && fcntl( descriptor_, F_SETLK, &region ) == 0 ) {
-      return;
+   if ( !lock || fcntl( lock.number(), F_SETLK, &region ) != 0 ) {
+      int const error = errno;
+      bool const isHeld = ( error == EACCES || error == EAGAIN ) && fcntl( lock.number(), F_GETLK, &region ) == 0;
+      throw UnusableInput( isHeld ? folder + ": is in use by process " + std::to_string( region.l_pid ) +
+                                       "; allowed: one agent per state folder"
+                                  : folder + "/agent.lock: cannot be locked: " + std::strerror( error ) );
    }
-   int const error = errno;
-   bool const isHeld = ( error == EACCES || error == EAGAIN ) && fcntl( descriptor_, F_GETLK, &region ) == 0;
-   close( descriptor_ );
-   throw UnusableInput( isHeld ? folder + ": is in use by process " + std::to_string( region.l_pid ) +
-                                    "; allowed: one agent per state folder"
-                               : folder + "/agent.lock: cannot be locked: " + std::strerror( error ) );
+   return lock;
 }
 
-NatIdStore::Lock::~Lock() { close( descriptor_ ); }
+}  // namespace
 
 NatIdStore::NatIdStore( std::string folder )
    : folder_( std::move( folder ) ),
@@ -139,7 +136,7 @@ NatIdStore::NatIdStore( std::string folder )
         ( found.st_mode & ( S_IWGRP | S_IWOTH ) ) ) {
       throw UnusableInput( folder_ + ": others may write there; allowed: a folder that its owner alone may write to" );
    }
-   lock_.emplace( folder_ );
+   lock_ = lockIn( folder_ );
    if ( access( ( folder_ + "/data.mdb" ).c_str(), F_OK ) == 0 && !survivesReading( folder_ ) ) {
       refuse( folder_, "is damaged: reading it fails half-way" );
    }

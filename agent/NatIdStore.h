@@ -1,12 +1,13 @@
 // NAT ids on disk.
 #pragma once
 
+#include "agent/Descriptor.h"
+
 #include <Pfe/NatIdInfo.h>
 #include <Vexa/HashMap.h>
 
 #include <cstddef>
 #include <memory>
-#include <optional>
 #include <string>
 
 struct MDB_cursor;
@@ -43,20 +44,8 @@ class NatIdStore final : private Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
    void put( Pfe::NatId id, Pfe::NatMatchKey const & matchKey );
    void del( Pfe::NatId id );
 
-   // Held while the folder is in use; the kernel gives it back however the process ends.
-   class Lock {
-    public:
-      explicit Lock( std::string const & folder );
-      ~Lock();
-      Lock( Lock const & ) = delete;
-      Lock & operator=( Lock const & ) = delete;
-
-    private:
-      int descriptor_;
-   };
-
    std::string folder_;
-   std::optional< Lock > lock_;
+   Descriptor lock_;  // while the folder is in use; the kernel gives it back however the process ends
    std::unique_ptr< MDB_env, void ( * )( MDB_env * ) > environment_;
    Pfe::NatIdInfo::Ptr natIdInfo_;
    std::size_t restoredCount_ = 0;
