@@ -36,15 +36,7 @@ Host::Host( Configuration configuration, std::shared_ptr< Asic::HardwarePolicy >
       store_->natIdInfoIs( natIdInfo_ );
    }
    programmer_ = Pfe::natSwTableProgrammerSmFactory( configuration_.rules, status_, capabilities_, natIdInfo_ );
-   programmer_->egrSourceNatUcRewriteTableIs( tables_.of< Pfe::EgrSourceNatUcRewriteTable >() );
-   programmer_->egrDestinationNatUcRewriteTableIs( tables_.of< Pfe::EgrDestinationNatUcRewriteTable >() );
-   programmer_->egrNatMcRewriteTableIs( tables_.of< Pfe::EgrNatMcRewriteTable >() );
-   programmer_->ingStaticNatTableIs( tables_.of< Pfe::IngStaticNatTable >() );
-   programmer_->ingTwiceNatTableIs( tables_.of< Pfe::IngTwiceNatTable >() );
-   programmer_->ingDynamicSnaptTableIs( tables_.of< Pfe::IngDynamicSnaptTable >() );
-   programmer_->ingDynamicDnaptTableIs( tables_.of< Pfe::IngDynamicDnaptTable >() );
-   programmer_->ingDynamicSnatAddrOnlyTableIs( tables_.of< Pfe::IngDynamicSnatAddrOnlyTable >() );
-   programmer_->ingDynamicDnatAddrOnlyTableIs( tables_.of< Pfe::IngDynamicDnatAddrOnlyTable >() );
+   tables_.attachTo( *programmer_ );
    programmer_->aclNameIdTableIs( Orla::make< Pfe::NatAclNameIdTable >() );
    programmer_->natTrapConfigIs( Orla::make< Pfe::NatTrapConfig >() );
    programmer_->natProfileConfigIs( Orla::make< Pfe::NatProfileConfig >() );

@@ -1,6 +1,8 @@
 // The NAT tables of one chip.
 #pragma once
 
+#include "PfeNat/PfeNatSwTableProgrammerSm.h"
+
 #include <Asic/Hardware.h>
 #include <Orla/Ptr.h>
 #include <Pfe/EgrNatTables.h>
@@ -19,6 +21,18 @@ class NatTables {
    }
 
    template< class Table > Orla::Ptr< Table > const & of() const { return std::get< Orla::Ptr< Table > >( tables_ ); }
+
+   void attachTo( Pfe::NatSwTableProgrammerSm & programmer ) const {
+      programmer.egrSourceNatUcRewriteTableIs( of< Pfe::EgrSourceNatUcRewriteTable >() );
+      programmer.egrDestinationNatUcRewriteTableIs( of< Pfe::EgrDestinationNatUcRewriteTable >() );
+      programmer.egrNatMcRewriteTableIs( of< Pfe::EgrNatMcRewriteTable >() );
+      programmer.ingStaticNatTableIs( of< Pfe::IngStaticNatTable >() );
+      programmer.ingTwiceNatTableIs( of< Pfe::IngTwiceNatTable >() );
+      programmer.ingDynamicSnaptTableIs( of< Pfe::IngDynamicSnaptTable >() );
+      programmer.ingDynamicDnaptTableIs( of< Pfe::IngDynamicDnaptTable >() );
+      programmer.ingDynamicSnatAddrOnlyTableIs( of< Pfe::IngDynamicSnatAddrOnlyTable >() );
+      programmer.ingDynamicDnatAddrOnlyTableIs( of< Pfe::IngDynamicDnatAddrOnlyTable >() );
+   }
 
    // Calls function( table ) for each, in the order in which a packet meets them.
    template< class Function > void forEach( Function && function ) const {

@@ -1,10 +1,10 @@
 // The rules that the benchmarks program.
 #pragma once
 
+#include "agent/Connection.h"
+
 #include <Pfe/IngStaticNatTable.h>
 #include <Pfe/NatMatchKey.h>
-#include <Pfe/NatProgrammerEntries.h>
-#include <Pfe/NatProgrammerKeys.h>
 
 #include <array>
 #include <cstddef>
@@ -13,13 +13,9 @@
 
 namespace Bench {
 
-template< class Key, class Entry > struct RuleOf {
-   Key key;
-   Orla::Ptr< Entry const > entry;
-};
-using StaticRule = RuleOf< Pfe::NatProgrammerStaticKey, Pfe::NatProgrammerStaticEntry >;
-using TwiceRule = RuleOf< Pfe::NatProgrammerTwiceKey, Pfe::NatProgrammerTwiceEntry >;
-using DynamicRule = RuleOf< Pfe::NatProgrammerDynamicKey, Pfe::NatProgrammerDynamicEntry >;
+using Agent::DynamicRule;
+using Agent::StaticRule;
+using Agent::TwiceRule;
 
 using StaticRules = std::vector< StaticRule >;
 using TwiceRules = std::vector< TwiceRule >;

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 #include <utility>
 
 namespace Bench {
@@ -14,32 +13,16 @@ System::System( Pfe::NatProgrammerConfig::Ptr config, Pfe::NatIdInfo::Ptr natIdI
      status_( Orla::make< Pfe::NatProgrammerStatus >() ),
      natIdInfo_( std::move( natIdInfo ) ),
      hardware_( Orla::make< Asic::Hardware >() ),
-     ingStatic_( Orla::make< Pfe::IngStaticNatTable >( hardware_ ) ),
-     ingTwice_( Orla::make< Pfe::IngTwiceNatTable >( hardware_ ) ),
-     ingSnapt_( Orla::make< Pfe::IngDynamicSnaptTable >( hardware_ ) ),
-     ingDnapt_( Orla::make< Pfe::IngDynamicDnaptTable >( hardware_ ) ),
-     ingSnatAddrOnly_( Orla::make< Pfe::IngDynamicSnatAddrOnlyTable >( hardware_ ) ),
-     ingDnatAddrOnly_( Orla::make< Pfe::IngDynamicDnatAddrOnlyTable >( hardware_ ) ),
-     sourceRewrites_( Orla::make< Pfe::EgrSourceNatUcRewriteTable >( hardware_ ) ),
-     destinationRewrites_( Orla::make< Pfe::EgrDestinationNatUcRewriteTable >( hardware_ ) ),
+     tables_( hardware_ ),
      programmer_( Pfe::NatSwTableProgrammerSmIs( config_, status_, nullptr, natIdInfo_ ) ) {
    programmer_->programmerModeIs( Pfe::NatBaseProgrammerSm::Mode::tables );
    programmer_->natIdPoolIs( natIdInfo_ );
-   programmer_->ingStaticNatTableIs( ingStatic_ );
-   programmer_->ingTwiceNatTableIs( ingTwice_ );
-   programmer_->ingDynamicSnaptTableIs( ingSnapt_ );
-   programmer_->ingDynamicDnaptTableIs( ingDnapt_ );
-   programmer_->ingDynamicSnatAddrOnlyTableIs( ingSnatAddrOnly_ );
-   programmer_->ingDynamicDnatAddrOnlyTableIs( ingDnatAddrOnly_ );
-   programmer_->egrSourceNatUcRewriteTableIs( sourceRewrites_ );
-   programmer_->egrDestinationNatUcRewriteTableIs( destinationRewrites_ );
+   tables_.attachTo( *programmer_ );
 }
 
 // Rows hold their responses, and these the programmer.
 System::~System() {
-   for ( auto * const table : hardware_->tables() ) {
-      table->clear();
-   }
+   tables_.forEach( []( auto & table ) { table.clear(); } );
 }
 
 void System::start() {
@@ -67,14 +50,13 @@ void System::requireProgrammed( std::size_t rules, std::size_t ingressRows, std:
    require( hardware_->outstanding() == 0, "nothing is outstanding" );
    std::size_t seen = 0;
    std::size_t inHardware = 0;
-   for ( auto const * const table : std::initializer_list< Asic::SwTableBase const * >{
-            ingStatic_.ptr(), ingTwice_.ptr(), ingSnapt_.ptr(), ingDnapt_.ptr(), ingSnatAddrOnly_.ptr(),
-            ingDnatAddrOnly_.ptr() } ) {
-      seen += table->rowCount();
-      inHardware += table->hardwareRowCount();
-   }
+   tables_.forEachIngress( [ & ]( auto const & table ) {
+      seen += table.rowCount();
+      inHardware += table.hardwareRowCount();
+   } );
    require( seen == ingressRows && inHardware == ingressRows, "every ingress row is in the hardware" );
-   auto const rewrites = sourceRewrites_->rowCount() + destinationRewrites_->rowCount();
+   std::size_t rewrites = 0;
+   tables_.forEachEgress( [ & ]( auto const & table ) { rewrites += table.rowCount(); } );
    require( rewrites == natIds, "there is one rewrite per NAT id" );
    require( natIdInfo_->matchKeyToNatId().count() == natIds, "as many NAT ids as expected are in use" );
    std::size_t programmed = 0;

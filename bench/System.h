@@ -4,34 +4,18 @@
 #include "Rules.h"
 
 #include "PfeNat/PfeNatSwTableProgrammerSm.h"
+#include "agent/NatTables.h"
 
 #include <cstddef>
 
 namespace Bench {
 
-inline void configure( Pfe::NatProgrammerConfig & config, StaticRule const & rule ) {
-   config.staticEntryIs( rule.key, rule.entry );
-}
-inline void configure( Pfe::NatProgrammerConfig & config, TwiceRule const & rule ) {
-   config.twiceEntryIs( rule.key, rule.entry );
-}
-inline void configure( Pfe::NatProgrammerConfig & config, DynamicRule const & rule ) {
-   config.dynamicEntryIs( rule.key, rule.entry );
-}
+using Agent::configure;
+using Agent::unconfigure;
 template< class Rule > void configure( Pfe::NatProgrammerConfig & config, std::vector< Rule > const & rules ) {
    for ( auto const & rule : rules ) {
       configure( config, rule );
    }
-}
-
-inline void unconfigure( Pfe::NatProgrammerConfig & config, StaticRule const & rule ) {
-   config.staticEntryDel( rule.key );
-}
-inline void unconfigure( Pfe::NatProgrammerConfig & config, TwiceRule const & rule ) {
-   config.twiceEntryDel( rule.key );
-}
-inline void unconfigure( Pfe::NatProgrammerConfig & config, DynamicRule const & rule ) {
-   config.dynamicEntryDel( rule.key );
 }
 
 // Text traces off, ring trace on, base programmer and reactors included; nobody watches the NAT ids, for the agent's
@@ -76,14 +60,7 @@ class System {
    Pfe::NatProgrammerStatus::Ptr status_;
    Pfe::NatIdInfo::Ptr natIdInfo_;
    Asic::Hardware::Ptr hardware_;
-   Orla::Ptr< Pfe::IngStaticNatTable > ingStatic_;
-   Orla::Ptr< Pfe::IngTwiceNatTable > ingTwice_;
-   Orla::Ptr< Pfe::IngDynamicSnaptTable > ingSnapt_;
-   Orla::Ptr< Pfe::IngDynamicDnaptTable > ingDnapt_;
-   Orla::Ptr< Pfe::IngDynamicSnatAddrOnlyTable > ingSnatAddrOnly_;
-   Orla::Ptr< Pfe::IngDynamicDnatAddrOnlyTable > ingDnatAddrOnly_;
-   Orla::Ptr< Pfe::EgrSourceNatUcRewriteTable > sourceRewrites_;
-   Orla::Ptr< Pfe::EgrDestinationNatUcRewriteTable > destinationRewrites_;
+   Agent::NatTables tables_;
    Pfe::NatSwTableProgrammerSm::Ptr programmer_;
 };
 
