@@ -1,4 +1,4 @@
-# Sourced by run.sh, test.sh, bench.sh and tools/tidy.sh: what each of them needs, and how it is installed and built.
+# Sourced by run.sh, test.sh, bench.sh and scripts in tools/: what each of them needs, how it is installed and built.
 # Everything here writes to standard error, so that the output of what is run stays clean.
 
 project_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
