@@ -340,18 +340,6 @@ TEST_F( Story, ARestartKeepsTheIdsOfWhatStaysAndSweepsTheOthers ) {
    EXPECT_EQ( results(), std::vector( 4, NatHwResult::programmed ) );
 }
 
-TEST_F( Story, WhatFailedIsProgrammedWhenItIsSentAgain ) {
-   port->writesFail( true );
-   configure( 1 );
-   configureOthers();
-   ASSERT_TRUE( rest() );
-   EXPECT_EQ( results(), std::vector( 4, NatHwResult::failed ) );
-   port->writesFail( false );
-   port->retryFailed();
-   ASSERT_TRUE( rest() );
-   EXPECT_EQ( results(), std::vector( 4, NatHwResult::programmed ) );
-}
-
 TEST_F( Story, ARefusedRemovalKeepsRowsAndIdsUntilItIsLetThrough ) {
    configure( 1 );
    configureOthers();

@@ -24,27 +24,19 @@ namespace {
 using Json = nlohmann::json;
 
 // A client may name one of two configurations: "" and "other".
-std::string textOf( bool isOther ) {
-   Json const at{ { "pfe-nat:interface", "ethernet1" }, { "type", "static" } };
-   Json first = at;
-   first.update( { { "index", 1 },
-                   { "internal-src-address", "10.0.0.1/32" },
-                   { "external-src-address", isOther ? "192.0.2.9/32" : "192.0.2.1/32" } } );
-   Json second = at;
-   second.update( { { "index", 2 },
-                    { "transport-protocol", 6 },
-                    { "internal-dst-address", "10.0.0.2/32" },
-                    { "internal-dst-port", { { "start-port-number", 8443 } } },
-                    { "external-dst-address", "192.0.2.2/32" },
-                    { "external-dst-port", { { "start-port-number", 443 } } } } );
-   Json const instance{ { "id", 1 },
-                        { "pfe-nat:fragmentation", isOther },
-                        { "mapping-table", { { "mapping-entry", { first, second } } } } };
-   return Json{ { "ietf-nat:nat", { { "instances", { { "instance", { instance } } } } } } }.dump();
-}
+constexpr std::string_view texts[] = {
+   R"({ "ietf-nat:nat": { "instances": { "instance": [ { "id": 1, "mapping-table": { "mapping-entry": [
+      { "index": 1, "type": "static", "pfe-nat:interface": "ethernet1",
+        "internal-src-address": "10.0.0.1/32", "external-src-address": "192.0.2.1/32" } ] } } ] } } })",
+   R"({ "ietf-nat:nat": { "instances": { "instance": [ { "id": 1, "pfe-nat:fragmentation": true,
+      "mapping-table": { "mapping-entry": [
+      { "index": 1, "type": "static", "pfe-nat:interface": "ethernet1",
+        "internal-src-address": "10.0.0.1/32", "external-src-address": "192.0.2.9/32" },
+      { "index": 2, "type": "static", "pfe-nat:interface": "ethernet1", "transport-protocol": 6,
+        "internal-dst-address": "10.0.0.2/32", "internal-dst-port": { "start-port-number": 8443 },
+        "external-dst-address": "192.0.2.2/32", "external-dst-port": { "start-port-number": 443 } } ] } } ] } } })" };
 
 Agent::Configuration configurationOf( std::string const & file ) {
-   static std::string const texts[] = { textOf( false ), textOf( true ) };
    if ( !file.empty() && file != "other" ) {
       throw Agent::UnusableInput( file + ": cannot be read" );
    }

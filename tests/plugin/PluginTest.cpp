@@ -24,6 +24,23 @@ template< class T > void attach( Orla::Entity & programmer, std::string_view att
    EXPECT_EQ( Vexa::attributeWrite( programmer, attribute, value ), Vexa::AttrResult::done ) << attribute;
 }
 
+NatProgrammerStaticKey const key{ .natIntf = *Netix::IntfId::fromName( "ethernet1" ),
+                                  .key = { .aclName = {}, .ip = *Netix::IpAddr::fromText( "10.0.0.1" ), .port = 80 } };
+
+NatProgrammerStaticEntry::PtrConst ruleOnVlan( U16 vlanId ) {
+   NatProgrammerStaticEntry::Fields fields;
+   fields.vlanId = vlanId;
+   fields.connection.translated = { *Netix::IpAddr::fromText( "192.0.2.1" ), 8080 };
+   return Orla::make< NatProgrammerStaticEntry const >( fields );
+}
+
+Orla::Ptr< Orla::Entity > constructed( std::string_view name, std::vector< std::any > const & arguments ) {
+   auto const * const type = Vexa::typeOf( name );
+   auto const made = type ? type->construct( arguments ) : Orla::Ptr< Orla::Entity >();
+   EXPECT_TRUE( made ) << name;
+   return made;
+}
+
 TEST( Plugin, IsDrivenFromLoadingToAProgrammedRuleByNamesAlone ) {
    setenv( "AGENT_PROCESS_NAME", "forwarding-agent", 1 );
    ASSERT_EQ( Vexa::typeOf( "Pfe::NatSwTableProgrammerSm" ), nullptr ) << "the library is linked already";
@@ -37,14 +54,11 @@ TEST( Plugin, IsDrivenFromLoadingToAProgrammedRuleByNamesAlone ) {
    auto const hardware = Orla::make< Asic::Hardware >();
    auto const ingress = Orla::make< IngStaticNatTable >( hardware );
 
-   auto const * const type = Vexa::typeOf( "Pfe::NatSwTableProgrammerSm" );
-   ASSERT_NE( type, nullptr );
    std::vector< std::any > const tooFew{ NatProgrammerConfig::PtrConst( config ) };
-   EXPECT_FALSE( type->construct( tooFew ) );
+   EXPECT_FALSE( Vexa::typeOf( "Pfe::NatSwTableProgrammerSm" )->construct( tooFew ) );
    std::vector< std::any > const arguments{ NatProgrammerConfig::PtrConst( config ), status,
                                             Orla::Ptr< Ip::Nat::HwCapabilities const >(), natIdInfo };
-   auto const programmer = type->construct( arguments );
-   ASSERT_TRUE( programmer );
+   auto const programmer = constructed( "Pfe::NatSwTableProgrammerSm", arguments );
 
    attach( *programmer, "ingStaticNatTable", ingress );
    attach( *programmer, "egrSourceNatUcRewriteTable", Orla::make< EgrSourceNatUcRewriteTable >( hardware ) );
@@ -57,12 +71,7 @@ TEST( Plugin, IsDrivenFromLoadingToAProgrammedRuleByNamesAlone ) {
    std::any result;
    EXPECT_EQ( Vexa::attributeCall( *programmer, "replay", {}, result ), Vexa::AttrResult::done );
 
-   NatProgrammerStaticKey const key{
-      .natIntf = *Netix::IntfId::fromName( "ethernet1" ),
-      .key = { .aclName = {}, .ip = *Netix::IpAddr::fromText( "10.0.0.1" ), .port = 80 } };
-   config->staticEntryIs( key,
-                          Orla::make< NatProgrammerStaticEntry const >( NatProgrammerStaticEntry::Fields{
-                             .connection = { .translated = { *Netix::IpAddr::fromText( "192.0.2.1" ), 8080 } } } ) );
+   config->staticEntryIs( key, ruleOnVlan( 0 ) );
    EXPECT_EQ( status->staticStatus().find( key ), nullptr ) << "nothing has settled yet";
    hardware->settle();
    ASSERT_NE( status->staticStatus().find( key ), nullptr );
@@ -76,28 +85,16 @@ TEST( Plugin, OffersInterfaceModeByNames ) {
    for ( auto const * module : { "PfeNatProgrammerIntfModeSm", "PfeNatProgrammerConfigSm", "PfeNatSwTableSm" } ) {
       EXPECT_NE( Vexa::moduleOf( module ), nullptr ) << module;
    }
-   auto const * const programmerType = Vexa::typeOf( "Pfe::NatProgrammerIntfModeSm" );
-   auto const * const consumerType = Vexa::typeOf( "Pfe::NatSwTableSm" );
-   auto const * const mapType = Vexa::typeOf( "Pfe::NatProgrammerStaticMap" );
-   ASSERT_TRUE( programmerType && consumerType && mapType && Vexa::typeOf( "Pfe::NatProgrammerConfigSm" ) );
-   EXPECT_TRUE( mapType->construct( {} ) );
-
    auto const config = Orla::make< NatProgrammerConfig >();
    auto const swTableConfig = Orla::make< NatSwTableConfig >();
    auto const swTableStatus = Orla::make< NatSwTableStatus >();
-   NatProgrammerStaticKey const key{
-      .natIntf = *Netix::IntfId::fromName( "ethernet1" ),
-      .key = { .aclName = {}, .ip = *Netix::IpAddr::fromText( "10.0.0.1" ), .port = 80 } };
-   config->staticEntryIs(
-      key, Orla::make< NatProgrammerStaticEntry const >( NatProgrammerStaticEntry::Fields{
-              .vlanId = 10, .connection = { .translated = { *Netix::IpAddr::fromText( "192.0.2.1" ), 8080 } } } ) );
+   config->staticEntryIs( key, ruleOnVlan( 10 ) );
    std::vector< std::any > const arguments{ NatProgrammerConfig::PtrConst( config ),
                                             Orla::make< NatProgrammerStatus >(), swTableConfig,
                                             NatSwTableStatus::PtrConst( swTableStatus ) };
-   auto const programmer = programmerType->construct( arguments );
-   ASSERT_TRUE( programmer );
-   std::vector< std::any > const consumerArguments{ NatSwTableConfig::PtrConst( swTableConfig ), swTableStatus };
-   EXPECT_TRUE( consumerType->construct( consumerArguments ) );
+   auto const programmer = constructed( "Pfe::NatProgrammerIntfModeSm", arguments );
+   constructed( "Pfe::NatSwTableSm", { NatSwTableConfig::PtrConst( swTableConfig ), swTableStatus } );
+   constructed( "Pfe::NatProgrammerStaticMap", {} );
    EXPECT_EQ( swTableConfig->staticEntry().count(), 2U );
 
    std::any result;

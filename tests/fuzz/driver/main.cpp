@@ -11,51 +11,29 @@
 
 extern "C" int LLVMFuzzerTestOneInput( std::uint8_t const * data, std::size_t size );
 
-namespace {
-
-namespace fs = std::filesystem;
-
-// In the order of their names, so that two runs of one corpus agree.
-std::vector< fs::path > inputsBelow( fs::path const & place ) {
-   if ( !fs::is_directory( place ) )
-      return { place };
-   std::vector< fs::path > files;
-   for ( auto const & item : fs::recursive_directory_iterator( place ) ) {
-      if ( item.is_regular_file() )
-         files.push_back( item.path() );
-   }
-   std::sort( files.begin(), files.end() );
-   return files;
-}
-
-// The name goes out first: when the target stops the process, the last line tells the input.
-bool runInput( fs::path const & file ) {
-   std::ifstream stream( file, std::ios::binary );
-   if ( !stream ) {
-      std::cerr << "cannot read " << file << '\n';
-      return false;
-   }
-   std::cout << file.string() << std::endl;
-   std::vector< char > const bytes( std::istreambuf_iterator< char >( stream ), {} );
-   LLVMFuzzerTestOneInput( reinterpret_cast< std::uint8_t const * >( bytes.data() ), bytes.size() );
-   return true;
-}
-
-}  // namespace
-
 int main( int argc, char ** argv ) {
-   std::size_t ran = 0;
+   namespace fs = std::filesystem;
+   std::vector< fs::path > files;
    for ( int i = 1; i < argc; ++i ) {
-      for ( auto const & file : inputsBelow( argv[ i ] ) ) {
-         if ( !runInput( file ) )
-            return 1;
-         ++ran;
+      if ( fs::is_directory( argv[ i ] ) ) {
+         std::copy( fs::recursive_directory_iterator( argv[ i ] ), {}, std::back_inserter( files ) );
+      } else {
+         files.emplace_back( argv[ i ] );
       }
    }
-   if ( ran == 0 ) {
-      std::cerr << "no input to run: give files, or folders that hold some\n";
-      return 1;
+   std::erase_if( files, []( fs::path const & file ) { return fs::is_directory( file ); } );
+   std::sort( files.begin(), files.end() );  // so that two runs of one corpus agree
+   for ( auto const & file : files ) {
+      // The name goes out first: when the target stops the process, the last line tells the input.
+      std::cout << file.string() << std::endl;
+      std::ifstream stream( file, std::ios::binary );
+      std::vector< char > const bytes( std::istreambuf_iterator< char >( stream ), {} );
+      if ( !stream ) {
+         std::cerr << "cannot be read\n";
+         return 1;
+      }
+      LLVMFuzzerTestOneInput( reinterpret_cast< std::uint8_t const * >( bytes.data() ), bytes.size() );
    }
-   std::cout << ran << " inputs ran\n";
-   return 0;
+   std::cout << files.size() << " inputs ran\n";
+   return files.empty();
 }
