@@ -12,10 +12,10 @@ using Support::Lines;
 
 // Rows and results, a line each, without the numbers of NAT ids.
 Lines textOf( Support::Programmer const & programmer ) {
-   static std::regex const ids( "([0-9]+)/|natId [0-9]+" );
+   static std::regex const ids( "natId=[0-9]+" );
    auto lines = programmer.tables.text();
    for ( auto & line : lines ) {
-      line = std::regex_replace( line, ids, "id/" );
+      line = std::regex_replace( line, ids, "natId" );
    }
    for ( auto const & [ key, outcome ] : Support::outcomes( *programmer.status ) ) {
       lines.push_back( Support::textOf( key ) + " has result " +

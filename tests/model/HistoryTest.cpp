@@ -8,10 +8,9 @@
 #include <rapidcheck.h>
 #include <rapidcheck/gtest.h>
 
-#include <array>
 #include <cstdlib>
 #include <iostream>
-#include <sstream>
+#include <string>
 
 namespace {
 
@@ -19,70 +18,159 @@ using Model::AnyRule;
 using Model::Choices;
 using Model::World;
 
-enum class Event : U8 {
-   add,
-   touch,
-   update,
-   change,
-   remove,
-   moveRows,
-   addAgain,
-   settle,
-   rest,
-   faults,
-   retryFailed,
-   fragmentation,
-   startCleanup,
-   endCleanup,
-   replay,
-   pool,
-   restart,
-};
+// --- What may happen -------------------------------------------------------------------------------------------------
 
-struct EventWeight {
-   Event event;
+void checkNoFaults( World & world ) {
+   std::string text;
+   for ( auto const & fault : world.takeFaults() ) {
+      text += fault + '\n';
+   }
+   if ( !text.empty() ) {
+      RC_FAIL( text );
+   }
+}
+
+// During a clean-up learned connections are only recorded: its end hands them over. Here they wait for it.
+bool mustWait( World const & world, AnyRule const & rule ) {
+   return world.isCleaningUp() && std::holds_alternative< Support::DynamicRule >( rule );
+}
+
+void configureIfFree( World & world, AnyRule const & rule ) {
+   if ( !world.collides( rule ) && !mustWait( world, rule ) ) {
+      world.configure( rule );
+   }
+}
+
+// Does something to one of the rules that are configured, if there is any.
+template< class Action > void toAny( World & world, Choices & choices, Action const & action ) {
+   auto const rules = world.configured();
+   if ( !rules.empty() ) {
+      auto const rule = std::next( rules.begin(), choices.below( static_cast< U32 >( rules.size() ) ) )->second;
+      if ( !mustWait( world, rule ) ) {
+         action( rule );
+      }
+   }
+}
+
+void touch( World & world, Choices & choices ) {
+   toAny( world, choices, [ & ]( AnyRule const & rule ) {
+      // A rule that stays refused during a clean-up would keep its result with nothing to tell why.
+      if ( !( world.isCleaningUp() && world.isRefused( keyOf( rule ) ) ) ) {
+         world.configure( rule );
+      }
+   } );
+}
+
+void update( World & world, Choices & choices ) {
+   toAny( world, choices, [ & ]( AnyRule const & rule ) { world.configure( withOtherContents( rule, choices ) ); } );
+}
+
+void change( World & world, Choices & choices ) {
+   toAny( world, choices, [ & ]( AnyRule const & rule ) { configureIfFree( world, withOtherRows( rule, choices ) ); } );
+}
+
+void remove( World & world, Choices & choices ) {
+   toAny( world, choices, [ & ]( AnyRule const & rule ) { world.unconfigure( keyOf( rule ) ); } );
+}
+
+void moveRows( World & world, Choices & choices ) {
+   toAny( world, choices, [ & ]( AnyRule const & rule ) {
+      world.unconfigure( keyOf( rule ) );
+      configureIfFree( world, withRowsMoved( rule, choices ) );
+   } );
+}
+
+void addAgain( World & world, Choices & choices ) {
+   toAny( world, choices, [ & ]( AnyRule const & rule ) {
+      world.unconfigure( keyOf( rule ) );
+      world.configure( Model::anew( rule ) );
+   } );
+}
+
+void rest( World & world, Choices & ) {
+   if ( world.rest() ) {
+      world.check();
+      checkNoFaults( world );
+      if ( !world.isCleaningUp() ) {
+         world.retryRefused();
+      }
+   }
+}
+
+void faults( World & world, Choices & choices ) {
+   auto & hardware = world.hardware();
+   hardware.failEvery = choices.of( { 0u, 0u, 1u, 2u, 3u, 5u } );
+   hardware.refuseEvery = choices.of( { 0u, 0u, 1u, 2u, 3u } );
+   hardware.capacity = choices.of< std::size_t >( { 1'000, 1'000, 2, 5, 9 } );
+   hardware.delay = choices.of< U64 >( { 0, 0, 1, 3 } );
+   hardware.order.reset();
+   if ( choices.oneIn( 2 ) ) {
+      hardware.order.emplace( choices.below( 1'000 ) );
+   }
+}
+
+void changeCleanup( World & world, Choices & ) { world.isCleaningUp() ? world.endCleanup() : world.startCleanup(); }
+
+void replay( World & world, Choices & choices ) {
+   if ( world.isCleaningUp() ) {
+      return;
+   }
+   switch ( choices.below( 3 ) ) {
+   case 0: world.replay(); break;
+   case 1: world.deleteAll(); [[fallthrough]];
+   case 2: world.addAll(); break;
+   }
+}
+
+struct Event {
    char const * name;
-   unsigned weight;
+   std::size_t weight;
+   void ( *happens )( World & world, Choices & choices );
 };
-constexpr std::array eventWeights{ EventWeight{ Event::add, "add", 24 },
-                                   EventWeight{ Event::touch, "touch", 2 },
-                                   EventWeight{ Event::update, "update", 8 },
-                                   EventWeight{ Event::change, "change", 10 },
-                                   EventWeight{ Event::remove, "remove", 9 },
-                                   EventWeight{ Event::moveRows, "moveRows", 4 },
-                                   EventWeight{ Event::addAgain, "addAgain", 4 },
-                                   EventWeight{ Event::settle, "settle", 14 },
-                                   EventWeight{ Event::rest, "rest", 5 },
-                                   EventWeight{ Event::faults, "faults", 6 },
-                                   EventWeight{ Event::retryFailed, "retryFailed", 3 },
-                                   EventWeight{ Event::fragmentation, "fragmentation", 2 },
-                                   EventWeight{ Event::startCleanup, "startCleanup", 2 },
-                                   EventWeight{ Event::endCleanup, "endCleanup", 3 },
-                                   EventWeight{ Event::replay, "replay", 2 },
-                                   EventWeight{ Event::pool, "pool", 2 },
-                                   EventWeight{ Event::restart, "restart", 1 } };
+constexpr Event events[] = {
+   { "add", 24, []( World & world, Choices & choices ) { configureIfFree( world, anyRule( choices ) ); } },
+   { "touch", 2, touch },
+   { "update", 8, update },
+   { "change", 10, change },
+   { "remove", 9, remove },
+   { "moveRows", 4, moveRows },
+   { "addAgain", 4, addAgain },
+   { "settle", 14, []( World & world, Choices & ) { world.settle(); } },
+   { "rest", 5, rest },
+   { "faults", 6, faults },
+   { "retryFailed", 3, []( World & world, Choices & ) { world.retryFailed(); } },
+   { "fragmentation", 2,
+     []( World & world, Choices & ) { world.fragmentationIs( !world.config().fragmentationEnabled() ); } },
+   { "cleanup", 4, changeCleanup },
+   { "replay", 2, replay },
+   { "pool", 2,
+     []( World & world, Choices & choices ) {
+        world.freeIdsAre( choices.of< U32 >( { 3, 6, 12, 60 } ) );
+     } },
+   { "restart", 1, []( World & world, Choices & ) { world.restart(); } },
+};
 
 // One thing that happens. What exactly is drawn from `choice` when it happens, so that steps can be left out of a
 // history.
 struct Step {
-   Event event = Event::settle;
+   std::size_t event = 0;
    U32 choice = 0;
 };
 
 std::ostream & operator<<( std::ostream & out, Step const & step ) {
-   return out << eventWeights[ static_cast< std::size_t >( step.event ) ].name << ' ' << step.choice;
+   return out << events[ step.event ].name << ' ' << step.choice;
 }
 
 rc::Gen< Step > anyStep() {
    static auto const drawn = [] {
-      std::vector< Event > events;
-      for ( auto const & [ event, name, weight ] : eventWeights ) {
-         events.insert( events.end(), weight, event );
+      std::vector< std::size_t > numbers;
+      for ( std::size_t event = 0; event < std::size( events ); ++event ) {
+         numbers.insert( numbers.end(), events[ event ].weight, event );
       }
-      return events;
+      return numbers;
    }();
    return rc::gen::map( rc::gen::pair( rc::gen::elementOf( drawn ), rc::gen::inRange< U32 >( 0, 1'000'000 ) ),
-                        []( std::pair< Event, U32 > const & p ) {
+                        []( std::pair< std::size_t, U32 > const & p ) {
                            return Step{ p.first, p.second };
                         } );
 }
@@ -103,43 +191,9 @@ class History {
          std::cerr << "--- " << step << '\n';
       }
       Choices choices( step.choice + 1 );
-      switch ( step.event ) {
-      case Event::add: configureIfFree( anyRule( choices ) ); break;
-      case Event::touch:
-      case Event::update:
-      case Event::change:
-      case Event::remove:
-      case Event::moveRows:
-      case Event::addAgain:
-         if ( auto const rule = anyConfigured( choices ) ) {
-            happensTo( *rule, step.event, choices );
-         }
-         break;
-      case Event::settle: world_.settle(); break;
-      case Event::rest: rest(); break;
-      case Event::faults: faults( choices ); break;
-      case Event::retryFailed: world_.retryFailed(); break;
-      case Event::fragmentation: world_.fragmentationIs( !world_.config().fragmentationEnabled() ); break;
-      case Event::startCleanup:
-         if ( !world_.isCleaningUp() ) {
-            world_.startCleanup();
-         }
-         break;
-      case Event::endCleanup:
-         if ( world_.isCleaningUp() ) {
-            world_.endCleanup();
-         }
-         break;
-      case Event::replay:
-         if ( !world_.isCleaningUp() ) {
-            replay( choices );
-         }
-         break;
-      case Event::pool: world_.freeIdsAre( choices.of< U32 >( { 3, 6, 12, 60 } ) ); break;
-      case Event::restart: world_.restart(); break;
-      }
+      events[ step.event ].happens( world_, choices );
       world_.check();
-      rcAssertNoFaults();
+      checkNoFaults( world_ );
    }
 
    auto const & exchangesChecked() const { return world_.exchangesChecked; }
@@ -155,116 +209,22 @@ class History {
       world_.replay();
       RC_ASSERT( world_.rest() );
       world_.check();
-      rcAssertNoFaults();
       if ( world_.hardware().talkative ) {
          world_.checkAgainstFresh();
-         rcAssertNoFaults();
       } else {
          RC_ASSERT( world_.isAllProgrammed() );
       }
-      while ( auto const rule = firstConfigured() ) {
-         world_.unconfigure( keyOf( *rule ) );
+      checkNoFaults( world_ );
+      for ( auto const & [ key, rule ] : world_.configured() ) {
+         world_.unconfigure( key );
       }
       RC_ASSERT( world_.rest() );
       world_.check();
       world_.checkEmpty();
-      rcAssertNoFaults();
+      checkNoFaults( world_ );
    }
 
  private:
-   void rcAssertNoFaults() {
-      auto const faults = world_.takeFaults();
-      if ( !faults.empty() ) {
-         std::ostringstream text;
-         for ( auto const & fault : faults ) {
-            text << fault << '\n';
-         }
-         RC_FAIL( text.str() );
-      }
-   }
-
-   std::optional< AnyRule > firstConfigured() const {
-      auto const rules = world_.configured();
-      return rules.empty() ? std::nullopt : std::optional( rules.begin()->second );
-   }
-
-   std::optional< AnyRule > anyConfigured( Choices & choices ) const {
-      auto const rules = world_.configured();
-      return rules.empty()
-                ? std::nullopt
-                : std::optional(
-                     std::next( rules.begin(), choices.below( static_cast< U32 >( rules.size() ) ) )->second );
-   }
-
-   // During a clean-up learned connections are only recorded: its end hands them over. Here they wait for it.
-   bool mustWait( AnyRule const & rule ) const {
-      return world_.isCleaningUp() && std::holds_alternative< Support::DynamicRule >( rule );
-   }
-
-   void configureIfFree( AnyRule const & rule ) {
-      if ( !world_.collides( rule ) && !mustWait( rule ) ) {
-         world_.configure( rule );
-      }
-   }
-
-   void happensTo( AnyRule const & rule, Event event, Choices & choices ) {
-      auto const key = keyOf( rule );
-      if ( mustWait( rule ) ) {
-         return;
-      }
-      switch ( event ) {
-      case Event::touch:
-         // A rule that stays refused during a clean-up would keep its result with nothing to tell why.
-         if ( !( world_.isCleaningUp() && world_.isRefused( key ) ) ) {
-            world_.configure( rule );
-         }
-         break;
-      case Event::update: world_.configure( withOtherContents( rule, choices ) ); break;
-      case Event::change: configureIfFree( withOtherRows( rule, choices ) ); break;
-      case Event::remove: world_.unconfigure( key ); break;
-      case Event::moveRows:
-         world_.unconfigure( key );
-         configureIfFree( withRowsMoved( rule, choices ) );
-         break;
-      case Event::addAgain:
-         world_.unconfigure( key );
-         world_.configure( Model::anew( rule ) );
-         break;
-      default: break;
-      }
-   }
-
-   void replay( Choices & choices ) {
-      switch ( choices.below( 3 ) ) {
-      case 0: world_.replay(); break;
-      case 1: world_.deleteAll(); [[fallthrough]];
-      case 2: world_.addAll(); break;
-      }
-   }
-
-   void rest() {
-      if ( !world_.rest() ) {
-         return;
-      }
-      world_.check();
-      rcAssertNoFaults();
-      if ( !world_.isCleaningUp() ) {
-         world_.retryRefused();
-      }
-   }
-
-   void faults( Choices & choices ) {
-      auto & hardware = world_.hardware();
-      hardware.failEvery = choices.of( { 0u, 0u, 1u, 2u, 3u, 5u } );
-      hardware.refuseEvery = choices.of( { 0u, 0u, 1u, 2u, 3u } );
-      hardware.capacity = choices.of< std::size_t >( { 1'000, 1'000, 2, 5, 9 } );
-      hardware.delay = choices.of< U64 >( { 0, 0, 1, 3 } );
-      hardware.order.reset();
-      if ( choices.oneIn( 2 ) ) {
-         hardware.order.emplace( choices.below( 1'000 ) );
-      }
-   }
-
    World world_;
 };
 

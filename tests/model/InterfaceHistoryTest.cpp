@@ -78,6 +78,15 @@ struct Model {
       return result;
    }
 
+   Support::Lines text() const {
+      Support::Lines lines;
+      for ( auto const & [ key, entry ] : written ) {
+         lines.push_back( Support::swTableLine( key, vlanIds( key ), entry.fragment, *entry.madeFrom ) );
+      }
+      std::ranges::sort( lines );
+      return lines;
+   }
+
    Pairs pairs() const {
       Pairs result;
       for ( auto const & [ key, entry ] : rules ) {
@@ -130,18 +139,8 @@ class World final : EntryWatcher {
    }
 
    void check() const {
-      auto const & entries = swTableConfig_->staticEntry();
       RC_ASSERT( changes_ == model_.changes );
-      RC_ASSERT( entries.count() == model_.written.size() );
-      for ( auto const & [ key, expected ] : model_.written ) {
-         auto const entry = swTableConfig_->staticEntry( key );
-         RC_ASSERT( entry );
-         RC_ASSERT( entry->programmerEntry() == expected.madeFrom );
-         RC_ASSERT( entry->fragment() == expected.fragment );
-         std::set< U16 > vlanIds;
-         entry->vlanId().forEach( [ & ]( Bridging::VlanId vlanId ) { vlanIds.insert( vlanId.value() ); } );
-         RC_ASSERT( vlanIds == model_.vlanIds( key ) );
-      }
+      RC_ASSERT( Support::swTableText( *swTableConfig_ ) == model_.text() );
       checkDependencies();
    }
 
@@ -158,6 +157,7 @@ class World final : EntryWatcher {
       return Support::staticEntry( pairs[ below( 4 ) ],
                                    { .vrfId = below( 5 ) == 0 ? 7U : 0U,
                                      .vlanId = vlanIds[ below( 4 ) ],
+                                     .intfQualifier = static_cast< U16 >( below( 2 ) ),
                                      .connection = { .target = static_cast< NatTarget >( below( 2 ) ),
                                                      .protocol = static_cast< U8 >( below( 5 ) == 0 ? 17 : 6 ) } } );
    }

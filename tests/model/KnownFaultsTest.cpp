@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <set>
 
 namespace {
 
@@ -32,22 +31,8 @@ bool shareRows( AnyRule const & a, AnyRule const & b ) {
 
 class KnownFaults : public testing::Test {
  protected:
-   KnownFaults() { programmer.tables.hardware->policyIs( hardware ); }
-
    void configure( AnyRule const & rule ) { Support::configure( *programmer.config, rule ); }
    void unconfigure( AnyRule const & rule ) { Support::unconfigure( *programmer.config, keyOf( rule ) ); }
-
-   // But for those in use.
-   void allIdsAreFree() {
-      std::set< U64 > used;
-      programmer.natIdInfo->matchKeyToNatId().forEach(
-         [ & ]( Pfe::NatMatchKey const &, Pfe::NatId id ) { used.insert( id.value() ); } );
-      for ( U64 id = 1; id <= Pfe::NatId::max; ++id ) {
-         if ( !used.contains( id ) ) {
-            programmer->natIdManager()->natIdBitmap()->clearBit( id );
-         }
-      }
-   }
 
    // Everything works again, and what failed is sent once more.
    void recover() {
@@ -71,8 +56,8 @@ class KnownFaults : public testing::Test {
       return found;
    }
 
-   std::shared_ptr< Model::FaultyHardware > hardware = std::make_shared< Model::FaultyHardware >();
    Support::Programmer programmer;
+   std::shared_ptr< Support::ScriptedHardware > const hardware = programmer.chip;
 };
 
 TEST_F( KnownFaults, AFailedCreateIsRepairedByARetryAndByTheSameConfigurationAgain ) {
@@ -118,12 +103,12 @@ TEST_F( KnownFaults, ADeleteOfWhatWasNeverProgrammedTouchesNothingElse ) {
          programmer.settle();
       }
       unconfigure( goes );
-      allIdsAreFree();
+      programmer.freeIdsAre( Pfe::NatId::max );
       recover();
       expectAsFresh();
       unconfigure( stays );
       ASSERT_TRUE( programmer.settleToRest() );
-      ASSERT_EQ( programmer.tables.rowCount() + programmer.idsInUse(), 0U );
+      ASSERT_TRUE( programmer.isEmpty() );
    }
 }
 

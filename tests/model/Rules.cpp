@@ -9,7 +9,6 @@ namespace Model {
 using Ip::Nat::NatTarget;
 using Netix::IpAndPort;
 using Support::DynamicRule;
-using Support::Packet;
 using Support::StaticRule;
 using Support::TwiceRule;
 
@@ -255,9 +254,9 @@ Exchange exchange( Netix::IntfId natIntf, U16 qualifier, U32 vrfId, U8 protocol,
                    Rewrite const & after ) {
    Exchange result;
    auto & sent = result.sent;
-   ( enters ? sent.inIntf : sent.outIntf ) = natIntf;
-   ( enters ? sent.outIntf : sent.inIntf ) = Support::intf( "ethernet99" );
-   ( enters ? sent.inQualifier : sent.outQualifier ) = qualifier;
+   ( enters ? sent.in : sent.out ) = natIntf;
+   ( enters ? sent.out : sent.in ) = Support::intf( "ethernet99" );
+   result.interfaces.qualifiers.emplace( natIntf, qualifier );
    sent.vrfId = vrfId;
    sent.protocol = protocol != 0 ? protocol : 6;
    sent.source = sentAs( before.source );
@@ -300,6 +299,7 @@ Exchange exchangeOf( DynamicRule const & rule, Chip const & chip ) {
 
 Exchange exchangeOf( AnyRule const & rule, Chip const & chip ) {
    auto result = std::visit( [ & ]( auto const & r ) { return exchangeOf( r, chip ); }, rule );
+   result.interfaces.vrfLess = chip.vrfLess;
    if ( isMulticast( rule ) ) {
       // Every copy leaves by an interface of its own, with its ports as they were.
       auto const translated = result.received[ 0 ];
@@ -308,7 +308,7 @@ Exchange exchangeOf( AnyRule const & rule, Chip const & chip ) {
          auto & copy = result.received.emplace_back( translated );
          copy.source.port = result.sent.source.port;
          copy.destination.port = result.sent.destination.port;
-         copy.outIntf = Support::intf( name );
+         copy.out = Support::intf( name );
       }
    }
    return result;

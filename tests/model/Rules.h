@@ -1,7 +1,9 @@
 // What each kind of rule means: the ingress rows that it becomes, and what it does to a packet.
 #pragma once
 
-#include <tests/support/PacketWalker.h>
+#include "agent/PacketWalk.h"
+
+#include <tests/support/Programmer.h>
 
 #include <optional>
 #include <string>
@@ -77,8 +79,9 @@ bool isMulticast( IngressKey const & key );
 
 // A packet that the rule translates, what becomes of it, and whether its answer comes back whole.
 struct Exchange {
-   Support::Packet sent;
-   std::vector< Support::Packet > received;
+   Agent::Packet sent;
+   std::vector< Agent::Packet > received;
+   Agent::Interfaces interfaces;
    bool portsComeBack = true;
 };
 Exchange exchangeOf( AnyRule const & rule, Chip const & chip );

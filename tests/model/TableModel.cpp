@@ -82,16 +82,10 @@ Snapshot::Snapshot( Support::Tables const & tables ) {
          rewriteOf.emplace( &row, name );
       } );
    };
-   readRewrites( RewriteTable::source, *tables.source );
-   readRewrites( RewriteTable::destination, *tables.destination );
-   readRewrites( RewriteTable::copies, *tables.multicast );
-
-   readMatches( *tables.ingress, rewriteOf );
-   readMatches( *tables.twice, rewriteOf );
-   readMatches( *tables.snapt, rewriteOf );
-   readMatches( *tables.dnapt, rewriteOf );
-   readMatches( *tables.snat, rewriteOf );
-   readMatches( *tables.dnat, rewriteOf );
+   readRewrites( RewriteTable::source, *tables.all.of< Pfe::EgrSourceNatUcRewriteTable >() );
+   readRewrites( RewriteTable::destination, *tables.all.of< Pfe::EgrDestinationNatUcRewriteTable >() );
+   readRewrites( RewriteTable::copies, *tables.all.of< Pfe::EgrNatMcRewriteTable >() );
+   tables.all.forEachIngress( [ & ]( auto & table ) { readMatches( table, rewriteOf ); } );
 }
 
 template< class Table >
@@ -153,16 +147,32 @@ void Snapshot::readMatches( Table & table,
 
 // --- Expectations ----------------------------------------------------------------------------------------------------
 
+std::set< U32 > ExpectedTables::takenIds() const {
+   auto taken = blockedIds_;
+   taken.insert( 0 );
+   for ( auto const & [ matchKey, id ] : ids ) {
+      taken.insert( id );
+   }
+   return taken;
+}
+
+void ExpectedTables::freeIdsAre( U32 last ) {
+   blockedIds_.clear();
+   auto const taken = takenIds();
+   for ( U32 id = last + 1; id <= largestId; ++id ) {
+      if ( !taken.contains( id ) ) {
+         blockedIds_.insert( id );
+      }
+   }
+}
+
 std::optional< U32 > ExpectedTables::allocate( Pfe::NatMatchKey const & matchKey ) {
    if ( auto const known = ids.find( matchKey ); known != ids.end() ) {
       return known->second;
    }
-   auto used = blockedIds;
-   for ( auto const & [ key, id ] : ids ) {
-      used.insert( id );
-   }
+   auto const taken = takenIds();
    for ( U32 id = 1; id <= largestId; ++id ) {
-      if ( !used.contains( id ) ) {
+      if ( !taken.contains( id ) ) {
          return ids[ matchKey ] = id;
       }
    }
@@ -313,11 +323,7 @@ void ExpectedTables::checkIds( Snapshot const & seen, Pfe::NatIdManager const & 
    if ( persisted != ids ) {
       faults.push_back( "the persisted ids are not those that rows hold" );
    }
-   auto taken = blockedIds;
-   taken.insert( 0 );
-   for ( auto const & [ matchKey, id ] : ids ) {
-      taken.insert( id );
-   }
+   auto const taken = takenIds();
    for ( U32 id = 0; id <= largestId; ++id ) {
       if ( manager.natIdBitmap()->bit( id ) != taken.contains( id ) ) {
          faults.push_back( "the pool is wrong about id " + std::to_string( id ) );

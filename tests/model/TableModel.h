@@ -55,8 +55,8 @@ class ExpectedTables {
    // The tables are dropped; ids stay.
    void clear();
 
-   // Ids that are not to be handed out although nobody holds them.
-   std::set< U32 > blockedIds;
+   // Of those that nobody holds now, the ids behind `last` are not to be handed out.
+   void freeIdsAre( U32 last );
    std::map< Pfe::NatMatchKey, U32 > ids;
 
    // Whether row and rewrites have settled, these last asked for as the direction wants them. Directions that match the
@@ -71,10 +71,12 @@ class ExpectedTables {
 
  private:
    static std::vector< Rewrite > rewritesOf( Direction const & direction, bool isTwin );
+   std::set< U32 > takenIds() const;
    std::optional< U32 > allocate( Pfe::NatMatchKey const & matchKey );
    bool write( Direction const & direction, bool isTwin, std::optional< IngressKey > const & twin );
    void checkIds( Snapshot const & seen, Pfe::NatIdManager const & manager, Lines & faults ) const;
 
+   std::set< U32 > blockedIds_;
    std::set< IngressKey > wanted_;  // rows for whole packets
    // Contents asked for since the row came up, the newest last.
    std::map< IngressKey, std::vector< Match > > matches_;

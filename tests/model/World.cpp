@@ -179,7 +179,7 @@ void World::retryOver() {
 // --- What happens ----------------------------------------------------------------------------------------------------
 
 World::World( U32 freeIds, Chip const & chip, bool talkativeHardware ) : freeIds_( freeIds ), chip_( chip ) {
-   hardware_->talkative = talkativeHardware;
+   surroundings_.chip->talkative = talkativeHardware;
    surroundings_.config->vrfLessIs( chip.vrfLess );
    surroundings_.capabilities->fullConeProgrammedIs( chip.fullConeProgrammed );
    surroundings_.mcast->accepts = []( AnyRule const & rule ) {
@@ -200,7 +200,6 @@ void World::start() {
          programmer->hasNotificationActiveIs( true );
          return Pfe::NatSwTableProgrammerSm::Ptr( programmer );
       } );
-   running_->tables.hardware->policyIs( hardware_ );
    freeIdsAre( freeIds_ );
    replay();
 }
@@ -220,27 +219,10 @@ void World::restart() {
    start();
 }
 
-void World::freeIdsAre( U32 count ) {
-   freeIds_ = count;
-   tables_.blockedIds.clear();
-   auto & bitmap = *running_->sm->natIdManager()->natIdBitmap();
-   std::set< U32 > used;
-   running_->natIdInfo->matchKeyToNatId().forEach(
-      [ & ]( Pfe::NatMatchKey const &, Pfe::NatId id ) { used.insert( id.value() ); } );
-   for ( U32 id = 1; id <= ExpectedTables::largestId; ++id ) {
-      if ( used.contains( id ) ) {
-         continue;
-      }
-      if ( id <= count ) {
-         bitmap.clearBit( id );
-      } else {
-         bitmap.setBit( id );
-         tables_.blockedIds.insert( id );
-      }
-   }
-   for ( U32 id = ExpectedTables::largestId + 1; id <= Pfe::NatId::max && !bitmap.bit( id ); ++id ) {
-      bitmap.setBit( id );
-   }
+void World::freeIdsAre( U32 last ) {
+   freeIds_ = last;
+   running_->freeIdsAre( last );
+   tables_.freeIdsAre( last );
 }
 
 void World::configure( AnyRule const & rule ) { Support::configure( *surroundings_.config, rule ); }
@@ -316,7 +298,7 @@ bool World::collides( AnyRule const & rule ) const {
 // --- Checks ----------------------------------------------------------------------------------------------------------
 
 void World::check() {
-   if ( hardware_->talkative ) {
+   if ( surroundings_.chip->talkative ) {
       faults_.clear();
       if ( running_->tables.hardware->outstanding() == 0 ) {
          running_->sm->atRest();
@@ -417,57 +399,59 @@ void World::checkPackets( Snapshot const & seen ) {
          } );
       };
       if ( all( false ) ) {
-         checkExchange( rule, Support::Packet::Part::whole );
-         checkExchange( rule, Support::Packet::Part::firstFragment );
+         checkExchange( rule, Agent::Packet::Part::whole );
+         checkExchange( rule, Agent::Packet::Part::firstFragment );
       }
       if ( config().fragmentationEnabled() && all( true ) ) {
-         checkExchange( rule, Support::Packet::Part::laterFragment );
+         checkExchange( rule, Agent::Packet::Part::laterFragment );
       }
    }
 }
 
-void World::checkExchange( AnyRule const & rule, Support::Packet::Part part ) {
+void World::checkExchange( AnyRule const & rule, Agent::Packet::Part part ) {
    auto const exchange = exchangeOf( rule, chip_ );
-   auto const asPart = [ & ]( Support::Packet packet ) {
+   auto const key = keyOf( rule );
+   auto const asPart = [ & ]( Agent::Packet packet ) {
       packet.part = part;
-      if ( part == Support::Packet::Part::laterFragment ) {
+      if ( part == Agent::Packet::Part::laterFragment ) {
          packet.source.port = packet.destination.port = 0;
       }
       return packet;
    };
-   // Whether the packet met a row of the rule. It may meet one of another rule that matches it better or as well.
-   auto const meets = [ & ]( Support::Walked const & walked, AnyKey const & key ) {
-      expect( !walked.rows.empty(), "a packet meets no row", key );
-      return !walked.ambiguous && std::ranges::all_of( walked.rows, [ & ]( IngressKey const & row ) {
-         return std::ranges::any_of( directionsOf( rule ), [ & ]( Direction const & direction ) {
-            return row == direction.key || row == direction.twinKey;
-         } );
-      } );
+   // What leaves of a packet that meets a row of the rule. It may meet one of another rule that matches it better or as
+   // well; then nothing.
+   auto const walked = [ & ]( Agent::Packet const & packet ) {
+      auto const passage = walk( running_->tables.all, packet, exchange.interfaces );
+      expect( !passage.matches.empty(), "a packet meets no row", key );
+      std::vector< Agent::Packet > leaving;
+      if ( passage.matches.size() == 1 &&
+           std::ranges::any_of( directionsOf( rule ), [ & ]( Direction const & direction ) {
+              return passage.matches[ 0 ].key == direction.key || passage.matches[ 0 ].key == direction.twinKey;
+           } ) ) {
+         std::ranges::transform( passage.copies, std::back_inserter( leaving ), &Agent::Copy::packet );
+         expect( !leaving.empty(), "a packet is lost", key );
+      }
+      return leaving;
    };
-   auto const key = keyOf( rule );
    auto const sent = asPart( exchange.sent );
-   auto const out = walk( running_->tables, sent );
-   if ( !meets( out, key ) ) {
+   auto const out = walked( sent );
+   if ( out.empty() ) {
       return;
    }
    ++exchangesChecked[ rule.index() ];
-   expect( std::ranges::equal( out.packets, exchange.received, {}, {}, asPart ), "a packet is not translated", key );
-   if ( isMulticast( rule ) || out.packets.size() != 1 ) {
+   expect( std::ranges::equal( out, exchange.received, {}, {}, asPart ), "a packet is not translated", key );
+   if ( isMulticast( rule ) || out.size() != 1 ) {
       return;
    }
-   auto reply = out.packets[ 0 ];
-   std::swap( reply.inIntf, reply.outIntf );
-   std::swap( reply.inQualifier, reply.outQualifier );
-   std::swap( reply.source, reply.destination );
-   auto const back = walk( running_->tables, reply );
-   if ( !meets( back, key ) ) {
+   auto const back = walked( replyTo( out[ 0 ] ) );
+   if ( back.empty() ) {
       return;
    }
-   bool const sameAddresses =
-      back.packets[ 0 ].destination.ip == sent.source.ip && back.packets[ 0 ].source.ip == sent.destination.ip;
-   bool const samePorts =
-      back.packets[ 0 ].destination.port == sent.source.port && back.packets[ 0 ].source.port == sent.destination.port;
-   expect( sameAddresses && ( samePorts || !exchange.portsComeBack ), "an answer does not come back", key );
+   auto const & [ destination, source ] = std::tie( back[ 0 ].destination, back[ 0 ].source );
+   bool const samePorts = destination.port == sent.source.port && source.port == sent.destination.port;
+   expect( destination.ip == sent.source.ip && source.ip == sent.destination.ip &&
+              ( samePorts || !exchange.portsComeBack ),
+           "an answer does not come back", key );
 }
 
 bool World::isAllProgrammed() const {
@@ -480,13 +464,7 @@ void World::checkAgainstFresh() {
 }
 
 void World::checkEmpty() {
-   bool anyRow = false;
-   for ( auto * const table : running_->tables.hardware->tables() ) {
-      table->forEachRow( []( void * any, Asic::Row & ) { *static_cast< bool * >( any ) = true; }, &anyRow );
-      anyRow = anyRow || table->rowCount() != 0 || table->hardwareRowCount() != 0;
-   }
-   if ( anyRow || running_->idsInUse() != 0 || !Support::outcomes( *running_->status ).empty() ||
-        running_->sm->natIdManager()->matchKeyToIngKeySet().count() != 0 || running_->sm->refusedCount() != 0 ) {
+   if ( !running_->isEmpty() ) {
       fault( "something is left of deleted rules" );
    }
    running_.reset();

@@ -13,41 +13,6 @@
 
 namespace Model {
 
-// Hardware that fails, refuses, waits and reorders.
-class FaultyHardware final : public Asic::HardwarePolicy {
- public:
-   unsigned failEvery = 0;    // every n-th write; 0: none
-   unsigned refuseEvery = 0;  // every n-th removal
-   std::size_t capacity = ~std::size_t{ 0 };
-   U64 delay = 0;
-   std::optional< std::mt19937 > order;
-   bool talkative = false;  // reports everything
-
-   // Takes everything at once from now on.
-   void heal() {
-      bool const reports = talkative;
-      *this = {};
-      talkative = reports;
-   }
-
-   bool isReady( Request const & request ) override { return request.turnsWaited > delay; }
-   Asic::EntryState outcomeOfWrite( Request const & request ) override {
-      if ( failEvery != 0 && ++writes_ % failEvery == 0 ) {
-         return Asic::EntryState::failed;
-      }
-      bool const isFull = request.addsRow && request.table.hardwareRowCount() >= capacity;
-      return isFull ? Asic::EntryState::full : Asic::EntryState::settled;
-   }
-   bool refusesRemoval( Request const & ) override { return refuseEvery != 0 && ++removals_ % refuseEvery == 0; }
-   bool reorders() const override { return order.has_value(); }
-   bool reportsEverything() const override { return talkative; }
-   std::size_t choose( std::size_t count ) override { return ( *order )() % count; }
-
- private:
-   unsigned writes_ = 0;
-   unsigned removals_ = 0;
-};
-
 // What the base programmer hands over is compared with what it must hand over, call by call, and told to the model of
 // the tables. Nothing here throws: what is wrong is collected.
 class World {
@@ -72,11 +37,11 @@ class World {
    // Only at rest.
    void retryRefused();
    void restart();
-   void freeIdsAre( U32 count );
+   void freeIdsAre( U32 last );
    // Turns until nothing is outstanding, and says so to the programmer. False when that takes too long.
    bool rest();
 
-   FaultyHardware & hardware() { return *hardware_; }
+   Support::ScriptedHardware & hardware() { return *surroundings_.chip; }
    Pfe::NatProgrammerConfig const & config() const { return *surroundings_.config; }
    std::map< AnyKey, AnyRule > configured() const { return Support::configured( config() ); }
    bool isCleaningUp() const { return cleaningUp_; }
@@ -124,12 +89,11 @@ class World {
    void checkHandOvers();
    void checkStatus( Snapshot const & seen );
    void checkPackets( Snapshot const & seen );
-   void checkExchange( AnyRule const & rule, Support::Packet::Part part );
+   void checkExchange( AnyRule const & rule, Agent::Packet::Part part );
    void expect( bool holds, std::string const & text, AnyKey const & key );
    void fault( std::string const & text ) { faults_.push_back( text ); }
 
    Support::Surroundings surroundings_;
-   std::shared_ptr< FaultyHardware > hardware_ = std::make_shared< FaultyHardware >();
    std::unique_ptr< Support::Programmer > running_;
    ExpectedTables tables_;
    U32 freeIds_;

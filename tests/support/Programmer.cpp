@@ -1,6 +1,12 @@
 #include <tests/support/Programmer.h>
 
+#include "agent/Text.h"
+
 #include <Trace/RingTrace.h>
+
+#include <algorithm>
+#include <numeric>
+#include <set>
 
 namespace Support {
 
@@ -64,15 +70,15 @@ Pfe::EgrMcastEntry McastHook::getTwiceEgrMcastEntry( Pfe::NatProgrammerTwiceKey 
 // --- Tables ----------------------------------------------------------------------------------------------------------
 
 void Tables::attachTo( Pfe::NatSwTableProgrammerSm & programmer ) const {
-   programmer.egrSourceNatUcRewriteTableIs( source );
-   programmer.egrDestinationNatUcRewriteTableIs( destination );
-   programmer.egrNatMcRewriteTableIs( multicast );
-   programmer.ingStaticNatTableIs( ingress );
-   programmer.ingTwiceNatTableIs( twice );
-   programmer.ingDynamicSnaptTableIs( snapt );
-   programmer.ingDynamicDnaptTableIs( dnapt );
-   programmer.ingDynamicSnatAddrOnlyTableIs( snat );
-   programmer.ingDynamicDnatAddrOnlyTableIs( dnat );
+   programmer.egrSourceNatUcRewriteTableIs( all.of< Pfe::EgrSourceNatUcRewriteTable >() );
+   programmer.egrDestinationNatUcRewriteTableIs( all.of< Pfe::EgrDestinationNatUcRewriteTable >() );
+   programmer.egrNatMcRewriteTableIs( all.of< Pfe::EgrNatMcRewriteTable >() );
+   programmer.ingStaticNatTableIs( all.of< Pfe::IngStaticNatTable >() );
+   programmer.ingTwiceNatTableIs( all.of< Pfe::IngTwiceNatTable >() );
+   programmer.ingDynamicSnaptTableIs( all.of< Pfe::IngDynamicSnaptTable >() );
+   programmer.ingDynamicDnaptTableIs( all.of< Pfe::IngDynamicDnaptTable >() );
+   programmer.ingDynamicSnatAddrOnlyTableIs( all.of< Pfe::IngDynamicSnatAddrOnlyTable >() );
+   programmer.ingDynamicDnatAddrOnlyTableIs( all.of< Pfe::IngDynamicDnatAddrOnlyTable >() );
 }
 
 void Tables::clear() const {
@@ -82,19 +88,25 @@ void Tables::clear() const {
 }
 
 std::size_t Tables::rowCount() const {
-   std::size_t rows = 0;
-   for ( auto const * const table : hardware->tables() ) {
-      rows += table->rowCount();
-   }
-   return rows;
+   auto const add = []( std::size_t rows, auto const * table ) { return rows + table->rowCount(); };
+   return std::accumulate( hardware->tables().begin(), hardware->tables().end(), std::size_t{ 0 }, add );
 }
 
 std::size_t Tables::failedRowCount() const {
-   std::size_t rows = 0;
-   for ( auto const * const table : hardware->tables() ) {
-      rows += table->failedRowCount();
-   }
-   return rows;
+   auto const add = []( std::size_t rows, auto const * table ) { return rows + table->failedRowCount(); };
+   return std::accumulate( hardware->tables().begin(), hardware->tables().end(), std::size_t{ 0 }, add );
+}
+
+Lines Tables::text() const {
+   Lines lines;
+   all.forEach( [ & ]( auto const & table ) {
+      table.forEach( [ & ]( auto const & key, auto const & entry, Asic::EntryHandle const & handle ) {
+         lines.push_back( std::string( table.name() ) + ' ' + Vexa::stringOf( key ) + ": " + Vexa::stringOf( entry ) +
+                          ' ' + std::string( Agent::stateText( handle.state() ) ) );
+      } );
+   } );
+   std::ranges::sort( lines );
+   return lines;
 }
 
 // --- Programmer ------------------------------------------------------------------------------------------------------
@@ -125,17 +137,27 @@ bool Programmer::settleToRest() const {
    return true;
 }
 
-void Programmer::freeIdsAre( U32 count ) const {
+void Programmer::freeIdsAre( U32 last ) const {
+   std::set< U32 > used;
+   natIdInfo->matchKeyToNatId().forEach(
+      [ & ]( Pfe::NatMatchKey const &, Pfe::NatId id ) { used.insert( id.value() ); } );
    auto & bitmap = *sm->natIdManager()->natIdBitmap();
    for ( U32 id = 1; id <= Pfe::NatId::max; ++id ) {
-      if ( !bitmap.bit( id ) ) {
-         if ( count == 0 ) {
-            bitmap.setBit( id );
-         } else {
-            --count;
-         }
+      if ( id > last ) {
+         bitmap.setBit( id );
+      } else if ( !used.contains( id ) ) {
+         bitmap.clearBit( id );
       }
    }
+}
+
+bool Programmer::isEmpty() const {
+   bool anyRow = false;
+   for ( auto * const table : tables.hardware->tables() ) {
+      table->forEachRow( []( void * any, Asic::Row & ) { *static_cast< bool * >( any ) = true; }, &anyRow );
+   }
+   return !anyRow && idsInUse() == 0 && outcomes( *status ).empty() && sm->refusedCount() == 0 &&
+          sm->natIdManager()->matchKeyToIngKeySet().count() == 0;
 }
 
 // --- Traces ----------------------------------------------------------------------------------------------------------

@@ -3,6 +3,8 @@
 
 #include "PfeNat/PfeNatSwTableProgrammerSm.h"
 
+#include "agent/NatTables.h"
+
 #include <tests/support/AnyRule.h>
 #include <tests/support/ScriptedHardware.h>
 
@@ -78,16 +80,7 @@ class McastHook final : public Pfe::NatMcastProgrammerHelper {
 // All tables of one chip.
 struct Tables {
    Asic::Hardware::Ptr hardware = Orla::make< Asic::Hardware >();
-   Orla::Ptr< Pfe::EgrSourceNatUcRewriteTable > source = Orla::make< Pfe::EgrSourceNatUcRewriteTable >( hardware );
-   Orla::Ptr< Pfe::EgrDestinationNatUcRewriteTable > destination =
-      Orla::make< Pfe::EgrDestinationNatUcRewriteTable >( hardware );
-   Orla::Ptr< Pfe::EgrNatMcRewriteTable > multicast = Orla::make< Pfe::EgrNatMcRewriteTable >( hardware );
-   Orla::Ptr< Pfe::IngStaticNatTable > ingress = Orla::make< Pfe::IngStaticNatTable >( hardware );
-   Orla::Ptr< Pfe::IngTwiceNatTable > twice = Orla::make< Pfe::IngTwiceNatTable >( hardware );
-   Orla::Ptr< Pfe::IngDynamicSnaptTable > snapt = Orla::make< Pfe::IngDynamicSnaptTable >( hardware );
-   Orla::Ptr< Pfe::IngDynamicDnaptTable > dnapt = Orla::make< Pfe::IngDynamicDnaptTable >( hardware );
-   Orla::Ptr< Pfe::IngDynamicSnatAddrOnlyTable > snat = Orla::make< Pfe::IngDynamicSnatAddrOnlyTable >( hardware );
-   Orla::Ptr< Pfe::IngDynamicDnatAddrOnlyTable > dnat = Orla::make< Pfe::IngDynamicDnatAddrOnlyTable >( hardware );
+   Agent::NatTables all{ hardware };
 
    void attachTo( Pfe::NatSwTableProgrammerSm & programmer ) const;
    void clear() const;
@@ -95,13 +88,7 @@ struct Tables {
    std::size_t rowCount() const;
    std::size_t failedRowCount() const;
 
-   // Every row that look-ups see, one line each, ingress rows first, sorted:
-   //    forward eth1 10.0.0.1:80, 10.9.0.9:81 > 192.0.2.1:82, 192.0.2.9:83 | source 1/5 | twin none | nextHop 0
-   //    snapt q5 10.0.0.1:80, 192.0.2.9:81 proto 6 | source 3/5 | twin 10.0.0.1, 192.0.2.9 | natId 3 nextHop 0
-   //    snat q5 10.0.0.1 | source 4/5 | twin none | natId 4 nextHop 0
-   //    source eth1 10.0.0.1:80 > 192.0.2.1:80 proto 6 | source 2/5 | twin 10.0.0.1 > 192.0.2.1 | nextHop 0 acl 0
-   //    source 2/5 | 192.0.2.1:80 > 0.0.0.0
-   // Rewrites are named by table, NAT id and qualifier (or replication). Rows that have not settled say so at the end.
+   // Every row that look-ups see, with its table, contents and state, one line each, sorted.
    Lines text() const;
 };
 
@@ -139,8 +126,10 @@ class Programmer : public Surroundings {
    // Absent while the rule has none.
    std::optional< PfeHelper::NatHwResult > result( AnyKey const & key ) const { return resultOf( *status, key ); }
    std::size_t idsInUse() const { return natIdInfo->matchKeyToNatId().count(); }
-   // Takes ids out of the pool until `count` are free, without anybody holding them.
-   void freeIdsAre( U32 count ) const;
+   // Of the ids up to `last`, those that are not in use are free from now on, and no other.
+   void freeIdsAre( U32 last ) const;
+   // Whether nothing is left of any rule.
+   bool isEmpty() const;
 
    Tables tables;
    Pfe::NatProgrammerStatus::Ptr status = Orla::make< Pfe::NatProgrammerStatus >();

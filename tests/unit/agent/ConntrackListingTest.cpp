@@ -10,9 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <map>
-#include <sstream>
+#include <string>
 
 namespace {
 
@@ -41,6 +39,15 @@ Support::Lines learnedIn( ConntrackListing const & listing, bool withLine = true
    return lines;
 }
 
+std::string faultsOf( std::string_view text ) {
+   try {
+      read( text );
+   } catch ( Agent::UnusableInput const & fault ) {
+      return fault.what();
+   }
+   return "none";
+}
+
 // --- Entries ---------------------------------------------------------------------------------------------------------
 
 TEST( ConntrackListing, TakesEveryFormOfAnEntry ) {
@@ -51,22 +58,10 @@ TEST( ConntrackListing, TakesEveryFormOfAnEntry ) {
       std::string_view learned;
    };
    constexpr Case cases[] = {
-      { "plain",
-        "tcp      6 431997 ESTABLISHED src=10.0.0.11 dst=203.0.113.9 sport=4000 dport=80 src=203.0.113.9 "
-        "dst=198.51.100.1 sport=80 dport=1024 [ASSURED] mark=0 use=1",
-        tcpLearned },
       { "extended, with counters, times and ids",
         "ipv4     2 tcp      6 431998 ESTABLISHED src=10.0.0.11 dst=203.0.113.9 sport=4000 dport=80 packets=4 bytes=217 "
         "src=203.0.113.9 dst=198.51.100.1 sport=80 dport=1024 packets=3 bytes=165 [ASSURED] mark=0 "
         "[start=Sat Nov 22 22:15:01 2025] delta-time=2 use=1 id=1356848966",
-        tcpLearned },
-      { "first packet unanswered",
-        "tcp 6 119 SYN_SENT src=10.0.0.11 dst=203.0.113.9 sport=4000 dport=80 [UNREPLIED] src=203.0.113.9 "
-        "dst=198.51.100.1 sport=80 dport=1024 mark=0 use=1",
-        tcpLearned },
-      { "offloaded, without timeout and state",
-        "tcp 6 src=10.0.0.11 dst=203.0.113.9 sport=4000 dport=80 src=203.0.113.9 dst=198.51.100.1 sport=80 dport=1024 "
-        "[HW_OFFLOAD] mark=0 use=2",
         tcpLearned },
       { "zones, mark and security context",
         "tcp 6 9 TIME_WAIT src=10.0.0.11 dst=203.0.113.9 sport=4000 dport=80 zone-orig=3 src=203.0.113.9 "
@@ -77,14 +72,6 @@ TEST( ConntrackListing, TakesEveryFormOfAnEntry ) {
         "tcp 6 9 CLOSE src=10.0.0.11 dst=203.0.113.9 sport=4000 dport=80 src=203.0.113.9 dst=198.51.100.1 sport=80 "
         "dport=1024 mark=0 secmark=0 use=1 helper=ftp labels=a,b colour=blue",
         tcpLearned },
-      { "tabs, and the line ends of another system",
-        "tcp\t6 9 CLOSE src=10.0.0.11 dst=203.0.113.9 sport=4000 dport=80 src=203.0.113.9 dst=198.51.100.1 sport=80 "
-        "dport=1024 mark=0 use=1\r",
-        tcpLearned },
-      { "UDP forward",
-        "udp      17 27 src=203.0.113.9 dst=198.51.100.1 sport=54000 dport=5000 [UNREPLIED] src=10.0.0.22 "
-        "dst=203.0.113.9 sport=6000 dport=54000 mark=0 use=1",
-        "1: 17 203.0.113.9:54000 > 198.51.100.1:5000, destination 10.0.0.22:6000" },
       // The id belongs to the host that asks, on either side.
       { "query with another id",
         "icmp     1 27 src=10.0.0.12 dst=198.51.100.81 type=8 code=0 id=4660 src=198.51.100.81 dst=198.51.100.1 type=0 "
@@ -98,9 +85,6 @@ TEST( ConntrackListing, TakesEveryFormOfAnEntry ) {
         "ipv4     2 gre      47 27 timeout=30, stream_timeout=180 src=10.0.0.13 dst=198.51.100.82 srckey=0x0 "
         "dstkey=0x0 [UNREPLIED] src=198.51.100.82 dst=198.51.100.1 srckey=0x0 dstkey=0x0 mark=0 zone=0 use=2",
         "1: 47 10.0.0.13 > 198.51.100.82, source 198.51.100.1" },
-      { "a protocol that the tool has no name for",
-        "unknown  50 597 src=10.0.0.12 dst=198.51.100.81 [UNREPLIED] src=198.51.100.81 dst=198.51.100.1 mark=0 use=1",
-        "1: 50 10.0.0.12 > 198.51.100.81, source 198.51.100.1" },
    };
    for ( auto const & c : cases ) {
       SCOPED_TRACE( c.name );
@@ -115,14 +99,6 @@ TEST( ConntrackListing, NamesWhatItPassesOverAndWhy ) {
       NotLearned reason;
    };
    constexpr Case cases[] = {
-      { "not translated",
-        "tcp 6 9 CLOSE src=10.0.0.11 dst=10.0.0.1 sport=56000 dport=22 src=10.0.0.1 dst=10.0.0.11 sport=22 dport=56000 "
-        "mark=0 use=1",
-        NotLearned::notTranslated },
-      { "both sides",
-        "tcp 6 9 CLOSE src=10.0.0.13 dst=198.51.100.1 sport=55000 dport=80 src=10.0.0.21 dst=10.0.0.1 sport=8080 "
-        "dport=21021 [ASSURED] mark=0 use=1",
-        NotLearned::bothSides },
       { "IPv6",
         "tcp      6 431999 ESTABLISHED src=2001:db8:0:1::11 dst=2001:db8:0:2::81 sport=56000 dport=443 "
         "src=2001:db8:0:2::81 dst=2001:db8:0:1::11 sport=443 dport=56000 [ASSURED] mark=0 use=1",
@@ -135,10 +111,6 @@ TEST( ConntrackListing, NamesWhatItPassesOverAndWhy ) {
         "gre 47 179 src=10.0.0.13 dst=198.51.100.82 srckey=0x1f dstkey=0xffff src=198.51.100.82 dst=198.51.100.1 "
         "srckey=0xffff dstkey=0x1f [ASSURED] mark=0 use=1",
         NotLearned::greKeys },
-      { "port 0",
-        "udp 17 9 src=10.0.0.13 dst=198.51.100.82 sport=0 dport=9 src=198.51.100.82 dst=198.51.100.1 sport=9 dport=600 "
-        "mark=0 use=1",
-        NotLearned::wildcard },
    };
    for ( auto const & c : cases ) {
       SCOPED_TRACE( c.name );
@@ -163,33 +135,24 @@ constexpr std::string_view lastWords = "conntrack v1.4.7 (conntrack-tools): 2 fl
 
 TEST( ConntrackListing, EmptyLinesAndTheToolsLastWordsAreNoEntries ) {
    auto const first = udpEntry( 4000, 4000 ), second = udpEntry( 4001, 4001 );
-   struct Case {
-      char const * name;
-      std::string text;
-      unsigned secondLine;
-   };
-   Case const cases[] = {
-      { "none", first + second, 2 },
-      { "behind", first + second + std::string( lastWords ), 2 },
-      { "before", std::string( lastWords ) + first + second, 0 },
-      { "empty lines", "\n" + first + "\n  \r\n" + second, 5 },
-      // Where one file takes the tool's output and its errors.
-      { "inside the second entry", first + second.substr( 0, 30 ) + std::string( lastWords ) + second.substr( 30 ), 2 },
-      { "inside a number", first + second.substr( 0, 47 ) + std::string( lastWords ) + second.substr( 47 ), 2 },
-   };
-   for ( auto const & c : cases ) {
-      SCOPED_TRACE( c.name );
-      auto const listing = read( c.text );
+   std::string const last( lastWords );
+   for ( auto const & text :
+         { first + second + last, last + first + second, "\n" + first + "\n  \r\n" + second,
+           // Where one file takes the tool's output and its errors, in the middle of a number as well.
+           first + second.substr( 0, 30 ) + last + second.substr( 30 ),
+           first + second.substr( 0, 47 ) + last + second.substr( 47 ) } ) {
+      SCOPED_TRACE( text );
+      auto const listing = read( text );
       EXPECT_THAT( learnedIn( listing, false ),
                    ElementsAre( "17 10.0.0.11:4000 > 203.0.113.9:53, source 198.51.100.1:4000",
                                 "17 10.0.0.11:4001 > 203.0.113.9:53, source 198.51.100.1:4001" ) );
       EXPECT_THAT( listing.passedOver, IsEmpty() );
-      if ( c.secondLine != 0 ) {
-         EXPECT_EQ( listing.learned[ 1 ].line, c.secondLine );
-      }
    }
-   EXPECT_THAT( learnedIn( read( "" ) ), IsEmpty() );
    EXPECT_THAT( learnedIn( read( lastWords ) ), IsEmpty() );
+   auto const cut = first.substr( 0, first.find( " mark" ) );  // its last port may have been longer
+   EXPECT_EQ( faultsOf( cut ),
+              "list.txt: line 1, column " + std::to_string( cut.size() + 1 ) +
+                 ": the line ends here; allowed: use= or the end of the line, without which the entry may be cut off" );
 }
 
 TEST( ConntrackListing, TheSecondEntryOfARowIsNamedWithTheFirst ) {
@@ -206,28 +169,7 @@ TEST( ConntrackListing, TheSecondEntryOfARowIsNamedWithTheFirst ) {
               "line 3 (those of line 1), line 4 (those of line 2)\n" );
 }
 
-TEST( ConntrackListing, SummaryNamesTheFirstLinesOfManyAndCountsTheRest ) {
-   std::string text;
-   for ( int port = 1; port <= 13; ++port ) {
-      text += "udp 17 9 src=10.0.0.1 dst=10.0.0.2 sport=" + std::to_string( port ) +
-              " dport=9 src=10.0.0.2 dst=10.0.0.1 sport=9 dport=" + std::to_string( port ) + " mark=0 use=1\n";
-   }
-   EXPECT_EQ( read( text ).summary(),
-              "list.txt: connections learned: 0, entries passed over: 13\n"
-              "   13 not translated: line 1, line 2, line 3, line 4, line 5, line 6, line 7, line 8, line 9, line 10 "
-              "and 3 more\n" );
-}
-
 // --- Faults ----------------------------------------------------------------------------------------------------------
-
-std::string faultsOf( std::string_view text ) {
-   try {
-      read( text );
-   } catch ( Agent::UnusableInput const & fault ) {
-      return fault.what();
-   }
-   return "none";
-}
 
 TEST( ConntrackListing, AMalformedEntryIsRefusedWithPlaceAndWhatIsAllowed ) {
    // The good entry with one piece of it replaced.
@@ -252,31 +194,20 @@ TEST( ConntrackListing, AMalformedEntryIsRefusedWithPlaceAndWhatIsAllowed ) {
       { "ipv4 2", "{}",
         "column 1: \"{}\" does not fit; allowed: an entry as conntrack -L lists it, plain or with -o extended, which "
         "begins with a protocol's name and number" },
-      { "icmp 1", "icmp 6", protocolAllowed },
-      { "icmp 1", "icmp 256", protocolAllowed },
       { "icmp 1", "icmp x", protocolAllowed },
-      { "27", "27s", sourceAllowed },
       { "src=10.0.0.2", "", sourceAllowed },
       { "10.0.0.2", "10.0.0.256", sourceAllowed },
-      { "10.0.0.2", "10.0.0.02", sourceAllowed },
       { "10.0.0.2", "fe80::1", sourceAllowed },
-      { "dst=192.0.2.9", "dst=", destinationAllowed },
       { "dst=192.0.2.9", "dst=192.0.2.9/32", destinationAllowed },
       { "type=8", "type=256", "type= and a number from 0 to 255" },
       { "code=0", "code=-1", "code= and a number from 0 to 255" },
       { "id=7", "id=65536", idAllowed },
-      { "id=7", "id=+7", idAllowed },
-      { "id=7", "", idAllowed },
       { "packets=1", "packets=many", "a whole number behind the =" },
       { "[UNREPLIED]", "[unreplied]", flagAllowed },
-      { "[UNREPLIED]", "[UNREPLIED", flagAllowed },
       { "src=192.0.2.9", "src=2001:db8::9", sourceAllowed },
-      { "dst=192.0.2.1", "", destinationAllowed },
       { "mark=0", "mark=0x1", "a whole number behind the =" },
       { "zone=7", "zone=65536", "zone= and a number from 0 to 65535" },
-      { "use=1", "use", attributeAllowed },
       { "use=1", "use=1 src=10.0.0.9", attributeAllowed },
-      { "use=1", "use=1 =3", attributeAllowed },
       { "src=192.0.2.9 dst=192.0.2.1 type=0 code=0 id=7 mark=0 zone=7 use=1", "",
         "column 86: the line ends here; allowed: src= and an address of the entry's family" },
    };
@@ -288,15 +219,6 @@ TEST( ConntrackListing, AMalformedEntryIsRefusedWithPlaceAndWhatIsAllowed ) {
       EXPECT_THAT( faults, testing::StartsWith( "list.txt: line 2, column " ) );
       EXPECT_THAT( faults, testing::EndsWith( c.fault ) );
    }
-}
-
-TEST( ConntrackListing, ALastLineThatMayBeCutOffIsRefused ) {
-   auto const whole = udpEntry( 4000, 40001 );
-   auto const cut = whole.find( " mark" ) - 1;  // "dport=4000" is a port as good as 40001
-   EXPECT_EQ( faultsOf( whole.substr( 0, cut ) ),
-              "list.txt: line 1, column " + std::to_string( cut + 1 ) +
-                 ": the line ends here; allowed: use= or the end of the line, without which the entry may be cut off" );
-   EXPECT_EQ( faultsOf( whole.substr( 0, whole.size() - 1 ) ), "none" );
 }
 
 TEST( ConntrackListing, EveryMalformedLineIsReportedAtOnceButNotWithoutEnd ) {
@@ -313,72 +235,6 @@ TEST( ConntrackListing, EveryMalformedLineIsReportedAtOnceButNotWithoutEnd ) {
    EXPECT_THAT( faultsOf( many ), testing::EndsWith( "\nlist.txt: 5 more malformed lines" ) );
    EXPECT_THAT( faultsOf( std::string( 1000, 'a' ) + " 6\n" ),
                 testing::Not( testing::HasSubstr( std::string( 61, 'a' ) ) ) );
-}
-
-TEST( ConntrackListing, AFileThatCannotBeReadIsNamed ) {
-   RowClaims claims;
-   for ( char const * const file : { "/nonexistent/list.txt", "/tmp" } ) {
-      try {
-         conntrackListingFrom( file, claims );
-         ADD_FAILURE() << file << " was read";
-      } catch ( Agent::UnusableInput const & fault ) {
-         EXPECT_THAT( fault.what(), testing::StartsWith( std::string( file ) + ": cannot be read: " ) );
-      }
-   }
-}
-
-// --- A real kernel's listing -----------------------------------------------------------------------------------------
-
-constexpr char const * recording = "examples/conntrack-masquerade.txt";
-
-TEST( ConntrackListing, TakesTheRecordingOfAKernelWhole ) {
-   RowClaims claims;
-   auto const listing = conntrackListingFrom( recording, claims );
-   // Hosts, services and number of clients are those of the script that records; ports are the kernel's choice.
-   std::map< std::string, int > count;
-   for ( auto const & [ line, learned ] : listing.learned ) {
-      auto const & conn = learned.conn;
-      bool const isForward = learned.connection.target == Ip::Nat::NatTarget::destination;
-      ++count[ std::to_string( conn.protocol ) + " " + Support::textOf( conn.destination ) +
-               ( isForward ? " at " + Support::textOf( learned.global )
-                           : " as " + Support::textOf( { learned.global.ip, 0 } ) ) ];
-   }
-   EXPECT_THAT(
-      count,
-      ElementsAre(
-         std::pair( "1 198.51.100.81 as 198.51.100.1", 3 ), std::pair( "17 198.51.100.1:5000 at 10.0.0.22:6000", 6 ),
-         std::pair( "17 198.51.100.1:53 at 10.0.0.22:53", 12 ), std::pair( "17 198.51.100.82:53 as 198.51.100.1", 21 ),
-         std::pair( "17 198.51.100.82:53 as 198.51.100.2", 1 ), std::pair( "17 203.0.113.77:514 as 198.51.100.1", 3 ),
-         std::pair( "47 198.51.100.82 as 198.51.100.1", 1 ), std::pair( "50 198.51.100.81 as 198.51.100.1", 1 ),
-         std::pair( "6 198.51.100.1:22 at 10.0.0.21:22", 3 ), std::pair( "6 198.51.100.1:80 at 10.0.0.21:8080", 18 ),
-         std::pair( "6 198.51.100.81:443 as 198.51.100.1", 39 ), std::pair( "6 198.51.100.81:443 as 198.51.100.2", 1 ),
-         std::pair( "6 198.51.100.82:25 as 198.51.100.1", 3 ),
-         std::pair( "6 198.51.100.99:443 as 198.51.100.1", 1 ) ) );
-   EXPECT_EQ( listing.passedOverFor( NotLearned::bothSides ), 2U );
-   EXPECT_EQ( listing.passedOverFor( NotLearned::notTranslated ), 2U );
-   EXPECT_EQ( listing.passedOverFor( NotLearned::notIpv4 ), 1U );
-   EXPECT_EQ( listing.passedOver.size(), 5U );
-}
-
-TEST( ConntrackListing, WhatIsConfiguredAlreadyKeepsItsRows ) {
-   Agent::NatInterface const intf{ Support::intf( "ethernet1" ), 3, 9 };
-   Agent::Configuration configuration;
-   configuration.rules = Orla::make< Pfe::NatProgrammerConfig >();
-   auto const & rules = *configuration.rules;
-   auto const listing = learnFrom( recording, configuration, intf );
-   EXPECT_EQ( rules.dynamicEntry().count(), 113U );
-   for ( auto const & [ line, learned ] : listing.learned ) {
-      auto const entry = rules.dynamicEntry( { intf.intf, learned.conn } );
-      ASSERT_TRUE( entry );
-      EXPECT_EQ( ( LearnedConnection{ learned.conn, entry->connection(), entry->global() } ), learned );
-      EXPECT_EQ( entry->vrfId(), 3U );
-      EXPECT_EQ( entry->intfQualifier(), 9U );
-   }
-   auto const again = learnFrom( recording, configuration, intf );
-   EXPECT_EQ( configuration.connections.size(), 113U );
-   EXPECT_THAT( again.learned, IsEmpty() );
-   EXPECT_EQ( again.passedOverFor( NotLearned::rowConfigured ), 113U );
-   EXPECT_EQ( again.passedOver.size(), listing.passedOver.size() + 113U );
 }
 
 }  // namespace

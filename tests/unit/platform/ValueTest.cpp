@@ -14,8 +14,6 @@
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
-#include <functional>
-
 namespace {
 
 using Support::Random;
@@ -52,25 +50,6 @@ TYPED_TEST( EveryValue, ReadsBackFromItsTextAndLeavesWhatFollows ) {
    } );
 }
 
-// Truncated and damaged texts are refused, or are the text of some other value.
-TYPED_TEST( EveryValue, SurvivesDamagedText ) {
-   holdsForRandomSeeds( []( U32 seed ) {
-      Random random( seed );
-      auto text = Vexa::stringOf( randomValue< TypeParam >( random ) );
-      if ( random() % 2 == 0 ) {
-         text.resize( random() % text.size() );
-      } else {
-         text[ random() % text.size() ] = static_cast< char >( random() );
-      }
-      try {
-         auto const value = Vexa::parseWhole< TypeParam >( text );
-         RC_ASSERT( Vexa::parseWhole< TypeParam >( Vexa::stringOf( value ) ) == value );
-      } catch ( Vexa::Exception const & e ) {
-         RC_ASSERT( *e.what() != '\0' );
-      }
-   } );
-}
-
 TYPED_TEST( EveryValue, OrderEqualityAndHashAgree ) {
    holdsForRandomSeeds( []( U32 seed ) {
       Random random( seed );
@@ -85,42 +64,6 @@ TYPED_TEST( EveryValue, OrderEqualityAndHashAgree ) {
       RC_ASSERT( !( a < b && b < c ) || a < c );
       RC_ASSERT( !equal || Vexa::hash( a, seed ) == Vexa::hash( b, seed ) );
    } );
-}
-
-template< class T > struct OneMemberChanged {
-   static bool change( T & value, Random & random ) {
-      value = randomValue< T >( random );
-      return true;
-   }
-};
-template< Vexa::Described T > struct OneMemberChanged< T > {
-   static bool change( T & value, Random & random ) {
-      auto const count = std::tuple_size_v< decltype( T::attributes() ) >;
-      auto wanted = random() % count;
-      auto const changeMember = [ & ]( auto & member ) {
-         if ( wanted-- == 0 ) {
-            OneMemberChanged< std::remove_cvref_t< decltype( member ) > >::change( member, random );
-         }
-      };
-      std::apply( [ & ]( auto... attribute ) { ( changeMember( value.*attribute.member ), ... ); }, T::attributes() );
-      return true;
-   }
-};
-
-TYPED_TEST( EveryValue, OneChangedMemberOrAnotherSeedChangesTheHash ) {
-   Random random( 1 );
-   int pairs = 0, equalHashes = 0, seedBlind = 0;
-   for ( int i = 0; i < 2000; ++i ) {
-      auto const a = randomValue< TypeParam >( random );
-      auto b = a;
-      OneMemberChanged< TypeParam >::change( b, random );
-      pairs += a != b;
-      equalHashes += a != b && Vexa::hash( a, 7 ) == Vexa::hash( b, 7 );
-      seedBlind += Vexa::hash( a, 7 ) == Vexa::hash( a, 8 );
-   }
-   EXPECT_GT( pairs, 100 );
-   EXPECT_LE( equalHashes, 1 );  // 2000 pairs in 32 bits
-   EXPECT_LE( seedBlind, 1 );
 }
 
 // --- Fixed texts -----------------------------------------------------------------------------------------------------
@@ -152,12 +95,6 @@ TEST( ValueText, IsTheSameEverywhereAndForEver ) {  // it is the form of persist
         "protocol=255))" },
       { Vexa::stringOf( Orla::String( std::string_view( "a'b\\c\n\0\x7f\xc3\xa9", 10 ) ) ),
         "'a\\'b\\\\c\\x0a\\x00\\x7f\xc3\xa9'" },
-      { Vexa::stringOf( Pfe::EgrNatUcRewriteEntry{ {}, ip( "1.2.3.4" ), ip( "5.6.7.8" ), 1, 2 } ),
-        "Value('Pfe::EgrNatUcRewriteEntry', srcIp=1.2.3.4, srcPort=1, dstIp=5.6.7.8, dstPort=2)" },
-      { Ip::Nat::StaticKey{ "web", ip( "10.0.0.1" ), 80 }.stringValue(), "10.0.0.1:80 acl 'web'" },
-      { Ip::Nat::StaticKey{ "", ip( "10.0.0.1" ), 80 }.stringValue(), "10.0.0.1:80" },
-      { Ip::Nat::TwiceKey{ { ip( "1.2.3.4" ), 5 }, { ip( "6.7.8.9" ), 0 } }.stringValue(), "1.2.3.4:5 -> 6.7.8.9:0" },
-      { Ip::Nat::DynamicKey{ "guests", 3 }.stringValue(), "acl 'guests' pool 3" },
    };
    for ( auto const & row : rows ) {
       EXPECT_EQ( row.actual, row.expected );
@@ -173,10 +110,7 @@ TEST( ValueText, ParseErrorsTellThePlaceAndTheReason ) {
    } const rows[] = {
       { range, keyOf( "" ), "Invalid string rep for NatMatchKey" },
       { range, keyOf( "staticKey" ), "Invalid string rep for NatMatchKey:  unknown alternative staticKey" },
-      { range, keyOf( "StaticKey=1" ), "Invalid string rep for NatMatchKey:  unknown alternative StaticKey" },
-      { range, keyOf( "static=1" ), "Invalid string rep for NatMatchKey:  unknown alternative static" },
       { parse, "Value('Pfe::Other', ", "expected \"Pfe::NatMatchKey\" at \"Pfe::Other', \"" },
-      { parse, keyOf( "staticKey=x" ), "staticKey: expected \"Value('\" at \"x\"" },
       { parse, keyOf( "dynamicKey=Value('Pfe::DynamicNatMatchKey', vrfId=x" ),
         "dynamicKey: vrfId: expected a number at \"x\"" },
       { range, keyOf( "dynamicKey=Value('Pfe::DynamicNatMatchKey', vrfId=16777216" ),
@@ -185,9 +119,6 @@ TEST( ValueText, ParseErrorsTellThePlaceAndTheReason ) {
         keyOf( "dynamicKey=Value('Pfe::DynamicNatMatchKey', vrfId=1, first=Value('Netix::IpAndPort', ip=1.2.3.4, "
                "port=65536" ),
         "dynamicKey: first: port: number out of range at \"65536\"" },
-      { parse,
-        keyOf( "dynamicKey=Value('Pfe::DynamicNatMatchKey', vrfId=1, first=Value('Netix::IpAndPort', ip=1.2.3.256" ),
-        "dynamicKey: first: ip: expected an IPv4 address at \"1.2.3.256\"" },
       { parse, keyOf( "twiceKey=Value('Pfe::TwiceNatMatchKey', natIntf=modem1" ),
         "twiceKey: natIntf: unknown interface \"modem1\"" },
       { parse, keyOf( "staticKey=Value('Pfe::StaticNatMatchKey', natIntf='a" ),
@@ -209,22 +140,6 @@ TEST( ValueText, ParseErrorsTellThePlaceAndTheReason ) {
          EXPECT_EQ( e.what(), row.error );
       }
    }
-}
-
-TEST( ValueText, FlagsAndEnumerationsAreParsedAsNumbersInTheirBounds ) {
-   auto const parsesFlag = []( std::string_view text ) {
-      try {
-         Vexa::parseWhole< bool >( text );
-         return true;
-      } catch ( Vexa::Exception const & ) {
-         return false;
-      }
-   };
-   EXPECT_TRUE( parsesFlag( "0" ) && parsesFlag( "1" ) );
-   for ( auto const * refused : { "", "2", "256", "-1", "true", " 1", "1 " } ) {
-      EXPECT_FALSE( parsesFlag( refused ) ) << refused;
-   }
-   EXPECT_THROW( Vexa::parseWhole< Ip::Nat::NatTarget >( "256" ), Vexa::RangeException );
 }
 
 // --- Order -----------------------------------------------------------------------------------------------------------
@@ -252,16 +167,6 @@ TEST( ValueOrder, IsThatOfTheMembersThenOfTheAlternatives ) {
    }
 }
 
-TEST( Union, AnswersOnlyForTheAlternativeThatItHolds ) {
-   Pfe::NatMatchKey const key = Pfe::TwiceNatMatchKey{ .vrfId = 4 };
-   EXPECT_EQ( key.tag(), 1 );
-   EXPECT_TRUE( key.contains< Pfe::TwiceNatMatchKey >() );
-   EXPECT_EQ( key.get< Pfe::TwiceNatMatchKey >().vrfId, 4U );
-   EXPECT_THROW( key.get< Pfe::StaticNatMatchKey >(), Vexa::BadUnionAccessException );
-   EXPECT_EQ( Pfe::NatMatchKey().tag(), 0 );
-   EXPECT_NE( Vexa::hash( Pfe::NatMatchKey(), 1 ), Vexa::hash( Pfe::NatMatchKey( Pfe::TwiceNatMatchKey{} ), 1 ) );
-}
-
 // --- Descriptions ----------------------------------------------------------------------------------------------------
 
 struct Forgetful {
@@ -270,14 +175,6 @@ struct Forgetful {
    static constexpr std::string_view typeName = "Forgetful";
    static constexpr auto attributes() { return std::tuple( Vexa::attr< &Forgetful::told >( "told" ) ); }
 };
-struct Repetitive {
-   U32 told = 0;
-   U32 forgotten = 0;
-   static constexpr std::string_view typeName = "Repetitive";
-   static constexpr auto attributes() {
-      return std::tuple( Vexa::attr< &Repetitive::told >( "told" ), Vexa::attr< &Repetitive::told >( "again" ) );
-   }
-};
 struct ForgetfulOfItsBase : Asic::EntryBase {
    static constexpr std::size_t undescribedBases = 0;
    U32 told = 0;
@@ -285,40 +182,29 @@ struct ForgetfulOfItsBase : Asic::EntryBase {
    static constexpr auto attributes() { return std::tuple( Vexa::attr< &ForgetfulOfItsBase::told >( "told" ) ); }
 };
 static_assert( !Vexa::describesEveryMember< Forgetful > );
-static_assert( !Vexa::describesEveryMember< Repetitive > );
 static_assert( !Vexa::describesEveryMember< ForgetfulOfItsBase > );
 
 // --- Restricted numbers, interfaces, addresses -----------------------------------------------------------------------
 
 TEST( Ranged, TakesBothBoundsAndRefusesWhatLiesBeyondWithItsText ) {
    struct {
-      std::function< U64( U64 ) > make;
-      U64 taken[ 2 ];
-      std::vector< U64 > refused;
+      U64 ( *make )( U64 value );
+      U64 min, max;
       char const * error;
    } const rows[] = {
-      { []( U64 v ) { return Pfe::NatId( v ).value(); },
-        { 1, 65535 },
-        { 0, 65536, 65537, ~U64{ 0 } },
+      { []( U64 v ) -> U64 { return Pfe::NatId( v ).value(); }, 1, 65535,
         "Pfe::NatId::value < Pfe::NatId::min or > Pfe::NatId::max not allowed" },
-      { []( U64 v ) { return Bridging::VlanId( v ).value(); },
-        { 1, 4094 },
-        { 0, 4095, 65537, ~U64{ 0 } },
+      { []( U64 v ) -> U64 { return Bridging::VlanId( v ).value(); }, 1, 4094,
         "Bridging::VlanId::value < 1 or > 4094 not allowed" },
-      { []( U64 v ) { return Bridging::VlanIdOrNone( v ).value(); },
-        { 0, 4094 },
-        { 4095, 65536, ~U64{ 0 } },
+      { []( U64 v ) -> U64 { return Bridging::VlanIdOrNone( v ).value(); }, 0, 4094,
         "Bridging::VlanIdOrNone::value > 4094 not allowed" },
-      { []( U64 v ) { return Netix::VrfId( v ).value(); },
-        { 0, 0x00ffffff },
-        { 0x01000000, U64{ 1 } << 32, ~U64{ 0 } },
+      { []( U64 v ) -> U64 { return Netix::VrfId( v ).value(); }, 0, 0x00ffffff,
         "VrfId::value > 0x00ffffff not allowed" },
    };
    for ( auto const & row : rows ) {
-      for ( auto const value : row.taken ) {
-         EXPECT_EQ( row.make( value ), value );
-      }
-      for ( auto const value : row.refused ) {
+      EXPECT_EQ( row.make( row.min ), row.min );
+      EXPECT_EQ( row.make( row.max ), row.max );
+      for ( auto const value : { row.min - 1, row.max + 1, row.min + ( U64{ 1 } << 32 ), ~U64{ 0 } } ) {
          SCOPED_TRACE( value );
          try {
             row.make( value );
@@ -328,7 +214,6 @@ TEST( Ranged, TakesBothBoundsAndRefusesWhatLiesBeyondWithItsText ) {
          }
       }
    }
-   EXPECT_EQ( Pfe::NatId().value(), 1 );
 }
 
 TEST( IntfId, FollowsFromTheNameAlone ) {

@@ -1,24 +1,110 @@
-// What the base programmer hands over, and what it makes of refusals and results, the same for every kind of rule.
+// What the base programmer hands over, and what it makes of refusals and results. That it hands over what is
+// configured, in whatever order it changes, is seen in the histories of the model.
 #include <Pfe/NatBaseProgrammerSm.h>
 #include <Pfe/NatNextHop.h>
 
-#include <tests/support/BaseProgrammerKinds.h>
+#include <tests/support/Programmer.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <map>
+#include <set>
+
 namespace {
 
 using PfeHelper::NatHwResult;
-using Support::CalledProgrammer;
+using Support::AnyKey;
+using Support::DynamicRule;
+using Support::StaticRule;
+using Support::TwiceRule;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Mode = Pfe::NatBaseProgrammerSm::Mode;
 
-template< class Kind > struct BaseProgrammer : testing::Test {
-   using Key = typename Kind::Key;
-   using EntryPtr = typename Kind::EntryPtr;
+// --- Rules by number -------------------------------------------------------------------------------------------------
 
+// The number of a rule's key is an address; that of its entry is the next hop's, which decides no rows.
+auto & numberOf( auto & key ) {
+   if constexpr ( requires { key.conn; } ) {
+      return key.conn.source.ip;
+   } else if constexpr ( requires { key.key.source; } ) {
+      return key.key.source.ip;
+   } else {
+      return key.key.ip;
+   }
+}
+
+template< class Rule > Rule ruleOf( U32 key, U32 number, U32 vrfId = 0 ) {
+   typename Rule::Fields fields;
+   fields.vrfId = vrfId;  // which decides rows
+   fields.nextHop = Orla::make< Pfe::NatNextHopId >( number );
+   Rule rule{ {}, Orla::make< std::remove_reference_t< decltype( *Rule().entry ) > >( fields ) };
+   numberOf( rule.key ) = Netix::IpAddr( key );
+   return rule;
+}
+
+// Writes down "<operation> <key's number> <entry's number>", with " raised" behind it when it raised.
+class CalledProgrammer final : public Pfe::NatBaseProgrammerSm {
+ public:
+   CalledProgrammer( Pfe::NatProgrammerConfig::PtrConst config, Pfe::NatProgrammerStatus::Ptr status )
+      : NatBaseProgrammerSm( std::move( config ), std::move( status ) ) {}
+   using StaticKey = Pfe::NatProgrammerStaticKey;
+   using TwiceKey = Pfe::NatProgrammerTwiceKey;
+   using DynamicKey = Pfe::NatProgrammerDynamicKey;
+   using TrapKey = Pfe::NatProgrammerTrapKey;
+   using Static = Pfe::NatProgrammerStaticEntry::PtrConst;
+   using Twice = Pfe::NatProgrammerTwiceEntry::PtrConst;
+   using Dynamic = Pfe::NatProgrammerDynamicEntry::PtrConst;
+   using Trap = Pfe::NatProgrammerTrapEntry::PtrConst;
+
+   Support::Lines calls;
+   std::map< std::string, unsigned > raises;  // calls that raise for lack of an id, and how often
+   std::function< void() > duringCall;        // the next one
+
+   void setNatProfile( U16 vlan, U16 profile ) override {
+      called( "setProfile " + std::to_string( vlan ) + ' ' + std::to_string( profile ) );
+   }
+   void clearNatProfile( U16 vlan ) override { called( "clearProfile " + std::to_string( vlan ) ); }
+   void addStaticConnection( StaticKey const & key, Static const & entry ) override { called( "add", key, *entry ); }
+   void updateStaticConnection( StaticKey const & k, Static const & entry ) override { called( "update", k, *entry ); }
+   void deleteStaticConnection( StaticKey const & k, Static const & entry ) override { called( "delete", k, *entry ); }
+   void addTwiceConnection( TwiceKey const & key, Twice const & entry ) override { called( "add", key, *entry ); }
+   void updateTwiceConnection( TwiceKey const & key, Twice const & entry ) override { called( "update", key, *entry ); }
+   void deleteTwiceConnection( TwiceKey const & key, Twice const & entry ) override { called( "delete", key, *entry ); }
+   void addDynamicConnection( DynamicKey const & k, Dynamic const & entry ) override { called( "add", k, *entry ); }
+   void updateDynamicConnection( DynamicKey const & k, Dynamic const & e ) override { called( "update", k, *e ); }
+   void deleteDynamicConnection( DynamicKey const & k, Dynamic const & e ) override { called( "delete", k, *e ); }
+   void addTrap( TrapKey const &, Trap const & entry ) override { called( "addTrap " + ruleIdOf( entry ) ); }
+   void deleteTrap( TrapKey const &, Trap const & entry ) override { called( "deleteTrap " + ruleIdOf( entry ) ); }
+   void replayReconcile() override { called( "reconcile" ); }
+   Vexa::TypeData const & typeData() const override { return classType(); }
+
+ private:
+   static std::string ruleIdOf( Trap const & entry ) { return std::to_string( entry->rule().ruleId ); }
+
+   void called( std::string const & operation, auto const & key, auto const & entry ) {
+      auto const & number = dynamic_cast< Pfe::NatNextHopId const & >( *entry.nextHop() );
+      called( operation + ' ' + std::to_string( numberOf( key ).value() ) + ' ' + std::to_string( number.id() ) );
+   }
+   void called( std::string const & call ) {
+      if ( auto const action = std::exchange( duringCall, nullptr ) ) {
+         action();
+      }
+      auto const raising = raises.find( call );
+      if ( raising == raises.end() || raising->second == 0 ) {
+         calls.push_back( call );
+         return;
+      }
+      --raising->second;
+      calls.push_back( call + " raised" );
+      throw Vexa::RangeException( Pfe::NatId::rangeError );
+   }
+};
+
+// Static rules stand for all: the memory of what was handed over is one template.
+struct BaseProgrammer : testing::Test {
    explicit BaseProgrammer( Mode mode = Mode::tables ) {
       sm->programmerModeIs( mode );
       sm->hasNotificationActiveIs( true );
@@ -26,376 +112,262 @@ template< class Kind > struct BaseProgrammer : testing::Test {
       sm->calls.clear();
    }
 
-   // The entry of that number; its number is its next hop's, which decides no rows.
-   static EntryPtr entry( U32 number, std::size_t variant = 0 ) {
-      typename Kind::Fields fields;
-      fields.nextHop = Orla::make< Pfe::NatNextHopId >( number );
-      if ( variant != 0 ) {
-         Kind::variants()[ variant - 1 ]( fields );
-      }
-      return Kind::make( std::move( fields ) );
+   template< class Rule = StaticRule > Rule configure( Rule const & rule ) {
+      Support::configure( *config, rule );
+      return rule;
    }
-   EntryPtr configure( int key, EntryPtr const & entry ) {
-      Kind::configure( *config, Kind::key( key ), entry );
-      return entry;
+   StaticRule configure( U32 key, U32 number, U32 vrfId = 0 ) {
+      return configure( ruleOf< StaticRule >( key, number, vrfId ) );
    }
-   EntryPtr configure( int key, U32 number ) { return configure( key, entry( number ) ); }
-   void unconfigure( int key ) { Kind::unconfigure( *config, Kind::key( key ) ); }
-
-   void addStatus( int key, EntryPtr const & entry, NatHwResult result ) {
-      Kind::addStatus( *sm, Kind::key( key ), entry, result );
+   void unconfigure( U32 key ) { config->staticEntryDel( ruleOf< StaticRule >( key, 0 ).key ); }
+   void addStatus( StaticRule const & rule, NatHwResult result ) {
+      sm->addProgrammerStaticStatusEntry( rule.key, rule.entry, result );
    }
-   void deleteStatus( int key, EntryPtr const & entry ) { Kind::deleteStatus( *sm, Kind::key( key ), entry ); }
-   // The result of the key; -1: none.
-   int result( int key ) const {
-      auto const * const found = Kind::status( *status ).find( Kind::key( key ) );
-      return found ? static_cast< int >( found->result ) : -1;
-   }
-   EntryPtr resultEntry( int key ) const { return Kind::status( *status ).find( Kind::key( key ) )->entry; }
+   void deleteStatus( StaticRule const & rule ) { sm->deleteProgrammerStaticStatusEntry( rule.key, rule.entry ); }
+   // What results there are, and for which rules.
+   using Outcomes = std::map< AnyKey, Support::Outcome >;
+   Outcomes outcomes() const { return Support::outcomes( *status ); }
 
    Pfe::NatProgrammerConfig::Ptr const config = Orla::make< Pfe::NatProgrammerConfig >();
    Pfe::NatProgrammerStatus::Ptr const status = Orla::make< Pfe::NatProgrammerStatus >();
-   Orla::Ptr< CalledProgrammer > const sm = Orla::make< CalledProgrammer >( config, status );
+   Pfe::NatVlanProfileConfig::Ptr const profiles = Orla::make< Pfe::NatVlanProfileConfig >();
+   Orla::Ptr< CalledProgrammer > sm = Orla::make< CalledProgrammer >( config, status );
 };
-TYPED_TEST_SUITE( BaseProgrammer, Support::AllKinds );
 
-template< class Kind > struct InterfaceMode : BaseProgrammer< Kind > {
-   InterfaceMode() : BaseProgrammer< Kind >( Mode::interfaces ) {}
+struct BaseInInterfaceMode : BaseProgrammer {
+   BaseInInterfaceMode() : BaseProgrammer( Mode::interfaces ) {}
 };
-TYPED_TEST_SUITE( InterfaceMode, Support::AllKinds );
 
 // --- Handing over ----------------------------------------------------------------------------------------------------
 
-TYPED_TEST( BaseProgrammer, HandsOverAddsUpdatesAndDeletes ) {
-   auto & calls = this->sm->calls;
-   auto const e1 = this->configure( 1, 11 );
-   this->configure( 2, 21 );
-   this->configure( 1, 12 );
-   this->configure( 1, this->entry( 13 ) );
-   this->unconfigure( 1 );
-   this->unconfigure( 1 );
-   this->configure( 1, e1 );
-   this->configure( 1, e1 );
-   EXPECT_THAT( calls, ElementsAre( "add 1 11", "add 2 21", "update 1 12", "update 1 13", "delete 1 13", "add 1 11",
-                                    "update 1 11" ) );
+TEST_F( BaseProgrammer, HandsOverAddsUpdatesAndDeletes ) {
+   auto const first = configure( 1, 11 );
+   configure( 2, 21 );
+   configure( 1, 12 );
+   configure( 1, 13, 5 );
+   unconfigure( 1 );
+   unconfigure( 1 );
+   configure( first );
+   configure( first );
+   EXPECT_THAT( sm->calls, ElementsAre( "add 1 11", "add 2 21", "update 1 12", "delete 1 12", "add 1 13", "delete 1 13",
+                                        "add 1 11", "update 1 11" ) );
 }
 
-TYPED_TEST( BaseProgrammer, TakesBackWhatItHandedOverWhenAFieldThatDecidesRowsChanges ) {
-   auto & calls = this->sm->calls;
-   for ( std::size_t variant = 1; variant <= TypeParam::variants().size(); ++variant ) {
-      SCOPED_TRACE( variant );
-      this->configure( 1, 1 );
-      calls.clear();
-      this->configure( 1, this->entry( 2, variant ) );
-      EXPECT_THAT( calls, ElementsAre( "delete 1 1", "add 1 2" ) );
-      this->configure( 1, this->entry( 3, variant ) );
-      EXPECT_EQ( calls.back(), "update 1 3" );
-      this->unconfigure( 1 );
-   }
-}
-
-TYPED_TEST( BaseProgrammer, LeavesChangesToTheFirstReplay ) {
-   auto const sm = Orla::make< CalledProgrammer >( this->config, this->status );
+TEST_F( BaseProgrammer, LeavesChangesToTheFirstReplay ) {
+   auto const sm = Orla::make< CalledProgrammer >( config, status );
    sm->hasNotificationActiveIs( true );
-   this->configure( 1, 1 );
-   this->configure( 1, 2 );
+   configure( 1, 1 );
+   configure( 1, 2 );
    EXPECT_THAT( sm->calls, IsEmpty() );
    sm->replay();
-   EXPECT_THAT( sm->calls, ElementsAre( "add 1 2", "reconcile" ) );
-   sm->calls.clear();
-   this->configure( 1, 3 );
-   sm->replay();
-   EXPECT_THAT( sm->calls, ElementsAre( "update 1 3", "update 1 3", "reconcile" ) );
-   sm->calls.clear();
    sm->hasNotificationActiveIs( false );
-   this->configure( 1, 4 );
-   EXPECT_THAT( sm->calls, IsEmpty() );
+   configure( 1, 3 );
+   EXPECT_THAT( std::exchange( sm->calls, {} ), ElementsAre( "add 1 2", "reconcile" ) );
    sm->replay();
-   EXPECT_THAT( sm->calls, ElementsAre( "update 1 4", "reconcile" ) );
+   EXPECT_THAT( sm->calls, ElementsAre( "update 1 3", "reconcile" ) );
 }
 
-TYPED_TEST( BaseProgrammer, AHandlerCalledForAKeyLooksItUp ) {
-   this->configure( 1, 1 );
-   this->sm->calls.clear();
-   TypeParam::handle( *this->sm, TypeParam::key( 1 ) );
-   TypeParam::handle( *this->sm, TypeParam::key( 2 ) );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "update 1 1" ) );
-}
+// --- What raises -----------------------------------------------------------------------------------------------------
 
-// --- Refused adds, table mode ----------------------------------------------------------------------------------------
-
-TYPED_TEST( BaseProgrammer, UndoesAnAddThatRaisedAndSaysFailed ) {
-   this->sm->raises = { { "add 1 1", 1 } };
-   auto const refused = this->configure( 1, 1 );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "add 1 1 raised", "delete 1 1" ) );
-   EXPECT_EQ( this->result( 1 ), 2 );
-   EXPECT_EQ( this->resultEntry( 1 ), refused );
-   EXPECT_EQ( this->sm->refusedCount(), 1U );
-   EXPECT_EQ( this->sm->rangeErrorCount(), 1U );
-
-   // Only the base itself writes its status now.
-   this->addStatus( 1, refused, NatHwResult::programmed );
-   this->deleteStatus( 1, refused );
-   this->sm->atRest();
-   EXPECT_EQ( this->result( 1 ), 2 );
-   EXPECT_THAT( this->sm->checkStaleStatus(), IsEmpty() );
-
-   this->sm->calls.clear();
-   auto const next = this->configure( 1, 2 );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "add 1 2" ) ) << "there is nothing to delete first";
-   EXPECT_EQ( this->sm->refusedCount(), 0U );
-   this->addStatus( 1, next, NatHwResult::programmed );
-   EXPECT_EQ( this->result( 1 ), 1 );
-}
-
-TYPED_TEST( BaseProgrammer, UndoesAnUpdateThatRaisedEvenIfTheUndoRaises ) {
-   this->configure( 1, 1 );
-   this->sm->calls.clear();
-   this->sm->raises = { { "update 1 2", 1 }, { "delete 1 2", 1 } };
-   this->configure( 1, 2 );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "update 1 2 raised", "delete 1 2 raised" ) );
-   EXPECT_EQ( this->result( 1 ), 2 );
-   EXPECT_EQ( this->sm->rangeErrorCount(), 1U ) << "the undo's is dropped";
-}
-
-TYPED_TEST( BaseProgrammer, ARefusedRuleThatGoesTakesItsResultAlongAndCallsNothing ) {
-   this->sm->raises = { { "add 1 1", 1 } };
-   this->configure( 1, 1 );
-   this->sm->calls.clear();
-   this->unconfigure( 1 );
-   EXPECT_THAT( this->sm->calls, IsEmpty() );
-   EXPECT_EQ( this->result( 1 ), -1 );
-   EXPECT_EQ( this->sm->refusedCount(), 0U );
-   EXPECT_EQ( this->sm->retryRefused(), 0U );
-}
-
-TYPED_TEST( BaseProgrammer, CatchesADeleteThatRaisesAndStillAdds ) {
-   this->configure( 1, 1 );
-   this->sm->calls.clear();
-   this->sm->raises = { { "delete 1 1", 2 } };
-   this->configure( 1, this->entry( 2, 1 ) );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "delete 1 1 raised", "add 1 2" ) );
-   EXPECT_EQ( this->sm->refusedCount(), 0U );
-   EXPECT_EQ( this->sm->rangeErrorCount(), 1U );
-}
-
-TYPED_TEST( BaseProgrammer, ARaisedAddAfterADeleteIsRefusedToo ) {
-   this->configure( 1, 1 );
-   this->sm->calls.clear();
-   this->sm->raises = { { "add 1 2", 1 } };
-   this->configure( 1, this->entry( 2, 1 ) );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "delete 1 1", "add 1 2 raised", "delete 1 2" ) );
-   EXPECT_EQ( this->result( 1 ), 2 );
-   EXPECT_EQ( this->sm->refusedCount(), 1U );
-}
-
-// --- Retries ---------------------------------------------------------------------------------------------------------
-
-TYPED_TEST( BaseProgrammer, RetriesInTheOrderOfRefusalUntilOneRaisesAgain ) {
-   this->sm->raises = { { "add 1 1", 1 }, { "add 2 2", 2 }, { "add 3 3", 1 } };
-   for ( int const key : { 3, 2, 1 } ) {
-      this->configure( key, static_cast< U32 >( key ) );
+TEST_F( BaseProgrammer, UndoesWhatRaisedAndSaysFailed ) {
+   struct {
+      std::map< std::string, unsigned > raises;
+      U32 vrfId;
+      Support::Lines calls;
+      bool refused;
+   } const rows[] = {
+      { { { "update 1 2", 1 } }, 0, { "update 1 2 raised", "delete 1 2" }, true },
+      { { { "update 1 2", 1 }, { "delete 1 2", 1 } }, 0, { "update 1 2 raised", "delete 1 2 raised" }, true },
+      { { { "add 1 2", 1 } }, 7, { "delete 1 1", "add 1 2 raised", "delete 1 2" }, true },
+      { { { "delete 1 1", 1 } }, 7, { "delete 1 1 raised", "add 1 2" }, false },
+   };
+   std::size_t errors = 0;
+   for ( auto const & row : rows ) {
+      SCOPED_TRACE( row.calls.front() );
+      configure( 1, 1 );
+      sm->calls.clear();
+      sm->raises = row.raises;
+      auto const changed = configure( 1, 2, row.vrfId );
+      EXPECT_EQ( sm->calls, row.calls );
+      EXPECT_EQ( sm->rangeErrorCount(), ++errors ) << "the undo's is dropped";
+      EXPECT_EQ( sm->refusedCount(), row.refused );
+      if ( row.refused ) {
+         // Only the base itself writes its status now.
+         addStatus( changed, NatHwResult::programmed );
+         deleteStatus( changed );
+         sm->atRest();
+         EXPECT_EQ( outcomes().at( changed.key ), ( Support::Outcome{ NatHwResult::failed, changed } ) );
+      }
+      sm->calls.clear();
+      sm->raises.clear();
+      unconfigure( 1 );
+      EXPECT_EQ( sm->calls.size(), row.refused ? 0U : 1U );
+      EXPECT_EQ( sm->retryRefused() + outcomes().size(), 0U );
    }
-   this->sm->calls.clear();
-   EXPECT_EQ( this->sm->retryRefused(), 2U );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "add 3 3", "add 2 2 raised", "delete 2 2" ) );
-   this->sm->calls.clear();
-   EXPECT_EQ( this->sm->retryRefused(), 2U );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "add 1 1", "add 2 2" ) ) << "what raised again went to the end";
-   EXPECT_EQ( this->sm->refusedCount(), 0U );
-   EXPECT_EQ( this->sm->retryRefused(), 0U );
 }
 
-TYPED_TEST( BaseProgrammer, ARuleRefusedForAnotherReasonWaitsForANewEntryOrAReplay ) {
-   this->sm->raises = { { "add 1 1", 2 }, { "add 2 2", 1 } };
-   this->sm->otherReasons = { "add 1 1" };
-   this->configure( 1, 1 );
-   this->configure( 2, 2 );
-   this->sm->calls.clear();
-   EXPECT_EQ( this->sm->retryRefused(), 1U );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "add 2 2" ) );
-   this->sm->calls.clear();
-   this->sm->replay();
-   EXPECT_THAT( this->sm->calls,
-                testing::UnorderedElementsAre( "add 1 1 raised", "delete 1 1", "update 2 2", "reconcile" ) );
-   EXPECT_EQ( this->result( 1 ), 2 );
-   this->sm->calls.clear();
-   this->sm->replay();
-   EXPECT_THAT( this->sm->calls, testing::UnorderedElementsAre( "add 1 1", "update 2 2", "reconcile" ) );
-}
-
-TYPED_TEST( BaseProgrammer, ARetriedAddThatDoesNothingLeavesNoResult ) {
-   this->sm->raises = { { "add 1 1", 1 } };
-   this->configure( 1, 1 );
-   EXPECT_EQ( this->sm->retryRefused(), 1U );
-   EXPECT_EQ( this->result( 1 ), -1 );
-}
-
-TYPED_TEST( BaseProgrammer, AReplayRetriesAfterItHasReconciled ) {
-   this->sm->raises = { { "add 1 1", 2 } };
-   this->configure( 1, 1 );
-   this->sm->calls.clear();
-   this->sm->replay();
-   EXPECT_THAT( this->sm->calls, ElementsAre( "add 1 1 raised", "delete 1 1", "reconcile", "add 1 1" ) );
-}
-
-// --- Refused adds, interface mode ------------------------------------------------------------------------------------
-
-TYPED_TEST( InterfaceMode, ARaisedAddIsNeitherUndoneNorRemembered ) {
-   this->sm->raises = { { "add 1 1", 1 }, { "add 1 4", 1 } };
-   this->configure( 1, 1 );
-   EXPECT_EQ( this->result( 1 ), -1 );
-   EXPECT_EQ( this->sm->refusedCount(), 0U );
-   EXPECT_EQ( this->sm->rangeErrorCount(), 1U );
-   this->configure( 1, 2 );
-   this->configure( 1, 3 );
-   this->configure( 1, this->entry( 4, 1 ) );
-   this->configure( 1, this->entry( 5, 1 ) );
-   EXPECT_THAT( this->sm->calls,
-                ElementsAre( "add 1 1 raised", "add 1 2", "update 1 3", "delete 1 3", "add 1 4 raised", "add 1 5" ) );
-}
-
-TYPED_TEST( InterfaceMode, ARaisedUpdateStaysRemembered ) {
-   this->configure( 1, 1 );
-   this->sm->calls.clear();
-   this->sm->raises = { { "update 1 2", 1 } };
-   this->configure( 1, 2 );
-   this->unconfigure( 1 );
-   EXPECT_THAT( this->sm->calls, ElementsAre( "update 1 2 raised", "delete 1 2" ) );
+TEST_F( BaseInInterfaceMode, NeitherUndoesNorRemembersAnAddThatRaised ) {
+   sm->raises = { { "add 1 1", 1 }, { "update 1 3", 1 }, { "add 1 4", 1 } };
+   configure( 1, 1 );
+   EXPECT_EQ( outcomes().size() + sm->refusedCount(), 0U );
+   EXPECT_EQ( sm->rangeErrorCount(), 1U );
+   configure( 1, 2 );
+   configure( 1, 3 );
+   configure( 1, 4, 7 );
+   configure( 1, 5, 7 );
+   EXPECT_THAT( sm->calls, ElementsAre( "add 1 1 raised", "add 1 2", "update 1 3 raised", "delete 1 3",
+                                        "add 1 4 raised", "add 1 5" ) );
 }
 
 // --- Status ----------------------------------------------------------------------------------------------------------
 
-TYPED_TEST( BaseProgrammer, ResultsOfAnotherEntryThanTheOneHandedOverAreIgnored ) {
-   auto const older = this->configure( 1, 1 );
-   this->addStatus( 1, older, NatHwResult::programmed );
-   auto const newer = this->configure( 1, 2 );
-   this->addStatus( 1, older, NatHwResult::failed );
-   EXPECT_EQ( this->result( 1 ), 1 );
-   EXPECT_EQ( this->resultEntry( 1 ), older );
-   EXPECT_EQ( this->sm->checkStaleStatus().size(), 1U );
+TEST_F( BaseProgrammer, ResultsOfAnotherEntryThanTheOneHandedOverAreIgnored ) {
+   auto const older = configure( 1, 1 );
+   AnyKey const key = older.key;
+   addStatus( older, NatHwResult::programmed );
+   auto const newer = configure( 1, 2 );
+   addStatus( older, NatHwResult::failed );
+   EXPECT_EQ( outcomes(), ( Outcomes{ { key, { NatHwResult::programmed, older } } } ) );
+   EXPECT_EQ( sm->checkStaleStatus().size(), 1U );
 
    // The older one's removal takes its own result, but not the newer one's.
-   this->deleteStatus( 1, older );
-   EXPECT_EQ( this->result( 1 ), -1 );
-   this->addStatus( 1, newer, NatHwResult::rejectedMulticast );
-   this->deleteStatus( 1, older );
-   EXPECT_EQ( this->result( 1 ), 5 );
-   EXPECT_EQ( this->resultEntry( 1 ), newer );
-   this->deleteStatus( 1, newer );
-   EXPECT_EQ( this->result( 1 ), -1 );
+   deleteStatus( older );
+   EXPECT_EQ( outcomes(), Outcomes() );
+   addStatus( newer, NatHwResult::rejectedMulticast );
+   deleteStatus( older );
+   EXPECT_EQ( outcomes(), ( Outcomes{ { key, { NatHwResult::rejectedMulticast, newer } } } ) );
+   deleteStatus( newer );
+   EXPECT_EQ( outcomes(), Outcomes() );
 }
 
-TYPED_TEST( BaseProgrammer, WithNothingHandedOverWritersAlwaysAct ) {
-   this->addStatus( 1, this->entry( 1 ), NatHwResult::failed );
-   EXPECT_EQ( this->result( 1 ), 2 );
-   this->addStatus( 1, this->entry( 2 ), NatHwResult::programmed );
-   EXPECT_EQ( this->result( 1 ), 1 );
-   this->deleteStatus( 1, this->entry( 3 ) );
-   EXPECT_EQ( this->result( 1 ), -1 );
-}
-
-TYPED_TEST( BaseProgrammer, AnEntryIsRememberedBeforeItsOperationIsCalled ) {
-   for ( U32 const number : { 1u, 2u } ) {
-      auto const entry = this->entry( number );
-      this->sm->duringCalls = [ & ] { this->addStatus( 1, entry, NatHwResult::rejectedMulticast ); };
-      this->configure( 1, entry );
-      EXPECT_EQ( this->resultEntry( 1 ), entry );
+TEST_F( BaseProgrammer, AtRestOnlyResultsOfWhatIsHandedOverRemain ) {
+   auto const kept = configure( 1, 1 );
+   for ( auto const & rule : { kept, configure( 2, 2 ), configure( 3, 3 ) } ) {
+      addStatus( rule, NatHwResult::programmed );
    }
+   configure( 2, 4 );
+   unconfigure( 3 );
+   EXPECT_EQ( sm->checkStaleStatus().size(), 2U );
+   sm->atRest();
+   EXPECT_EQ( outcomes().size(), 1U );
+   EXPECT_TRUE( outcomes().contains( kept.key ) );
 }
 
-TYPED_TEST( BaseProgrammer, AtRestOnlyResultsOfWhatIsHandedOverRemain ) {
-   auto const kept = this->configure( 1, 1 );
-   auto const older = this->configure( 2, 2 );
-   auto const gone = this->configure( 3, 3 );
-   this->addStatus( 1, kept, NatHwResult::programmed );
-   this->addStatus( 2, older, NatHwResult::programmed );
-   this->addStatus( 3, gone, NatHwResult::programmed );
-   this->configure( 2, 4 );
-   this->unconfigure( 3 );
-   EXPECT_EQ( this->sm->checkStaleStatus().size(), 2U );
-   this->sm->atRest();
-   EXPECT_EQ( this->result( 1 ), 1 );
-   EXPECT_EQ( this->result( 2 ), -1 );
-   EXPECT_EQ( this->result( 3 ), -1 );
-   EXPECT_THAT( this->sm->checkStaleStatus(), IsEmpty() );
-}
+// --- Whoever is told changes rules -----------------------------------------------------------------------------------
 
-// --- Whoever watches the status changes rules ------------------------------------------------------------------------
-
-TYPED_TEST( BaseProgrammer, AResultThatIsDroppedAtRestMayBringNewRules ) {
-   auto const gone = this->configure( 1, 1 );
-   this->addStatus( 1, gone, NatHwResult::programmed );
-   this->unconfigure( 1 );
-   this->addStatus( 1, gone, NatHwResult::failed );
-   struct Watcher final : TypeParam::StatusWatcher {
-      explicit Watcher( std::function< void() > action ) : action_( std::move( action ) ) {}
-      void onKey( typename TypeParam::Key const &, typename TypeParam::Status const *,
-                  typename TypeParam::Status const * current ) override {
-         if ( !current ) {
-            action_();
-         }
-      }
-      std::function< void() > action_;
-   };
-   Watcher watcher( [ & ] {
-      for ( int key = 2; key < 100; ++key ) {
-         this->addStatus( key, this->configure( key, 2 ), NatHwResult::programmed );
-         this->configure( key, 3 );
-      }
-   } );
-   TypeParam::status( *this->status ).watcherIs( watcher );
-   this->sm->atRest();
-   TypeParam::status( *this->status ).watcherDel( watcher );
-   EXPECT_EQ( this->result( 1 ), -1 );
-   EXPECT_EQ( this->sm->checkStaleStatus().size(), 98U );
-   this->sm->atRest();
-   EXPECT_THAT( this->sm->checkStaleStatus(), IsEmpty() );
-}
-
-TYPED_TEST( BaseProgrammer, ARuleThatChangesAgainWhileItIsTakenBackIsHandedOverAsItIsThen ) {
+TEST_F( BaseProgrammer, ARuleThatChangesAgainWhileItIsTakenBackIsHandedOverAsItIsThen ) {
    for ( bool const goes : { false, true } ) {
-      SCOPED_TRACE( goes );
-      this->configure( 1, 1 );
-      this->sm->calls.clear();
-      this->sm->duringCalls = [ & ] {
-         this->sm->duringCalls = nullptr;
-         goes ? this->unconfigure( 1 ) : void( this->configure( 1, this->entry( 3, 2 ) ) );
-      };
-      this->configure( 1, this->entry( 2, 1 ) );
-      if ( goes ) {
-         EXPECT_THAT( this->sm->calls, ElementsAre( "delete 1 1", "delete 1 1" ) );
-      } else {
-         EXPECT_THAT( this->sm->calls, ElementsAre( "delete 1 1", "add 1 3", "delete 1 1" ) );
-      }
-      this->unconfigure( 1 );
+      configure( 1, 1 );
+      sm->calls.clear();
+      sm->duringCall = [ & ] { goes ? unconfigure( 1 ) : void( configure( 1, 3, 8 ) ); };
+      configure( 1, 2, 7 );
+      EXPECT_EQ( sm->calls, goes ? ( Support::Lines{ "delete 1 1", "delete 1 1" } )
+                                 : ( Support::Lines{ "delete 1 1", "add 1 3", "delete 1 1" } ) );
+      unconfigure( 1 );
    }
 }
 
-TYPED_TEST( BaseProgrammer, RulesMayGoWhileTheyAreReplayed ) {
-   constexpr int rules = 20;
-   for ( int key = 0; key < rules; ++key ) {
-      this->configure( key, 1 );
+TEST_F( BaseProgrammer, RulesMayComeAndGoWhileTheyAreReplayed ) {
+   constexpr U32 rules = 20;
+   for ( U32 key = 0; key < rules; ++key ) {
+      configure( key, 1 );
    }
-   this->sm->calls.clear();
-   int gone = 0;
-   auto const takeOneAway = [ & ] {
-      auto again = std::exchange( this->sm->duringCalls, nullptr );
-      this->unconfigure( gone++ );
-      this->sm->duringCalls = std::move( again );
+   sm->calls.clear();
+   U32 gone = 0;
+   std::function< void() > const change = [ & ] {
+      for ( U32 key = 0; key < 100; ++key ) {
+         configure( 1000 * ( gone + 1 ) + key, 1 );
+      }
+      unconfigure( gone++ );
+      sm->duringCall = gone < rules / 2 ? change : nullptr;
    };
-   this->sm->duringCalls = takeOneAway;
-   this->sm->replay();
-   this->sm->duringCalls = nullptr;
-   EXPECT_GE( gone, rules / 2 );
+   sm->duringCall = change;
+   sm->replay();
+   EXPECT_EQ( gone, rules / 2 );
    std::set< std::string > deleted;
-   for ( auto const & call : this->sm->calls ) {
-      auto const key = call.substr( call.find( ' ' ) + 1 );
+   for ( auto const & call : sm->calls ) {
       if ( call.starts_with( "delete" ) ) {
-         deleted.insert( key );
+         deleted.insert( call );
       }
    }
-   EXPECT_EQ( deleted.size(), static_cast< std::size_t >( std::min( gone, rules ) ) );
+   EXPECT_EQ( deleted.size(), gone );
+}
+
+// --- Everything once more, traps, profiles ---------------------------------------------------------------------------
+
+struct Replay : BaseProgrammer {
+   void configureTrap( U16 ruleId ) {
+      config->trapEntryIs( trapKey, Orla::make< Pfe::NatProgrammerTrapEntry const >(
+                                       0U, Ip::Nat::NatDynamicTrapRule{ .ruleId = ruleId } ) );
+   }
+   Pfe::NatProgrammerTrapKey const trapKey{ Netix::IntfId(), { "lab", 4 } };
+};
+
+TEST_F( Replay, GoesThroughStaticTwiceDynamicTrapsAndProfilesThenReconcilesThenRetries ) {
+   configureTrap( 9 );
+   configure( ruleOf< DynamicRule >( 3, 3 ) );
+   configure( ruleOf< TwiceRule >( 2, 2 ) );
+   sm->raises = { { "add 1 1", 2 } };
+   Support::TraceLines trace( 2 );
+   configure( ruleOf< StaticRule >( 1, 1 ) );
+   EXPECT_THAT( trace.take(),
+                ElementsAre( "2 range error, rule: " + Vexa::stringOf( ruleOf< StaticRule >( 1, 1 ).key ) +
+                             ", error: Pfe::NatId::value < Pfe::NatId::min or > Pfe::NatId::max not allowed" ) );
+   profiles->vlanProfileIs( 10, 7 );
+   sm->natVlanProfileConfigIs( profiles );
+   sm->calls.clear();
+   sm->replay();
+   EXPECT_THAT( sm->calls, ElementsAre( "add 1 1 raised", "delete 1 1", "update 2 2", "update 3 3", "addTrap 9",
+                                        "setProfile 10 7", "reconcile", "add 1 1" ) );
+   sm = nullptr;
+   configure( ruleOf< StaticRule >( 1, 1 ) );  // nobody is told
+}
+
+TEST_F( Replay, RetriesKeepOneOrderForAllKindsAndStopWhileNoIdIsFree ) {
+   sm->raises = { { "add 1 1", 1 }, { "add 2 2", 1 }, { "add 3 3", 1 } };
+   configure( ruleOf< DynamicRule >( 3, 3 ) );
+   configure( ruleOf< StaticRule >( 1, 1 ) );
+   configure( ruleOf< TwiceRule >( 2, 2 ) );
+   auto const pool = Orla::make< Pfe::NatIdInfo >();
+   for ( U32 id = 1; id <= Pfe::NatId::max; ++id ) {
+      pool->matchKeyToNatIdIs( Pfe::StaticNatMatchKey{ .vrfId = id }, Pfe::NatId( id ) );
+   }
+   sm->natIdPoolIs( pool );
+   sm->calls.clear();
+   EXPECT_EQ( sm->retryRefused(), 0U );
+   EXPECT_THAT( sm->calls, IsEmpty() );
+   pool->matchKeyToNatIdDel( Pfe::StaticNatMatchKey{ .vrfId = 1 } );
+   EXPECT_EQ( sm->retryRefused(), 3U );
+   EXPECT_THAT( sm->calls, ElementsAre( "add 3 3", "add 1 1", "add 2 2" ) );
+}
+
+TEST_F( Replay, TrapsOfTheSameNameAreAddedOverAndOthersTakenBackFirstWhateverRaises ) {
+   sm->raises = { { "addTrap 1", 1 }, { "deleteTrap 2", 1 } };
+   for ( U16 const ruleId : { 1, 1, 1, 2, 3 } ) {
+      configureTrap( ruleId );
+   }
+   config->trapEntryDel( trapKey );
+   config->trapEntryDel( trapKey );
+   EXPECT_THAT( sm->calls, ElementsAre( "addTrap 1 raised", "addTrap 1", "addTrap 1", "deleteTrap 1", "addTrap 2",
+                                        "deleteTrap 2 raised", "addTrap 3", "deleteTrap 3" ) );
+   EXPECT_EQ( sm->rangeErrorCount(), 2U );
+   EXPECT_EQ( sm->refusedCount(), 0U );
+}
+
+TEST_F( Replay, ProfilesComeFromTheirOwnConfigurationOnly ) {
+   profiles->vlanProfileIs( 10, 7 );
+   sm->natVlanProfileConfigIs( profiles );
+   EXPECT_THAT( sm->calls, IsEmpty() );
+   profiles->vlanProfileIs( 11, 0 );
+   profiles->vlanProfileIs( 10, 8 );
+   profiles->vlanProfileDel( 11 );
+   profiles->vlanProfileDel( 12 );
+   EXPECT_THAT( std::exchange( sm->calls, {} ),
+                ElementsAre( "setProfile 11 0", "setProfile 10 8", "clearProfile 11" ) );
+   sm->natVlanProfileConfigIs( nullptr );
+   profiles->vlanProfileIs( 10, 9 );
+   sm->replay();
+   EXPECT_THAT( sm->calls, ElementsAre( "reconcile" ) );
 }
 
 }  // namespace

@@ -46,49 +46,31 @@ class CountingHardware final : public Asic::HardwarePolicy {
 };
 
 // All on one address inside and one outside, so that every connection shares its twins with every other.
-Netix::IpAndPort inside( U32 i ) { return { Support::ip( "10.0.0.1" ), static_cast< U16 >( 1024 + i ) }; }
-Netix::IpAndPort outside( U32 i ) { return { Support::ip( "192.0.2.1" ), static_cast< U16 >( 1024 + i ) }; }
-Netix::IpAndPort const peerInside{ Support::ip( "10.9.0.9" ), 83 };
-Netix::IpAndPort const peer{ Support::ip( "198.51.100.7" ), 81 };
+std::string inside( U32 i ) { return "10.0.0.1:" + std::to_string( 1024 + i ); }
+std::string outside( U32 i ) { return "192.0.2.1:" + std::to_string( 1024 + i ); }
 
-AnyRule staticRule( Netix::IpAndPort const & from, std::string const & aclName, Netix::IpAndPort const & to ) {
-   Support::StaticFields fields{ .intfQualifier = 5 };
-   fields.connection = { .translated = to, .target = Ip::Nat::NatTarget::source, .protocol = 6 };
-   return Support::StaticRule{ { Support::intf( "ethernet1" ), { Orla::String( aclName ), from.ip, from.port } },
-                               Orla::make< Pfe::NatProgrammerStaticEntry >( fields ) };
+AnyRule ownStaticRule( U32 i ) {
+   return Support::StaticRule{ Support::staticKey( inside( i ) ), Support::staticEntry( outside( i ) ) };
 }
-
-AnyRule ownStaticRule( U32 i ) { return staticRule( inside( i ), "", outside( i ) ); }
 
 // An access list of its own translates each elsewhere: all that goes out shares one NAT id.
 AnyRule sharedStaticRule( U32 i ) {
-   return staticRule( inside( 0 ), "acl" + std::to_string( 10000 + i ), outside( i ) );
+   auto const acl = "acl" + std::to_string( 10000 + i );
+   return Support::StaticRule{ Support::staticKey( inside( 0 ), "ethernet1", acl.c_str() ),
+                               Support::staticEntry( outside( i ) ) };
 }
 
 AnyRule twiceRule( U32 i ) {
-   Support::TwiceRule::Fields fields{ .intfQualifier = 5 };
-   fields.connection = { inside( i ), peerInside, outside( i ), peer };
-   return Support::TwiceRule{ { Support::intf( "ethernet1" ), { inside( i ), peerInside } },
-                              Orla::make< Pfe::NatProgrammerTwiceEntry >( fields ) };
+   return Support::twiceRule( inside( i ) + " > 10.9.0.9:83", outside( i ) + " > 198.51.100.7:81" );
 }
 
-AnyRule dynamicRule( Netix::IpAndPort const & from, Netix::IpAndPort const & to, bool addrOnly ) {
-   Support::DynamicRule::Fields fields{ .intfQualifier = 5 };
-   fields.connection = { .target = Ip::Nat::NatTarget::source, .addrOnly = addrOnly };
-   fields.global = to;
-   return Support::DynamicRule{ { Support::intf( "ethernet1" ), { from, peer, 6 } },
-                                Orla::make< Pfe::NatProgrammerDynamicEntry >( fields ) };
-}
-
-AnyRule naptRule( U32 i ) { return dynamicRule( inside( i ), outside( i ), false ); }
+AnyRule naptRule( U32 i ) { return Support::dynamicRule( inside( i ) + " > 198.51.100.7:81", outside( i ) ); }
 
 // These have no twins, and each needs addresses of its own.
 AnyRule addrOnlyRule( U32 i ) {
-   auto const moved = [ i ]( Netix::IpAndPort pair ) {
-      pair.ip = Netix::IpAddr( pair.ip.value() + i );
-      return pair;
-   };
-   return dynamicRule( moved( inside( 0 ) ), moved( outside( 0 ) ), true );
+   auto const end = std::to_string( i / 250 ) + '.' + std::to_string( 1 + i % 250 );
+   return Support::dynamicRule( "10.0." + end + ":1 > 198.51.100.7:81", "192.1." + end,
+                                { .intfQualifier = 5, .connection = { .addrOnly = true } } );
 }
 
 struct Kind {
