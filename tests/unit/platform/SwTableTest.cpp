@@ -176,6 +176,24 @@ TEST_F( SwTable, OvertakenOperationsReachTheHardwareButOnlyTheNewestReports ) {
                              "write rewrite 3", "write match 5", "remove rewrite 1", "remove rewrite 2" ) );
 }
 
+TEST_F( SwTable, ARowThatIsWrittenAgainIsPendingAndOneWhoseRemovalIsRefusedIsSeenAgain ) {
+   auto const handle = commit( 5, match( ref( 1 ) ) );
+   settleToRest();
+   EXPECT_EQ( commit( 5, match( ref( 1 ) ) ), handle );
+   EXPECT_EQ( handle->state(), EntryState::pending );
+   settleToRest();
+   chip->refuseEvery = 1;
+   matches->entryRemove( RowNumber( 5 ) );
+   EXPECT_EQ( matches->entry( RowNumber( 5 ) ), nullptr );
+   hardware->settle();
+   EXPECT_NE( matches->entry( RowNumber( 5 ) ), nullptr );
+   EXPECT_EQ( handle->state(), EntryState::failed );
+   EXPECT_EQ( rewrites->rowCount(), 1U ) << "what the hardware holds keeps its rewrite";
+   chip->refuseEvery = 0;
+   settleToRest();  // it is tried again
+   EXPECT_EQ( left(), nothing );
+}
+
 TEST_F( SwTable, RetriesGoRewritesThenTwinsThenTheRestAsAsked ) {
    chip->failEvery = 1;
    auto const first = ref( 1 ), second = ref( 2 );
