@@ -212,7 +212,7 @@ std::string JsonDocument::Value::pointer() const {
    std::string pointer;
    for ( Value at = document_->root(); at.place_ != place_; ) {
       std::size_t position = 0;
-      Value next;
+      Value next = at;
       at.forEach( [ & ]( Value child ) {
          if ( child.place_ <= place_ ) {
             next = child;

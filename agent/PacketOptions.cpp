@@ -44,50 +44,48 @@ std::optional< Packet::Part > partFrom( std::string_view text ) {
                             : std::nullopt;
 }
 
-struct OptionText {
+// How the value of an option is written.
+struct Notation {
    char const * name;
-   char const * type;
-   char const * what;
    char const * allowed;
 };
 
+constexpr Notation interfaces{ "IFACE", "an interface, such as ethernet1, vlan20, port-channel3, loopback0, tunnel1" };
+constexpr Notation protocols{ "PROTO", "tcp, udp, icmp, gre, esp, sctp, or a number from 0 to 255" };
+constexpr Notation pairs{
+   "ADDR[:PORT]", "an IPv4 address, such as 192.0.2.1, or one with a port from 1 to 65535, such as 192.0.2.1:80" };
+constexpr Notation parts{ "PART", "first, later" };
+
 // An option whose text is turned into a value by from( text ).
-template< auto from, class Value > CLI::Option * add( CLI::App & app, OptionText const & text, Value & value ) {
-   auto const take = [ text, &value ]( std::string const & given ) {
+template< auto from, Notation const & notation, class Value >
+CLI::Option * add( CLI::App & app, char const * name, char const * what, Value & value ) {
+   auto const take = [ name, &value ]( std::string const & given ) {
       auto const taken = from( given );
       if ( !taken ) {
-         throw CLI::ValidationError( text.name, '"' + given + "\"; allowed: " + text.allowed );
+         throw CLI::ValidationError( name, '"' + given + "\"; allowed: " + notation.allowed );
       }
       value = *taken;
    };
-   return app.add_option_function< std::string >( text.name, take, text.what )->type_name( text.type );
+   return app.add_option_function< std::string >( name, take, what )->type_name( notation.name );
 }
 
 }  // namespace
 
 CLI::Option * addInterfaceOption( CLI::App & app, char const * name, char const * what, Netix::IntfId & intf ) {
-   constexpr char const * interfaces = "an interface, such as ethernet1, vlan20, port-channel3, loopback0, tunnel1";
-   return add< &Netix::IntfId::fromName >( app, { name, "IFACE", what, interfaces }, intf );
+   return add< &Netix::IntfId::fromName, interfaces >( app, name, what, intf );
 }
 
 void addPacketOptions( CLI::App & app, Packet & packet ) {
    auto & group = *app.add_option_group( "Packet" );
-   constexpr char const * pairs =
-      "an IPv4 address, such as 192.0.2.1, or one with a port from 1 to 65535, such as 192.0.2.1:80";
    addInterfaceOption( group, "--in", "Interface that it enters by", packet.in );
    addInterfaceOption( group, "--out", "Interface that it leaves by", packet.out );
    group.add_option( "--vrf", packet.vrfId, "VRF (default 0)" )
       ->type_name( "N" )
       ->check( CLI::Range( U32{ 0 }, static_cast< U32 >( Netix::VrfId::max ) ) );
-   add< &protocolFrom >(
-      group,
-      { "--proto", "PROTO", "Protocol by name or number", "tcp, udp, icmp, gre, esp, sctp, or a number from 0 to 255" },
-      packet.protocol )
-      ->required();
-   add< &pairFrom >( group, { "--src", "ADDR[:PORT]", "Source", pairs }, packet.source )->required();
-   add< &pairFrom >( group, { "--dst", "ADDR[:PORT]", "Destination", pairs }, packet.destination )->required();
-   add< &partFrom >( group, { "--fragment", "PART", "It is the first or a later fragment", "first, later" },
-                     packet.part );
+   add< &protocolFrom, protocols >( group, "--proto", "Protocol by name or number", packet.protocol )->required();
+   add< &pairFrom, pairs >( group, "--src", "Source", packet.source )->required();
+   add< &pairFrom, pairs >( group, "--dst", "Destination", packet.destination )->required();
+   add< &partFrom, parts >( group, "--fragment", "It is the first or a later fragment", packet.part );
 }
 
 void requireComplete( Packet const & packet ) {

@@ -93,7 +93,8 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
 
  private:
    struct TypedVersion final : Version, Vexa::Pooled< TypedVersion > {
-      template< class Given > explicit TypedVersion( Given && e ) : entry( std::forward< Given >( e ) ) {}
+      explicit TypedVersion( Entry const & e ) : entry( e ) {}
+      explicit TypedVersion( Entry && e ) : entry( std::move( e ) ) {}
       Entry entry;
    };
 
