@@ -68,8 +68,10 @@ std::variant< LearnedConnection, NotLearned > learnedFrom( TrackedFlow const & f
       return NotLearned::wildcard;
    }
    // The connection is the flow as sent: to the outside host, or to the public address that an inside host answers for.
-   return sourceDiffers ? LearnedConnection{ original, { .target = NatTarget::source }, reply.destination }
-                        : LearnedConnection{ original, { .target = NatTarget::destination }, reply.source };
+   if ( sourceDiffers ) {
+      return LearnedConnection{ original, { .target = NatTarget::source }, reply.destination };
+   }
+   return LearnedConnection{ original, { .target = NatTarget::destination }, reply.source };
 }
 
 RowClaims::RowClaims( Pfe::NatProgrammerConfig const & rules, NatInterface const & intf ) {

@@ -1,7 +1,7 @@
 #include "agent/Text.h"
 
 #include <algorithm>
-#include <array>
+#include <iterator>
 #include <variant>
 
 namespace Agent {
@@ -46,10 +46,9 @@ std::string_view targetText( Ip::Nat::NatTarget target ) {
 }
 
 std::string_view resultText( PfeHelper::NatHwResult result ) {
-   constexpr std::array< std::string_view, 6 > names{ "pending",     "programmed", "failed",
-                                                      "unsupported", "no space",   "rejected" };
+   static constexpr char const * names[] = { "pending", "programmed", "failed", "unsupported", "no space", "rejected" };
    auto const place = static_cast< std::size_t >( result );
-   return place < names.size() ? names[ place ] : "unknown";
+   return place < std::size( names ) ? names[ place ] : "unknown";
 }
 
 std::string_view stateText( Asic::EntryState state ) {

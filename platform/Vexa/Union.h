@@ -75,12 +75,24 @@ template< class Names, class... Alternatives > class Union {
    template< class T > void assign( T const & alternative ) { storage_ = alternative; }
 
  private:
-   template< std::size_t index > void parseAlternative( CharRange & text ) {
+   // False when the alternative has another name than the text begins with.
+   template< std::size_t index > bool parseAlternative( std::string_view name, CharRange & text ) {
+      if ( name != Names::alternativeName[ index ] ) {
+         return false;
+      }
+      text.advance( name.size() + 1 );
       try {
          storage_.template emplace< index >( parse< std::variant_alternative_t< index, Storage > >( text ) );
       } catch ( Exception const & ) {
          rethrowFromDeserializeAttr( Names::alternativeName[ index ].data() );
       }
+      return true;
+   }
+
+   // False when no alternative has the name.
+   template< std::size_t... index >
+   bool parseNamed( std::string_view name, CharRange & text, std::index_sequence< index... > ) {
+      return ( parseAlternative< index >( name, text ) || ... );
    }
 
    Storage storage_;
@@ -97,17 +109,7 @@ template< class Names, class... Alternatives > Union< Names, Alternatives... >::
    }
    auto const equals = rest.find( '=' );
    auto const name = rest.substr( 0, equals );
-   bool parsed = false;
-   auto const tryAlternative = [ & ]< std::size_t index >( std::integral_constant< std::size_t, index > ) {
-      if ( !parsed && equals != rest.npos && name == Names::alternativeName[ index ] ) {
-         parsed = true;
-         text.advance( equals + 1 );
-         parseAlternative< index >( text );
-      }
-   };
-   [ & ]< std::size_t... index >( std::index_sequence< index... > ) {
-      ( tryAlternative( std::integral_constant< std::size_t, index >{} ), ... );
-   }( std::index_sequence_for< Alternatives... >{} );
+   bool const parsed = equals != rest.npos && parseNamed( name, text, std::index_sequence_for< Alternatives... >{} );
    if ( !parsed ) {
       throw RangeException( "Invalid string rep for " + std::string( Names::shortName ) + ":  unknown alternative " +
                             std::string( name ) );
