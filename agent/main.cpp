@@ -1,5 +1,5 @@
 #include "agent/CommandLine.h"
-#include "agent/Heap.h"
+#include "agent/basics/Heap.h"
 
 int main( int argumentCount, char ** arguments ) {
    Agent::prepareHeap();

@@ -8,11 +8,11 @@
 #include "Rules.h"
 #include "System.h"
 
-#include "agent/Configuration.h"
-#include "agent/Heap.h"
-#include "agent/Host.h"
-#include "agent/NatIdStore.h"
-#include "agent/SimulatedHardware.h"
+#include "agent/basics/Heap.h"
+#include "agent/configuration/Configuration.h"
+#include "agent/host/Host.h"
+#include "agent/host/NatIdStore.h"
+#include "agent/host/SimulatedHardware.h"
 
 #include <lmdb.h>
 #include <nlohmann/json.hpp>

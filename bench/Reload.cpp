@@ -5,8 +5,8 @@
 #include "Questions.h"
 #include "System.h"
 
-#include "agent/Configuration.h"
-#include "agent/Host.h"
+#include "agent/configuration/Configuration.h"
+#include "agent/host/Host.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,7 +1,7 @@
 // The rules that the benchmarks program.
 #pragma once
 
-#include "agent/Connection.h"
+#include "agent/configuration/Connection.h"
 
 #include <Pfe/IngStaticNatTable.h>
 #include <Pfe/NatMatchKey.h>

@@ -4,7 +4,7 @@
 #include "Rules.h"
 
 #include "PfeNat/PfeNatSwTableProgrammerSm.h"
-#include "agent/NatTables.h"
+#include "agent/host/NatTables.h"
 
 #include <cstddef>
 

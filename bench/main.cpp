@@ -15,7 +15,7 @@
 #include "Questions.h"
 #include "System.h"
 
-#include "agent/Configuration.h"
+#include "agent/configuration/Configuration.h"
 
 #include <benchmark/benchmark.h>
 

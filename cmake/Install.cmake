@@ -9,7 +9,7 @@ set_target_properties( PfeNat PfePlatform PROPERTIES INSTALL_RPATH "$ORIGIN" )
 if( TARGET nat-agent )
    install( TARGETS nat-agent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime )
    set_target_properties( nat-agent PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}" )
-   install( FILES agent/pfe-nat.yang agent/report.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pfe-nat COMPONENT runtime )
+   install( FILES agent/configuration/pfe-nat.yang agent/reports/report.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/pfe-nat COMPONENT runtime )
 endif()
 
 install( DIRECTORY PfeNat DESTINATION ${installed_headers} COMPONENT development FILES_MATCHING PATTERN *.h )

@@ -1,7 +1,7 @@
 // Configurations of any bytes: either they are refused with a text, or every entry of theirs is a rule with rows of its
 // own.
-#include "agent/Configuration.h"
-#include "agent/UnusableInput.h"
+#include "agent/basics/UnusableInput.h"
+#include "agent/configuration/Configuration.h"
 
 #include <Vexa/Assert.h>
 

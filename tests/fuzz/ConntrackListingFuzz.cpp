@@ -1,7 +1,7 @@
 // Listings of any bytes: either they are refused with a text, or every line of theirs is accounted for.
-#include "agent/ConntrackListing.h"
+#include "agent/learning/ConntrackListing.h"
 
-#include "agent/UnusableInput.h"
+#include "agent/basics/UnusableInput.h"
 
 #include <Vexa/Assert.h>
 

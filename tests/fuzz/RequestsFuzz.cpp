@@ -1,12 +1,12 @@
 // Messages of any bytes to a serving agent, one per line: each has an answer of the protocol's form, or none where the
 // protocol wants none, and the agent serves on.
-#include "agent/Requests.h"
+#include "agent/serving/Requests.h"
 
-#include "agent/Configuration.h"
-#include "agent/Host.h"
-#include "agent/Server.h"
-#include "agent/SimulatedHardware.h"
-#include "agent/UnusableInput.h"
+#include "agent/basics/UnusableInput.h"
+#include "agent/configuration/Configuration.h"
+#include "agent/host/Host.h"
+#include "agent/host/SimulatedHardware.h"
+#include "agent/serving/Server.h"
 
 #include <Vexa/Assert.h>
 

@@ -1,7 +1,7 @@
 // What each kind of rule means: the ingress rows that it becomes, and what it does to a packet.
 #pragma once
 
-#include "agent/PacketWalk.h"
+#include "agent/packets/PacketWalk.h"
 
 #include <tests/support/Programmer.h>
 

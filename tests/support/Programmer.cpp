@@ -1,6 +1,6 @@
 #include <tests/support/Programmer.h>
 
-#include "agent/Text.h"
+#include "agent/basics/Text.h"
 
 #include <Trace/RingTrace.h>
 

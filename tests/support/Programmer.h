@@ -3,7 +3,7 @@
 
 #include "PfeNat/PfeNatSwTableProgrammerSm.h"
 
-#include "agent/NatTables.h"
+#include "agent/host/NatTables.h"
 
 #include <tests/support/AnyRule.h>
 #include <tests/support/ScriptedHardware.h>

@@ -31,7 +31,7 @@ RUNS = [
 
 
 def check_json():
-    schema = json.loads((SOURCE / "agent" / "report.schema.json").read_text())
+    schema = json.loads((SOURCE / "agent" / "reports" / "report.schema.json").read_text())
     jsonschema.Draft202012Validator.check_schema(schema)
     forms = {name: {"$ref": f"#/$defs/{name}", "$defs": schema["$defs"]} for name in ("programming", "interfaces", "walk")}
     for arguments, status in RUNS:

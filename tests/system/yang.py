@@ -51,7 +51,7 @@ def nodes(block, place):
         yield from nodes(inner, f"{place}/{name}")
 
 
-MODULE = parsed((SOURCE / "agent" / "pfe-nat.yang").read_text())[0][2]
+MODULE = parsed((SOURCE / "agent" / "configuration" / "pfe-nat.yang").read_text())[0][2]
 NODES = [
     (AUGMENTED[path], place.removeprefix(AUGMENTED[path]), name, keyword, inner)
     for _, path, block in of(MODULE, "augment")

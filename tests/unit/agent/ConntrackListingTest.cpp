@@ -1,8 +1,8 @@
 // Listings of the tool conntrack.
-#include "agent/ConntrackListing.h"
+#include "agent/learning/ConntrackListing.h"
 
-#include "agent/ConntrackEntry.h"
-#include "agent/UnusableInput.h"
+#include "agent/basics/UnusableInput.h"
+#include "agent/learning/ConntrackEntry.h"
 
 #include <tests/support/Programmer.h>
 

@@ -1,5 +1,5 @@
 // The agent dies at any of its writes and removals: what was in the hardware then has its NAT id in the store.
-#include "agent/Host.h"
+#include "agent/host/Host.h"
 
 #include <tests/support/ScriptedHardware.h>
 

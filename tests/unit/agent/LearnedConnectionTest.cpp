@@ -1,5 +1,5 @@
 // What a tracked flow is learned as, and which of two connections has a row.
-#include "agent/ConntrackEntry.h"
+#include "agent/learning/ConntrackEntry.h"
 
 #include <tests/support/Programmer.h>
 

@@ -1,7 +1,7 @@
 // Software tables against a plain model: random histories, compared after every step.
 #include "SwTableModel.h"
 
-#include "agent/Text.h"
+#include "agent/basics/Text.h"
 
 #include <tests/support/RandomValue.h>
 #include <tests/support/SmallTables.h>

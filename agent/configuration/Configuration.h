@@ -1,0 +1,60 @@
+// What a configuration file asks for.
+#pragma once
+
+#include "agent/configuration/Connection.h"
+
+#include <Pfe/NatProgrammerConfig.h>
+#include <Vexa/HashMap.h>
+
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace Agent {
+
+struct Trap {
+   Pfe::NatProgrammerTrapKey key;
+   Pfe::NatProgrammerTrapEntry::PtrConst entry;
+};
+
+struct Configuration {
+   std::string file;
+   U32 instanceId = 0;
+   std::string instanceName;  // empty: none given
+   bool enabled = true;       // false: nothing is to be programmed
+   Settings settings;
+   std::vector< Connection > connections;  // in the order of the file, then those learned
+   std::vector< Trap > traps;
+   std::map< U16, U16 > profiles;                           // by VLAN
+   std::set< std::pair< Netix::IntfId, U16 > > qualifiers;  // of the interfaces that connections stand at
+   // The same connections, traps and settings, as the programmer reads them.
+   Pfe::NatProgrammerConfig::Ptr rules;
+   // Of the dynamic connections, where they stand among all.
+   std::unordered_map< Pfe::NatProgrammerDynamicKey, std::size_t,
+                       Vexa::KeyHash< Pfe::NatProgrammerDynamicKey, 0x7F4A7C15 > >
+      placeOfDynamic;
+};
+
+// Null when no connection derives the row, as for rows of fragments, which connections share.
+Connection const * connectionOf( Pfe::IngNatTableKey const & row, Configuration const & configuration );
+
+// Puts the connection among the rules, and the interface's qualifier to the others.
+void add( Configuration & configuration, Connection connection );
+
+// Takes a learned connection out of both. The last one takes its place. Absent: nothing.
+void remove( Configuration & configuration, Pfe::NatProgrammerDynamicKey const & key );
+
+// Reads a file in the names of RFC 8512 and of pfe-nat.yang, encoded by RFC 7951. The whole file is checked before
+// anything is made of it.
+// Throws UnusableInput with a line per fault: file, JSON pointer (line and column where the text is no JSON), value,
+// and what is allowed.
+Configuration configurationFrom( std::string const & file );
+
+// The same of a text; `file` only names it.
+Configuration configurationIn( std::string const & file, std::string_view text );
+
+}  // namespace Agent

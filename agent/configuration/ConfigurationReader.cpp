@@ -1,0 +1,279 @@
+// The members that a configuration file may have, and what is made of their values.
+#include "agent/basics/TextFile.h"
+#include "agent/basics/UnusableInput.h"
+#include "agent/configuration/Configuration.h"
+#include "agent/configuration/JsonMembers.h"
+#include "agent/configuration/MappingEntry.h"
+#include "agent/configuration/TrapEntry.h"
+
+#include <Bridging/VlanId.h>
+#include <Orla/Ptr.h>
+#include <Vexa/HashMap.h>
+
+#include <algorithm>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+// --- Members ---------------------------------------------------------------------------------------------------------
+
+struct ReplicationMembers : Replication {
+   U16 number = 0;
+};
+
+constexpr Member< ReplicationMembers > replicationMembers[] = {
+   { "number", into< &ReplicationMembers::number >, true },
+   { "interface", into< &ReplicationMembers::intf >, true },
+   { "source-address", into< &ReplicationMembers::sourceAddress > } };
+
+struct GroupMembers {
+   std::string_view name;
+   JsonValue replications;
+};
+
+constexpr Member< GroupMembers > groupMembers[] = { { "name", into< &GroupMembers::name >, true },
+                                                    { "replication", into< &GroupMembers::replications >, true } };
+
+struct ProfileMembers {
+   U16 vlan = 0;
+   U16 profile = 0;
+};
+
+constexpr Member< ProfileMembers > profileMembers[] = {
+   { "vlan", within< &ProfileMembers::vlan, Bridging::VlanId::min, Bridging::VlanId::max >, true },
+   { "profile", into< &ProfileMembers::profile >, true } };
+
+struct DetectionMembers {
+   U8 protocol = 0;
+};
+
+constexpr Member< DetectionMembers > detectionMembers[] = { { "protocol", into< &DetectionMembers::protocol >, true } };
+
+struct InstanceMembers : Settings {
+   U32 id = 0;
+   std::string_view name;
+   bool enabled = true;
+   JsonValue mappingTable;
+   JsonValue detections;
+   JsonValue profiles;
+   JsonValue traps;
+   JsonValue groups;
+};
+
+constexpr Member< InstanceMembers > instanceMembers[] = {
+   { "id", into< &InstanceMembers::id >, true },
+   { "name", into< &InstanceMembers::name > },
+   { "enable", into< &InstanceMembers::enabled > },
+   { "mapping-table", into< &InstanceMembers::mappingTable > },
+   { "pfe-nat:fragmentation", into< &InstanceMembers::fragmentation > },
+   { "pfe-nat:vrf-less", into< &InstanceMembers::vrfLess > },
+   { "pfe-nat:full-cone-capability", into< &InstanceMembers::fullConeProgrammed > },
+   { "pfe-nat:l4-detection", into< &InstanceMembers::detections > },
+   { "pfe-nat:vlan-profile", into< &InstanceMembers::profiles > },
+   { "pfe-nat:trap", into< &InstanceMembers::traps > },
+   { "pfe-nat:multicast-group", into< &InstanceMembers::groups > } };
+
+// The value of the one member that an object may have.
+JsonValue onlyMember( JsonValue object, std::string_view name, bool required ) {
+   Member< JsonValue > const members[] = { { name, take, required } };
+   JsonValue value;
+   takeMembers( object, members, value );
+   return value;
+}
+
+JsonValue instanceOf( JsonValue root ) {
+   auto const list =
+      onlyMember( onlyMember( onlyMember( root, "ietf-nat:nat", true ), "instances", true ), "instance", true );
+   detail::requireList( list );
+   JsonValue instance;
+   std::size_t count = 0;
+   list.forEach( [ & ]( JsonValue element ) {
+      instance = element;
+      ++count;
+   } );
+   if ( count != 1 ) {
+      refuse( list, "of " + std::to_string( count ) + " instances", "one instance per file" );
+   }
+   return instance;
+}
+
+// --- One row, one rule; one key, one rule ----------------------------------------------------------------------------
+
+struct ClaimTexts {
+   char const * oneRow;  // what rows tell apart
+   char const * key;
+   char const * oneKey;
+};
+
+ClaimTexts claimTexts( StaticRule const & ) {
+   return { "one entry per interface, VRF, protocol and pair of addresses and ports, whichever side is written",
+            "interface, access list, internal address and internal port",
+            "one entry for each of them; the protocol does not tell entries apart" };
+}
+ClaimTexts claimTexts( TwiceRule const & ) {
+   return { "one entry per interface, VRF and pairs of addresses and ports",
+            "interface and internal addresses and ports", "one entry for each of them" };
+}
+ClaimTexts claimTexts( DynamicRule const & rule ) {
+   return { rule.entry->connection().addrOnly
+               ? "one entry per VRF, qualifier and address"
+               : "one entry per VRF, qualifier, protocol and pairs of addresses and ports",
+            "interface, protocol, source and internal destination", "one entry for each of them" };
+}
+
+// --- The whole -------------------------------------------------------------------------------------------------------
+
+class Reader {
+ public:
+   Reader( JsonDocument const & document, std::string const & file ) : document_( document ) {
+      result_.file = file;
+      result_.rules = Orla::make< Pfe::NatProgrammerConfig >();
+   }
+
+   Configuration read() {
+      faults_.collect( [ & ] { readInstance( instanceOf( document_.root() ) ); } );
+      faults_.throwAll( result_.file );
+      return std::move( result_ );
+   }
+
+ private:
+   void readInstance( JsonValue place ) {
+      InstanceMembers instance;
+      takeMembers( place, instanceMembers, instance );
+      forEachIn( instance.detections, detectionMembers, [ & ]( JsonValue, DetectionMembers const & detection ) {
+         instance.l4Detected.set( detection.protocol );
+      } );
+      result_.instanceId = instance.id;
+      result_.instanceName = instance.name;
+      result_.enabled = instance.enabled;
+      result_.settings = instance;
+      result_.rules->fragmentationEnabledIs( instance.fragmentation );
+      result_.rules->vrfLessIs( instance.vrfLess );
+      faults_.collect( [ & ] { readProfiles( instance.profiles ); } );
+      collectForEach( instance.traps, [ & ]( JsonValue value ) { readTrap( value ); } );
+      collectForEach( instance.groups, [ & ]( JsonValue value ) { readGroup( value ); } );
+      // Entries that name a faulty group are not to be blamed for it.
+      if ( instance.mappingTable && !faults_.any() ) {
+         collectForEach( onlyMember( instance.mappingTable, "mapping-entry", false ),
+                         [ & ]( JsonValue value ) { readEntry( value ); } );
+      }
+   }
+
+   void readProfiles( JsonValue list ) {
+      forEachIn( list, profileMembers, [ & ]( JsonValue value, ProfileMembers const & members ) {
+         if ( !result_.profiles.emplace( members.vlan, members.profile ).second ) {
+            refuse( value, "has the VLAN " + std::to_string( members.vlan ) + " of another profile",
+                    "one profile per VLAN" );
+         }
+      } );
+   }
+
+   void readTrap( JsonValue value ) {
+      auto trap = takeTrap( value );
+      auto const & key = trap.key.key;
+      bool const isNew = traps_.insert( { key.aclName, key.poolId, trap.entry->rule().ruleId } ).second;
+      if ( !isNew || result_.rules->trapEntry().has( trap.key ) ) {
+         refuse( value,
+                 "has the access list, pool and rule id, or the interface, access list and pool, of another trap",
+                 "one trap for each of them" );
+      }
+      result_.rules->trapEntryIs( trap.key, trap.entry );
+      result_.traps.push_back( std::move( trap ) );
+   }
+
+   template< class Function > void collectForEach( JsonValue list, Function && function ) {
+      if ( list ) {
+         detail::requireList( list );
+         list.forEach( [ & ]( JsonValue value ) { faults_.collect( [ & ] { function( value ); } ); } );
+      }
+   }
+
+   void readGroup( JsonValue value ) {
+      GroupMembers group;
+      takeMembers( value, groupMembers, group );
+      auto copies = std::make_shared< McastGroup >();
+      forEachIn( group.replications, replicationMembers, [ & ]( JsonValue at, ReplicationMembers const & replication ) {
+         if ( !copies->emplace( replication.number, replication ).second ) {
+            refuse( at, "has the number " + std::to_string( replication.number ) + " of another replication",
+                    "a number of its own" );
+         }
+      } );
+      if ( !groups_.emplace( group.name, std::move( copies ) ).second ) {
+         refuse( value, "has the name of another group", "a name of its own" );
+      }
+   }
+
+   void readEntry( JsonValue value ) {
+      auto connection = takeMappingEntry( value, groups_ );
+      auto const index = *connection.index;
+      if ( !indexes_.is( index ) ) {
+         refuse( value, "has the index " + std::to_string( index ) + " of another entry", "an index of its own" );
+      }
+      std::visit( [ & ]( auto const & rule ) { claim( value, rule, index ); }, connection.rule );
+      add( result_, std::move( connection ) );
+   }
+
+   template< class AnyRule > void claim( JsonValue value, AnyRule const & rule, U32 index ) {
+      if ( auto const other = claimRows( rule, index ) ) {
+         refuse( value, "derives the rows of entry " + std::to_string( *other ), claimTexts( rule ).oneRow );
+      }
+      if ( configured( *result_.rules, rule.key ) ) {
+         auto const other = std::ranges::find_if( result_.connections, [ & ]( Connection const & connection ) {
+            auto const * const same = std::get_if< AnyRule >( &connection.rule );
+            return same && same->key == rule.key;
+         } );
+         refuse( value,
+                 std::string( "has the " ) + claimTexts( rule ).key + " of entry " + std::to_string( *other->index ),
+                 claimTexts( rule ).oneKey );
+      }
+   }
+
+   // Whose the row is; absent when nobody's so far.
+   std::optional< U32 > claimRow( Pfe::IngNatTableKey const & row, U32 index ) {
+      auto const [ owner, isNew ] = indexOfRow_.refOrEmplace( row );
+      if ( !isNew ) {
+         return owner;
+      }
+      owner = index;
+      return std::nullopt;
+   }
+
+   // One row of a static or twice rule tells what the other is, those of a dynamic one are in tables of their own.
+   std::optional< U32 > claimRows( StaticRule const & rule, U32 index ) {
+      return claimRow( ingressRowOf( rule, Ip::Nat::NatTarget::source ), index );
+   }
+   std::optional< U32 > claimRows( TwiceRule const & rule, U32 index ) {
+      return claimRow( *ingressRowsOf( rule, result_.settings ).begin(), index );
+   }
+   std::optional< U32 > claimRows( DynamicRule const & rule, U32 index ) {
+      std::optional< U32 > other;
+      for ( auto const & row : ingressRowsOf( rule, result_.settings ) ) {
+         auto const taken = claimRow( row, index );
+         other = other ? other : taken;
+      }
+      return other;
+   }
+
+   JsonDocument const & document_;
+   Configuration result_;
+   Faults faults_;
+   McastGroups groups_;
+   Vexa::HashSet< U32, 0x3C6EF372 > indexes_;
+   Vexa::HashMap< Pfe::IngNatTableKey, U32, 0x7F4A7C15 > indexOfRow_;  // of the entry that derives it
+   std::set< Pfe::NatTrapKey > traps_;
+};
+
+}  // namespace
+
+Configuration configurationIn( std::string const & file, std::string_view text ) {
+   JsonDocument const document( file, text );
+   return Reader( document, file ).read();
+}
+
+Configuration configurationFrom( std::string const & file ) { return configurationIn( file, textOfFile( file ) ); }
+
+}  // namespace Agent

@@ -1,0 +1,96 @@
+#include "agent/basics/Text.h"
+#include "agent/reports/HostReport.h"
+
+namespace Agent {
+
+namespace {
+
+// Leaves out interfaces that are not known.
+std::string packetText( Packet const & packet ) {
+   auto const intf = []( char const * way, Netix::IntfId id ) {
+      return id == Netix::IntfId() ? std::string() : way + std::string( id.name().text() );
+   };
+   auto const * const part = packet.part == Packet::Part::whole           ? ""
+                             : packet.part == Packet::Part::firstFragment ? " first fragment"
+                                                                          : " later fragment";
+   return protocolText( packet.protocol ) + " " + textOf( packet.source ) + " -> " + textOf( packet.destination ) +
+          part + intf( " in ", packet.in ) + intf( " out ", packet.out ) +
+          ( packet.vrfId == 0 ? "" : " vrf " + std::to_string( packet.vrfId ) );
+}
+
+// What the packet has become behind the tables; none when that is not certain.
+std::vector< Packet > outcomeOf( Packet const & packet, Passage const & passage ) {
+   std::vector< Packet > packets;
+   if ( passage.matches.empty() ) {
+      packets.push_back( packet );
+   }
+   for ( auto const & copy : passage.copies ) {
+      packets.push_back( copy.packet );
+   }
+   return packets;
+}
+
+Table stepsOf( Packet const & packet, Passage const & passage, Host const & host ) {
+   Table steps(
+      { { "step" }, { "what" }, { "table" }, { "entry", Table::Kind::number }, { "line", Table::Kind::number } } );
+   auto const add = [ & ]( char const * step, std::string_view what, std::string_view table = {},
+                           std::string_view entry = {}, std::string_view line = {} ) {
+      for ( auto const cell : { std::string_view( step ), what, table, entry, line } ) {
+         steps.cell( cell );
+      }
+   };
+   auto const addRow = [ & ]( char const * step, IngressRow const & row ) {
+      auto const * const connection = connectionOf( row.key, host.configuration() );
+      add( step, fieldsOf( row.key ), row.table,
+           connection && connection->index ? std::to_string( *connection->index ) : "",
+           connection && connection->line != 0 ? std::to_string( connection->line ) : "" );
+   };
+   add( "packet", packetText( packet ) );
+   for ( auto const & row : passage.missing ) {
+      addRow( "failed", row );
+   }
+   for ( auto const & row : passage.matches ) {
+      addRow( "match", row );
+   }
+   if ( passage.hasConditions ) {
+      add( "only if", "access list and filters of the row permit the packet; not looked into" );
+   }
+   if ( passage.matches.size() > 1 ) {
+      add( "unknown", "these rows match equally well" );
+   }
+   if ( passage.matches.empty() ) {
+      add( "leaves", "as it is: no row matches" );
+   }
+   for ( auto const & copy : passage.copies ) {
+      add( "rewrite", copy.row, copy.table );
+      add( "leaves", packetText( copy.packet ) );
+   }
+   return steps;
+}
+
+}  // namespace
+
+bool reportWalk( Report & report, Host const & host, Packet const & packet ) {
+   auto const & configuration = host.configuration();
+   Interfaces const interfaces{ configuration.qualifiers, configuration.settings.vrfLess };
+   auto const passage = walk( host.tables(), packet, interfaces );
+   auto const outcome = outcomeOf( packet, passage );
+   report.table( "packet", stepsOf( packet, passage, host ) );
+   if ( outcome.size() != 1 || outcome.front().destination.ip.isMulticast() ) {
+      return passage.matches.size() < 2;
+   }
+   auto const reply = replyTo( outcome.front() );
+   auto const replyPassage = walk( host.tables(), reply, interfaces );
+   auto const replyOutcome = outcomeOf( reply, replyPassage );
+   bool const comesBack = replyOutcome.size() == 1 && replyOutcome.front() == replyTo( packet );
+   report.line( "\nThe reply:" );
+   report.table( "reply", stepsOf( reply, replyPassage, host ) );
+   report.fact( "replyComesBack", comesBack );
+   auto const * const verdict = replyPassage.matches.size() > 1 ? "Where the reply goes is not certain."
+                                : comesBack                     ? "The reply comes back as the answer to the packet."
+                                            : "The reply does not come back as the answer to the packet.";
+   report.line( std::string( "\n" ) + verdict );
+   return replyPassage.matches.size() < 2;
+}
+
+}  // namespace Agent
