@@ -10,6 +10,7 @@
 #include "agent/learning/ConntrackListing.h"
 #include "agent/packets/PacketOptions.h"
 #include "agent/reports/HostReport.h"
+#include "agent/reports/InterfaceReport.h"
 #include "agent/serving/Requests.h"
 #include "agent/serving/Server.h"
 
@@ -195,7 +196,7 @@ int programInterfacesAndReport( Options const & options, CLI::App const & app ) 
    if ( listing ) {
       report.fact( "conntrack", factsOf( *listing ) );
    }
-   host.report( report, options.sections.ringLines );
+   reportInterfaceMode( report, host, options.sections.ringLines );
    return host.isComplete() ? complete : incomplete;
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace Agent {
@@ -38,6 +39,15 @@ struct Configuration {
                        Vexa::KeyHash< Pfe::NatProgrammerDynamicKey, 0x7F4A7C15 > >
       placeOfDynamic;
 };
+
+// Calls function( index, rule ) for every static connection, in their order.
+template< class Function > void forEachStaticRule( Configuration const & configuration, Function && function ) {
+   for ( auto const & connection : configuration.connections ) {
+      if ( auto const * const rule = std::get_if< StaticRule >( &connection.rule ) ) {
+         function( connection.index.value_or( 0 ), *rule );
+      }
+   }
+}
 
 // Null when no connection derives the row, as for rows of fragments, which connections share.
 Connection const * connectionOf( Pfe::IngNatTableKey const & row, Configuration const & configuration );

@@ -2,7 +2,6 @@
 // of the consumer to which a platform would give it.
 #pragma once
 
-#include "agent/basics/Report.h"
 #include "agent/configuration/Configuration.h"
 
 #include "PfeNat/PfeNatProgrammerIntfModeSm.h"
@@ -10,8 +9,6 @@
 
 #include <Pfe/NatSwTableConfig.h>
 #include <Pfe/NatSwTableStatus.h>
-
-#include <cstddef>
 
 namespace Agent {
 
@@ -24,9 +21,10 @@ class InterfaceHost {
    // Whether every connection is in the software-table configuration. One that this mode ignores is not.
    bool isComplete() const;
 
-   // Connections with the entries that they feed, the entries with their VLANs and what feeds them, what this mode
-   // ignores, the newest lines of the ring trace, and a summary.
-   void report( Report & report, std::size_t ringLines ) const;
+   Configuration const & configuration() const { return configuration_; }
+   Pfe::NatSwTableConfig const & swTableConfig() const { return *swTableConfig_; }
+   // Which rules feed which entries.
+   Pfe::NatProgrammerStaticMap const & staticMap() const { return *programmer_->staticConfigMap(); }
 
  private:
    Configuration configuration_;

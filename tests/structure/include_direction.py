@@ -1,5 +1,6 @@
 """Includes never run upward: platform/ knows nothing of PfeNat/ or agent/, PfeNat/ nothing of agent/; what lies outside
-of PfeNat/ includes its faces only; and each layer names no library but those it may depend on.
+of PfeNat/ includes its faces only; the rooms of agent/ include those below them; and each layer names no library but those
+it may depend on.
 
 An include is followed to the file it names, so neither "../" nor a second spelling gets past.
 """
@@ -35,6 +36,9 @@ MAY_INCLUDE = {
     "bench": {"platform", "PfeNat", "agent", "bench"},
 }
 
+# The rooms of agent/, each may include itself and those before it. The files that stand in agent/ itself may include all.
+ROOMS = ["basics", "configuration", "host", "packets", "reports", "learning", "serving"]
+
 INCLUDE = re.compile(r"^\s*#\s*include\b\s*(.*)$")
 NAMED = re.compile(r'[<"]([^>"]+)[>"]')
 
@@ -53,6 +57,10 @@ def fault_inside(includer, target):
     layer, other = includer.parts[0], target.parts[0]
     if other not in MAY_INCLUDE[layer]:
         return f"{layer}/ must not include {other}/"
+    if layer == other == "agent" and len(includer.parts) > 2:
+        room, below = includer.parts[1], target.parts[1]
+        if below not in ROOMS or ROOMS.index(below) > ROOMS.index(room):
+            return f"agent/{room}/ must not include what stands in {'/'.join(target.parts[:-1])}/"
     if other != "PfeNat" or layer == "PfeNat" or includer.parts[:2] == ("tests", "unit"):
         return None
     if len(target.parts) == 2 and target.stem in _tree.UNITS:
