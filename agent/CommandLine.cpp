@@ -1,5 +1,6 @@
 #include "agent/CommandLine.h"
 
+#include "agent/basics/Json.h"
 #include "agent/basics/UnusableInput.h"
 #include "agent/configuration/Configuration.h"
 #include "agent/host/Host.h"
@@ -18,6 +19,7 @@
 #include <Trace/Trace.h>
 
 #include <CLI/CLI.hpp>
+#include <boost/json/parse.hpp>
 
 #include <filesystem>
 #include <iostream>
@@ -124,8 +126,8 @@ bool isEnabled( Configuration const & configuration ) {
    return configuration.enabled;
 }
 
-nlohmann::ordered_json factsOf( ConntrackListing const & listing ) {
-   nlohmann::ordered_json passedOver = nlohmann::ordered_json::array();
+Json factsOf( ConntrackListing const & listing ) {
+   JsonArray passedOver;
    for ( auto const & entry : listing.passedOver ) {
       passedOver.push_back( { { "line", entry.line }, { "reason", textOf( entry.reason ) } } );
    }
@@ -267,9 +269,14 @@ void complain( std::string const & text ) {
    }
 }
 
+std::string textIn( Json const & object, std::string_view member ) {
+   auto const * const found = memberOf( object, member );
+   return found && found->is_string() ? std::string( found->get_string() ) : std::string();
+}
+
 // Asks the agent that serves in the state folder. `words`: a method, and its parameters as options.
 int askServer( Options const & options, std::vector< std::string > const & words ) {
-   nlohmann::ordered_json params = nlohmann::ordered_json::object();
+   JsonObject params;
    for ( std::size_t i = 1; i < words.size(); i += 2 ) {
       if ( !words[ i ].starts_with( "--" ) || i + 1 == words.size() ) {
          throw UnusableInput( words[ i ] + "; allowed: parameters of the method, as --NAME VALUE" );
@@ -279,24 +286,26 @@ int askServer( Options const & options, std::vector< std::string > const & words
       params[ name ] = name == "file" ? std::filesystem::absolute( words[ i + 1 ] ).string() : words[ i + 1 ];
    }
    params[ "format" ] = options.format;
-   nlohmann::ordered_json const request{
-      { "jsonrpc", "2.0" }, { "id", 1 }, { "method", words.at( 0 ) }, { "params", params } };
-   using Handler = nlohmann::ordered_json::error_handler_t;
-   auto const line = request.dump( -1, ' ', false, Handler::replace );
-   auto const answer = nlohmann::ordered_json::parse( ask( options.state, line ), nullptr, false );
-   if ( answer.is_discarded() || !answer.contains( "result" ) ) {
-      throw UnusableInput( answer.is_discarded() ? socketIn( options.state ) + ": the answer is no JSON"
-                                                 : answer[ "error" ].value( "message", "" ) );
+   Json const request{ { "jsonrpc", "2.0" }, { "id", 1 }, { "method", words.at( 0 ) }, { "params", params } };
+   boost::json::error_code error;
+   auto answer = boost::json::parse( ask( options.state, lineOf( request ) ), error );
+   auto * const result = answer.is_object() ? answer.get_object().if_contains( "result" ) : nullptr;
+   if ( error || !answer.is_object() ) {
+      throw UnusableInput( socketIn( options.state ) + ": the answer is no JSON" );
    }
-   auto result = answer[ "result" ];
-   int const status = result.value( "status", incomplete );
+   if ( !result ) {
+      throw UnusableInput( textIn( answer.at( "error" ), "message" ) );
+   }
+   auto const * const status = memberOf( *result, "status" );
+   int const ends = status && status->is_int64() ? static_cast< int >( status->get_int64() ) : incomplete;
    if ( options.format == "text" ) {
-      std::cout << result.value( "text", "" );
+      std::cout << textIn( *result, "text" );
    } else {
-      result.erase( "status" );
-      std::cout << result.dump( 2, ' ', false, Handler::replace ) << '\n';
+      result->as_object().erase( "status" );
+      writeLines( std::cout, *result );
+      std::cout << '\n';
    }
-   return status;
+   return ends;
 }
 
 void addControlOptions( CLI::App & app, Options & options ) {

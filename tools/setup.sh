@@ -3,12 +3,12 @@
 
 project_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-run_packages=(g++ cmake ninja-build libboost1.81-dev libcli11-dev nlohmann-json3-dev liblmdb-dev libnetfilter-conntrack-dev)
+run_packages=(g++ cmake ninja-build libboost1.81-dev libcli11-dev liblmdb-dev libnetfilter-conntrack-dev)
 test_packages=("${run_packages[@]}" clang-16 clang-format-16 doxygen libclang-rt-16-dev llvm-16
-   libgtest-dev libgmock-dev librapidcheck-dev libbenchmark-dev pkgconf python3 python3-jsonschema
+   libgtest-dev libgmock-dev librapidcheck-dev libbenchmark-dev nlohmann-json3-dev pkgconf python3 python3-jsonschema
    conntrack iproute2 nftables)
-bench_packages=("${run_packages[@]}" libbenchmark-dev)
-tidy_packages=("${run_packages[@]}" clang-16 clang-tidy-16 cppcheck)
+bench_packages=("${run_packages[@]}" libbenchmark-dev nlohmann-json3-dev)
+tidy_packages=("${run_packages[@]}" nlohmann-json3-dev clang-16 clang-tidy-16 cppcheck)
 
 # Installs those of the named packages that are missing; touches neither network nor system when none is.
 ensure_packages() {

@@ -14,8 +14,6 @@ namespace Agent {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr std::size_t gap = 2;
 // ECMA-48, select graphic rendition.
 constexpr char const * green = "\x1b[32m";
@@ -30,8 +28,8 @@ char const * colourOf( std::string_view column, std::string_view cell ) {
    return cell == "programmed" || cell == "settled" ? green : red;
 }
 
-Json numbersIn( std::string_view cell ) {
-   Json numbers = Json::array();
+JsonArray numbersIn( std::string_view cell ) {
+   JsonArray numbers;
    std::istringstream words{ std::string( cell ) };
    for ( unsigned number = 0; words >> number; ) {
       numbers.push_back( number );
@@ -113,17 +111,22 @@ std::string Table::lines( TextStyle style ) const {
    return lines;
 }
 
-Json Table::json() const {
-   Json rows = Json::array();
+JsonArray Table::json() const {
+   JsonArray rows;
+   rows.reserve( rowCount() );
    for ( std::size_t i = 0; i < ends_.size(); ++i ) {
       auto const & column = columns_[ i % columns_.size() ];
       if ( i % columns_.size() == 0 ) {
-         rows.push_back( Json::object() );
+         rows.emplace_back( JsonObject() );
       }
       if ( auto const cell = cellAt( i ); !cell.empty() ) {
-         auto & value = rows.back()[ std::string( column.name ) ];
-         auto const numbers = column.kind == Kind::text ? Json() : numbersIn( cell );
-         value = column.kind == Kind::text ? Json( cell ) : column.kind == Kind::number ? numbers.at( 0 ) : numbers;
+         auto & value = rows.back().as_object()[ column.name ];
+         if ( column.kind == Kind::text ) {
+            value = cell;
+         } else {
+            auto numbers = numbersIn( cell );
+            value = column.kind == Kind::number ? numbers.at( 0 ) : Json( std::move( numbers ) );
+         }
       }
    }
    return rows;
@@ -131,8 +134,8 @@ Json Table::json() const {
 
 Report::~Report() {
    if ( isJson_ && !isTaken_ ) {
-      // File names need not be UTF-8.
-      out_ << json_.dump( 2, ' ', false, Json::error_handler_t::replace ) << '\n';
+      writeLines( out_, json_ );
+      out_ << '\n';
    }
 }
 

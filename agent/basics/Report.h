@@ -1,9 +1,9 @@
 // What the agent shows, as text for people and as JSON for programs.
 #pragma once
 
-#include <Vexa/Types.h>
+#include "agent/basics/Json.h"
 
-#include <nlohmann/json.hpp>
+#include <Vexa/Types.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -51,7 +51,7 @@ class Table {
    // something, in columns named result and state, is green where all is well, or red.
    std::string lines( TextStyle style = {} ) const;
    // A list of one object per row, without members for empty cells.
-   nlohmann::ordered_json json() const;
+   JsonArray json() const;
 
  private:
    std::string_view cellAt( std::size_t index ) const;
@@ -77,14 +77,14 @@ class Report {
 
    // Each in one of the two forms only.
    void line( std::string_view text );
-   void fact( char const * name, nlohmann::ordered_json value );
+   void fact( char const * name, Json value );
 
    void table( char const * name, Table const & table );
 
    // What there is so far, which is not written any more.
-   nlohmann::ordered_json takeJson() {
+   JsonObject takeJson() {
       isTaken_ = true;
-      return std::exchange( json_, nlohmann::ordered_json::object() );
+      return std::exchange( json_, JsonObject() );
    }
 
  private:
@@ -92,7 +92,7 @@ class Report {
    bool isJson_;
    TextStyle style_;
    bool isTaken_ = false;
-   nlohmann::ordered_json json_ = nlohmann::ordered_json::object();
+   JsonObject json_;
 };
 
 }  // namespace Agent

@@ -3,7 +3,6 @@
 #include "agent/basics/UnusableInput.h"
 
 #include <boost/json/basic_parser_impl.hpp>
-#include <boost/json/src.hpp>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>

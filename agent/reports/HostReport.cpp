@@ -317,7 +317,7 @@ void reportRows( Report & report, Host const & host ) {
 
 void reportRing( Report & report, std::size_t lines ) {
    auto const ring = Trace::RingTrace::defaultHandle().lastLines( lines );
-   report.fact( "ringTrace", ring );
+   report.fact( "ringTrace", JsonArray( ring.begin(), ring.end() ) );
    report.line( "" );
    std::ranges::for_each( ring, [ & ]( std::string const & line ) { report.line( "  " + line ); } );
 }
@@ -358,9 +358,9 @@ void reportSummary( Report & report, Host const & host ) {
 }
 
 void reportHeading( Report & report, Configuration const & configuration, std::string_view mode ) {
-   report.fact( "file", configuration.file );
+   report.fact( "file", Json( configuration.file ) );
    if ( !mode.empty() ) {
-      report.fact( "mode", mode );
+      report.fact( "mode", Json( mode ) );
    }
    report.fact( "instance", { { "id", configuration.instanceId },
                               { "name", configuration.instanceName },

@@ -6,6 +6,8 @@
 
 #include <Trace/RingTrace.h>
 
+#include <boost/json/parse.hpp>
+
 #include <algorithm>
 #include <charconv>
 #include <iterator>
@@ -17,8 +19,6 @@
 namespace Agent {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 enum Code {
    parseError = -32700,
@@ -37,34 +37,37 @@ Json errorAnswer( Json const & id, Fault const & fault ) {
    return { { "jsonrpc", "2.0" }, { "error", { { "code", fault.code }, { "message", fault.message } } }, { "id", id } };
 }
 
-// Values are copied and written with some stack for each level.
-constexpr int mostLevels = 16;
+constexpr std::size_t mostLevels = 16;
 // Each answer may hold everything that is programmed.
 constexpr std::size_t mostInBatch = 16;
 
-// Discarded: no JSON. Throws Fault when it is nested too deeply.
+// Throws Fault when the request is no JSON.
 Json parsed( std::string_view request ) {
-   auto const requireShallow = []( int depth, Json::parse_event_t, Json & ) {
-      if ( depth > mostLevels ) {
-         throw Fault{ invalidRequest,
-                      "the message is nested too deeply; allowed: " + std::to_string( mostLevels ) + " levels" };
-      }
-      return true;
-   };
-   return Json::parse( request, requireShallow, false );
+   boost::json::error_code error;
+   auto json = boost::json::parse( request, error, {}, { .max_depth = mostLevels } );
+   if ( error == boost::json::error::too_deep ) {
+      throw Fault{ invalidRequest,
+                   "the message is nested too deeply; allowed: " + std::to_string( mostLevels ) + " levels" };
+   }
+   if ( error ) {
+      throw Fault{ parseError, "the message is no JSON" };
+   }
+   return json;
 }
 
-std::string lineOf( Json const & answer ) { return answer.dump( -1, ' ', false, Json::error_handler_t::replace ); }
-
 // Texts and numbers, as an option on the command line would have them.
-std::string textOf( std::string const & name, Json const & value ) {
-   if ( value.is_string() ) {
-      return value.get< std::string >();
+std::string textOf( std::string_view name, Json const & value ) {
+   auto const * const text = value.if_string();
+   if ( text && text->find( '\0' ) == text->npos ) {
+      return std::string( *text );
    }
-   if ( !value.is_number_unsigned() ) {
-      throw Fault{ invalidParams, name + ": " + lineOf( value ).substr( 0, 60 ) + "; allowed: a text or a number" };
+   boost::json::error_code error;
+   auto const number = value.to_number< U64 >( error );
+   if ( error || value.is_double() ) {
+      throw Fault{ invalidParams, std::string( name ) + ": " + lineOf( value ).substr( 0, 60 ) +
+                                     "; allowed: a text without a NUL character, or a number" };
    }
-   return std::to_string( value.get< U64 >() );
+   return std::to_string( number );
 }
 
 // What a method is handed: its parameters, and where its answer goes.
@@ -180,12 +183,13 @@ std::string listOf( auto const & names ) {
    return list;
 }
 
-Method const & methodOf( std::string const & name ) {
+Method const & methodOf( std::string_view name ) {
    auto const found = std::ranges::find( methods(), name, &Method::name );
    if ( found == methods().end() ) {
       std::vector< std::string_view > names;
       std::ranges::transform( methods(), std::back_inserter( names ), &Method::name );
-      throw Fault{ noSuchMethod, "no such method: " + name.substr( 0, 60 ) + "; allowed: " + listOf( names ) };
+      throw Fault{ noSuchMethod,
+                   "no such method: " + std::string( name.substr( 0, 60 ) ) + "; allowed: " + listOf( names ) };
    }
    return *found;
 }
@@ -209,17 +213,19 @@ bool Requests::answer( std::string_view request, std::string & answer ) {
 
 Json Requests::answerToAll( Json const & json ) {
    Json told;
-   if ( json.is_discarded() ) {
-      throw Fault{ parseError, "the message is no JSON" };
-   }
-   if ( json.is_array() && !json.empty() ) {
-      if ( json.size() > mostInBatch ) {
+   auto const * const batch = json.if_array();
+   if ( batch && !batch->empty() ) {
+      if ( batch->size() > mostInBatch ) {
          throw Fault{ invalidRequest, "too many requests in a batch; allowed: " + std::to_string( mostInBatch ) };
       }
-      for ( auto const & one : json ) {
-         if ( auto const answerToOne = answerTo( one ); !answerToOne.is_null() ) {
-            told.push_back( answerToOne );
+      JsonArray answers;
+      for ( auto const & one : *batch ) {
+         if ( auto answerToOne = answerTo( one ); !answerToOne.is_null() ) {
+            answers.push_back( std::move( answerToOne ) );
          }
+      }
+      if ( !answers.empty() ) {
+         told = std::move( answers );
       }
    } else {
       told = answerTo( json );
@@ -230,10 +236,12 @@ Json Requests::answerToAll( Json const & json ) {
 // Null for a notification, which has no answer.
 Json Requests::answerTo( Json const & request ) {
    auto const member = [ & ]( char const * name ) {
-      return request.is_object() && request.contains( name ) ? request[ name ] : Json();
+      auto const * const found = memberOf( request, name );
+      return found ? *found : Json();
    };
+   bool const isNotification = !memberOf( request, "id" );
    auto id = member( "id" );
-   bool const isId = id.is_null() || id.is_string() || id.is_number();
+   bool const isId = !id.is_structured() && !id.is_bool();
    if ( !isId ) {
       id = nullptr;
    }
@@ -246,28 +254,27 @@ Json Requests::answerTo( Json const & request ) {
       if ( !params.is_null() && !params.is_object() ) {
          throw Fault{ invalidParams, "parameters go by name" };
       }
-      auto result = resultOf( method.get< std::string >(), params );
-      return request.contains( "id" ) ? Json{ { "jsonrpc", "2.0" }, { "result", std::move( result ) }, { "id", id } }
-                                      : Json();
+      auto result = resultOf( method.get_string(), params );
+      return isNotification ? Json() : Json{ { "jsonrpc", "2.0" }, { "result", std::move( result ) }, { "id", id } };
    } catch ( Fault const & fault ) {
-      bool const isNotification = fault.code != invalidRequest && !request.contains( "id" );
-      return isNotification ? Json() : errorAnswer( id, fault );
+      return isNotification && fault.code != invalidRequest ? Json() : errorAnswer( id, fault );
    }
 }
 
-Json Requests::resultOf( std::string const & name, Json const & params ) {
-   auto const & method = methodOf( name );
+JsonObject Requests::resultOf( std::string_view methodName, Json const & params ) {
+   auto const & method = methodOf( methodName );
    std::map< std::string, std::string > given;
    std::string format = "json";
-   for ( auto const & [ param, value ] : params.items() ) {
+   for ( auto const & [ name, value ] : params.is_null() ? JsonObject() : params.get_object() ) {
+      std::string_view const param = name;
       if ( param == "format" ) {
          format = textOf( param, value );
       } else if ( std::ranges::find( method.params, param ) != method.params.end() ) {
-         given[ param ] = textOf( param, value );
+         given[ std::string( param ) ] = textOf( param, value );
       } else {
          auto const allowed = listOf( method.params );
-         throw Fault{ invalidParams, "no such parameter: " + param.substr( 0, 60 ) + "; allowed: format" +
-                                        ( allowed.empty() ? "" : ", " + allowed ) };
+         throw Fault{ invalidParams, "no such parameter: " + std::string( param.substr( 0, 60 ) ) +
+                                        "; allowed: format" + ( allowed.empty() ? "" : ", " + allowed ) };
       }
    }
    if ( format != "json" && format != "text" ) {

@@ -1,10 +1,9 @@
 // What the clients of a serving agent may ask for.
 #pragma once
 
+#include "agent/basics/Json.h"
 #include "agent/host/Host.h"
 #include "agent/learning/ConntrackFollower.h"
-
-#include <nlohmann/json.hpp>
 
 #include <functional>
 #include <string>
@@ -32,11 +31,9 @@ class Requests {
    static std::string refusal( std::string_view why );
 
  private:
-   using Json = nlohmann::ordered_json;
-
    Json answerToAll( Json const & message );
    Json answerTo( Json const & request );
-   Json resultOf( std::string const & method, Json const & params );
+   JsonObject resultOf( std::string_view method, Json const & params );
 
    Host & host_;
    Read read_;

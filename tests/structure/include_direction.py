@@ -23,7 +23,7 @@ STANDARD = set(
 )
 FLAT_CONTAINERS = re.compile(r"boost/(unordered|container_hash)/")
 # The benchmarks' floor is written with the same bare containers that the framework uses.
-BOOST = {"platform": FLAT_CONTAINERS, "bench": FLAT_CONTAINERS, "agent": re.compile(r"boost/json/")}
+BOOST = {"platform": FLAT_CONTAINERS, "bench": FLAT_CONTAINERS, "agent": re.compile(r"boost/(json/|locale/utf\.hpp)")}
 TEST_LIBRARIES = re.compile(r"(gtest|gmock|rapidcheck|benchmark)(/|\.h)")
 
 # A layer may include itself and these.
@@ -74,7 +74,7 @@ def fault_outside(includer, name):
     if name.startswith("boost/"):
         if layer in BOOST and BOOST[layer].match(name):
             return None
-        return "of Boost only the flat containers are used, in platform/ and bench/, and JSON, in agent/"
+        return "of Boost only the flat containers are used, in platform/ and bench/, and JSON with UTF-8, in agent/"
     if layer in ("platform", "PfeNat") and name not in STANDARD:
         return f"neither found in the project nor a header of the standard library, which is all that {layer}/ may use"
     if layer == "agent" and TEST_LIBRARIES.match(name):

@@ -11,6 +11,7 @@ from _serving import Serving, lines_of, said
 
 MIXED = SOURCE / "examples" / "mixed.json"
 METHODS = "show, connections, statuses, rows, ids, traps, profiles, ring, summary, explain, reload, delete-all, add-all, retry, following, resync, stop"
+TEXT = "allowed: a text without a NUL character, or a number"
 TOO_LONG = "the message is too long; allowed: 65536 bytes with the line end"
 
 
@@ -126,7 +127,9 @@ def check_bad_requests():
         ("parameters in a list", call | {"params": [1]}, -32602, 7, "parameters go by name"),
         ("unknown parameter", call | {"params": {"file": "x"}}, -32602, 7, "no such parameter: file; allowed: format"),
         ("format", call | {"params": {"format": "xml"}}, -32602, 7, "format: xml; allowed: json, text"),
-        ("a flag", call | {"params": {"format": True}}, -32602, 7, "format: true; allowed: a text or a number"),
+        ("a flag", call | {"params": {"format": True}}, -32602, 7, f"format: true; {TEXT}"),
+        ("more behind a NUL", call | {"method": "explain", "params": {"src": "10.0.0.1\0x"}}, -32602, 7,
+         f'src: "10.0.0.1\\u0000x"; {TEXT}'),
         ("ring", call | {"method": "ring", "params": {"lines": 0}}, -32602, 7, "lines: 0; allowed: 1 to 2048"),
         ("nothing to follow", call | {"method": "following"}, -32000, 7,
          "no connection tracking is followed; allowed: of an agent with --follow-conntrack"),
