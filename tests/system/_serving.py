@@ -1,5 +1,6 @@
 """An agent that serves, and clients of it."""
 
+import atexit
 import contextlib
 import json
 import signal
@@ -16,6 +17,7 @@ class Serving:
         self.socket = str(FOLDER / state / "agent.sock")
         self.process = subprocess.Popen([AGENT, "serve", config, "--state", state, *map(str, options)], cwd=FOLDER, text=True,
                                         stdout=subprocess.PIPE, stderr=errors)
+        atexit.register(self.process.kill)  # a script that raises leaves nobody behind
         started(self.process)
         self.shown = []
         for line in self.process.stdout:

@@ -1,4 +1,4 @@
-// The agent dies at any of its writes and removals: what was in the hardware then has its NAT id in the store.
+// Wherever the agent is killed, what is in the hardware then has its NAT id in the store.
 #include "agent/host/Host.h"
 
 #include <tests/support/ScriptedHardware.h>
@@ -7,114 +7,108 @@
 
 #include <gtest/gtest.h>
 
+#include <lmdb.h>
+
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <regex>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 namespace fs = std::filesystem;
 
-using KeyById = std::map< std::string, std::string >;
+using KeyById = std::map< U64, std::string >;
 
-KeyById keysById( Pfe::NatIdInfo const & info ) {
+// Of a copy of the folder, as a process reads it that comes after this one: id in two bytes to the text of its key.
+KeyById storedIn( fs::path const & folder ) {
+   auto const copy = folder / "copy";
+   fs::create_directory( copy );
+   fs::copy_file( folder / "data.mdb", copy / "data.mdb", fs::copy_options::overwrite_existing );
+   MDB_env * environment = nullptr;
+   MDB_txn * transaction = nullptr;
+   MDB_cursor * cursor = nullptr;
+   MDB_dbi database = 0;
+   EXPECT_EQ( mdb_env_create( &environment ) | mdb_env_open( environment, copy.c_str(), MDB_RDONLY | MDB_NOLOCK, 0 ) |
+                 mdb_txn_begin( environment, nullptr, MDB_RDONLY, &transaction ) |
+                 mdb_dbi_open( transaction, nullptr, 0, &database ) | mdb_cursor_open( transaction, database, &cursor ),
+              0 );
    KeyById keys;
-   info.matchKeyToNatId().forEach(
-      [ & ]( auto const & key, auto const & id ) { keys[ Vexa::stringOf( id ) ] = Vexa::stringOf( key ); } );
+   for ( MDB_val id, key; mdb_cursor_get( cursor, &id, &key, MDB_NEXT ) == 0; ) {
+      auto const * const bytes = static_cast< U8 const * >( id.mv_data );
+      keys[ U64{ bytes[ 0 ] } << 8 | bytes[ 1 ] ] =
+         std::string( static_cast< char const * >( key.mv_data ), key.mv_size );
+   }
+   mdb_cursor_close( cursor );
+   mdb_txn_abort( transaction );
+   mdb_env_close( environment );
    return keys;
 }
 
-// Writes down the rewrites that it holds, one line each, before the operation after which the process ends.
-class DyingHardware final : public Asic::HardwarePolicy {
+// Compares the rewrites that it holds with the store at each operation.
+class ComparingHardware final : public Asic::HardwarePolicy {
  public:
-   DyingHardware( unsigned lastOperation, std::string notes )
-      : lastOperation_( lastOperation ), notes_( std::move( notes ) ) {}
+   explicit ComparingHardware( fs::path folder ) : folder_( std::move( folder ) ) {}
 
    Agent::Host const * host = nullptr;
+   unsigned compared = 0;
 
    Asic::EntryState outcomeOfWrite( Request const & request ) override {
       if ( auto const id = idOf( request ) ) {
-         held_[ Support::ScriptedHardware::nameOf( request.table, request.row ) ] =
-            *id + ' ' + keysById( host->natIdInfo() )[ *id ];
+         host->natIdInfo().matchKeyToNatId().forEach( [ & ]( auto const & key, Pfe::NatId own ) {
+            if ( own == *id ) {
+               held_[ nameOf( request ) ] = { *id, Vexa::stringOf( key ) };
+            }
+         } );
       }
-      count();
+      compare();
       return Asic::EntryState::settled;
    }
-
    bool refusesRemoval( Request const & request ) override {
-      held_.erase( Support::ScriptedHardware::nameOf( request.table, request.row ) );
-      count();
+      held_.erase( nameOf( request ) );
+      compare();
       return false;
    }
 
  private:
-   static std::optional< std::string > idOf( Request const & request ) {
-      auto const name = Support::ScriptedHardware::nameOf( request.table, request.row );
+   static std::string nameOf( Request const & request ) {
+      return Support::ScriptedHardware::nameOf( request.table, request.row );
+   }
+   static std::optional< U64 > idOf( Request const & request ) {
+      auto const name = nameOf( request );
       std::smatch match;
       bool const isRewrite =
          name.starts_with( "egr" ) && std::regex_search( name, match, std::regex( "natId=(\\d+)" ) );
-      return isRewrite ? std::optional( match[ 1 ].str() ) : std::nullopt;
+      return isRewrite ? std::optional( std::stoull( match[ 1 ] ) ) : std::nullopt;
    }
 
-   void count() {
-      if ( --lastOperation_ != 0 ) {
-         return;
+   void compare() {
+      auto const stored = storedIn( folder_ );
+      for ( auto const & [ row, own ] : held_ ) {
+         auto const found = stored.find( own.first );
+         EXPECT_TRUE( found != stored.end() && found->second == own.second )
+            << row << ", killed at operation " << compared;
       }
-      std::ofstream notes( notes_ );
-      for ( auto const & [ row, id ] : held_ ) {
-         notes << id << '\n';
-      }
-      notes.close();
-      _exit( notes ? EXIT_SUCCESS : EXIT_FAILURE );
+      ++compared;
    }
 
-   unsigned lastOperation_;
-   std::string notes_;
-   std::map< std::string, std::string > held_;
+   fs::path folder_;
+   std::map< std::string, std::pair< U64, std::string > > held_;
 };
 
-// Programs one example, then goes over to the other. False when it came to its end alive.
-bool diesAt( unsigned operation, fs::path const & folder ) {
-   auto const child = fork();
-   if ( child == 0 ) {
+TEST( Host, WhereverItIsKilledEveryRewriteInTheHardwareHasItsIdInTheStore ) {
+   auto const folder = fs::path( testing::TempDir() ) / ( "host-kill-" + std::to_string( getpid() ) );
+   {
       Agent::NatIdStore store( folder );
-      auto const hardware = std::make_shared< DyingHardware >( operation, folder / "notes" );
+      auto const hardware = std::make_shared< ComparingHardware >( folder );
       Agent::Host host( Agent::configurationFrom( "examples/branch-office.json" ), hardware, &store );
       hardware->host = &host;
       host.program();
       host.reload( Agent::configurationFrom( "examples/mixed.json" ) );
-      _exit( 3 );
-   }
-   int status = 0;
-   EXPECT_EQ( waitpid( child, &status, 0 ), child );
-   EXPECT_TRUE( WIFEXITED( status ) );
-   EXPECT_TRUE( WEXITSTATUS( status ) == EXIT_SUCCESS || WEXITSTATUS( status ) == 3 );
-   return WEXITSTATUS( status ) == EXIT_SUCCESS;
-}
-
-TEST( Host, WhereverItIsKilledEveryRewriteInTheHardwareHasItsIdInTheStore ) {
-   auto const folder = fs::path( testing::TempDir() ) / ( "host-kill-" + std::to_string( getpid() ) );
-   unsigned operation = 1;
-   for ( ; diesAt( operation, folder ); ++operation ) {
-      KeyById stored;
-      {
-         Agent::NatIdStore store( folder );
-         auto const info = Orla::make< Pfe::NatIdInfo >();
-         store.natIdInfoIs( info );
-         stored = keysById( *info );
-      }
-      std::ifstream notes( folder / "notes" );
-      for ( std::string id, key; notes >> id && std::getline( notes.ignore(), key ); ) {
-         EXPECT_EQ( stored[ id ], key ) << "NAT id " << id << ", killed at operation " << operation;
-      }
-      fs::remove_all( folder );
+      EXPECT_GT( hardware->compared, 150U );  // the rows of both examples, and removals
    }
    fs::remove_all( folder );
-   EXPECT_GT( operation, 150 );  // the rows of both examples, and removals
 }
 
 }  // namespace
