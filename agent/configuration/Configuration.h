@@ -22,6 +22,15 @@ struct Trap {
    Pfe::NatProgrammerTrapEntry::PtrConst entry;
 };
 
+// An interface of the switch as a device of the kernel, for a chip that is one.
+struct PortDevice {
+   Netix::IntfId intf;
+   std::string device;  // "NAME", or "NAME.VLAN" for its frames with that tag
+   U32 vrfId = 0;
+
+   friend bool operator==( PortDevice const &, PortDevice const & ) = default;
+};
+
 struct Configuration {
    std::string file;
    U32 instanceId = 0;
@@ -32,6 +41,7 @@ struct Configuration {
    std::vector< Trap > traps;
    std::map< U16, U16 > profiles;                           // by VLAN
    std::set< std::pair< Netix::IntfId, U16 > > qualifiers;  // of the interfaces that connections stand at
+   std::vector< PortDevice > ports;                         // other chips know their interfaces by themselves
    // The same connections, traps and settings, as the programmer reads them.
    Pfe::NatProgrammerConfig::Ptr rules;
    // Of the dynamic connections, where they stand among all.

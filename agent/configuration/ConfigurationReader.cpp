@@ -7,6 +7,7 @@
 #include "agent/configuration/TrapEntry.h"
 
 #include <Bridging/VlanId.h>
+#include <Netix/VrfId.h>
 #include <Orla/Ptr.h>
 #include <Vexa/HashMap.h>
 
@@ -53,6 +54,14 @@ struct DetectionMembers {
 
 constexpr Member< DetectionMembers > detectionMembers[] = { { "protocol", into< &DetectionMembers::protocol >, true } };
 
+struct PortMembers : PortDevice {
+   std::string_view name;
+};
+
+constexpr Member< PortMembers > portMembers[] = { { "interface", into< &PortMembers::intf >, true },
+                                                  { "device", into< &PortMembers::name >, true },
+                                                  { "vrf", within< &PortMembers::vrfId, 0, Netix::VrfId::max > } };
+
 struct InstanceMembers : Settings {
    U32 id = 0;
    std::string_view name;
@@ -62,6 +71,7 @@ struct InstanceMembers : Settings {
    JsonValue profiles;
    JsonValue traps;
    JsonValue groups;
+   JsonValue ports;
 };
 
 constexpr Member< InstanceMembers > instanceMembers[] = {
@@ -75,7 +85,8 @@ constexpr Member< InstanceMembers > instanceMembers[] = {
    { "pfe-nat:l4-detection", into< &InstanceMembers::detections > },
    { "pfe-nat:vlan-profile", into< &InstanceMembers::profiles > },
    { "pfe-nat:trap", into< &InstanceMembers::traps > },
-   { "pfe-nat:multicast-group", into< &InstanceMembers::groups > } };
+   { "pfe-nat:multicast-group", into< &InstanceMembers::groups > },
+   { "pfe-nat:port", into< &InstanceMembers::ports > } };
 
 // The value of the one member that an object may have.
 JsonValue onlyMember( JsonValue object, std::string_view name, bool required ) {
@@ -154,6 +165,7 @@ class Reader {
       result_.rules->fragmentationEnabledIs( instance.fragmentation );
       result_.rules->vrfLessIs( instance.vrfLess );
       faults_.collect( [ & ] { readProfiles( instance.profiles ); } );
+      faults_.collect( [ & ] { readPorts( instance.ports ); } );
       collectForEach( instance.traps, [ & ]( JsonValue value ) { readTrap( value ); } );
       collectForEach( instance.groups, [ & ]( JsonValue value ) { readGroup( value ); } );
       // Entries that name a faulty group are not to be blamed for it.
@@ -169,6 +181,18 @@ class Reader {
             refuse( value, "has the VLAN " + std::to_string( members.vlan ) + " of another profile",
                     "one profile per VLAN" );
          }
+      } );
+   }
+
+   void readPorts( JsonValue list ) {
+      forEachIn( list, portMembers, [ & ]( JsonValue value, PortMembers & port ) {
+         port.device = port.name;
+         for ( auto const & other : result_.ports ) {
+            if ( other.intf == port.intf || other.device == port.device ) {
+               refuse( value, "has the interface or the device of another port", "one port for each of them" );
+            }
+         }
+         result_.ports.push_back( port );
       } );
    }
 
