@@ -34,10 +34,55 @@ Trace::Handle const & traceHandle() {
 
 // --- Dependencies ----------------------------------------------------------------------------------------------------
 
+namespace {
+
+// What a rule counts for; without an entry as one without VLAN.
+U16 vlanOf( NatProgrammerStaticEntry::PtrConst const & entry ) { return entry ? entry->vlanId() : U16{ 0 }; }
+
+}  // namespace
+
 void NatProgrammerStaticMap::SwTableKeySet::progEntryIs( NatProgrammerStaticEntry::PtrConst const & progEntry ) {
-   if ( progEntry_ != progEntry ) {
-      progEntry_ = progEntry;
+   if ( progEntry_ == progEntry ) {
+      return;
    }
+   auto const previous = std::exchange( progEntry_, progEntry );
+   if ( map_ ) {
+      entry_.forEach(
+         [ & ]( auto const & swTableKey ) { map_->moveUser( swTableKey, progKey_, previous, progEntry ); } );
+   }
+}
+
+void NatProgrammerStaticMap::SwTableKeySet::entryDel( NatSwTableStaticKey const & swTableKey ) {
+   if ( map_ && entry_.has( swTableKey ) ) {
+      map_->endCounting( swTableKey );
+   }
+   entry_.del( swTableKey );
+}
+
+void NatProgrammerStaticMap::SwTableKeySet::entryDelAll() {
+   endCounting();
+   entry_.delAll();
+}
+
+void NatProgrammerStaticMap::SwTableKeySet::endCounting() const {
+   if ( map_ ) {
+      entry_.forEach( [ & ]( auto const & swTableKey ) { map_->endCounting( swTableKey ); } );
+   }
+}
+
+void NatProgrammerStaticMap::ProgrammerKeySet::entryIs( NatProgrammerStaticKey const & progKey ) {
+   isCounted_ = false;
+   entry_.is( progKey );
+}
+
+void NatProgrammerStaticMap::ProgrammerKeySet::entryDel( NatProgrammerStaticKey const & progKey ) {
+   isCounted_ = false;
+   entry_.del( progKey );
+}
+
+void NatProgrammerStaticMap::ProgrammerKeySet::entryDelAll() {
+   isCounted_ = false;
+   entry_.delAll();
 }
 
 NatProgrammerStaticMap::SwTableKeySet::Ptr
@@ -46,8 +91,25 @@ NatProgrammerStaticMap::progKeyToSwTableKeysMapIs( NatProgrammerStaticKey const 
       return *known;
    }
    auto const set = Orla::make< SwTableKeySet >( progKey );
+   set->map_ = this;
    progKeyToSwTableKeysMap_.is( progKey, set );
    return set;
+}
+
+void NatProgrammerStaticMap::progKeyToSwTableKeysMapDel( NatProgrammerStaticKey const & progKey ) {
+   if ( auto const set = progKeyToSwTableKeysMap( progKey ) ) {
+      set->endCounting();
+      set->map_ = nullptr;
+      progKeyToSwTableKeysMap_.del( progKey );
+   }
+}
+
+void NatProgrammerStaticMap::progKeyToSwTableKeysMapDelAll() {
+   progKeyToSwTableKeysMap_.forEach( [ & ]( auto const &, SwTableKeySet::Ptr const & set ) {
+      set->endCounting();
+      set->map_ = nullptr;
+   } );
+   progKeyToSwTableKeysMap_.delAll();
 }
 
 NatProgrammerStaticMap::ProgrammerKeySet::Ptr
@@ -60,6 +122,22 @@ NatProgrammerStaticMap::swTableKeyToProgKeysMapIs( NatSwTableStaticKey const & s
    return set;
 }
 
+void NatProgrammerStaticMap::moveUser( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticKey const & progKey,
+                                       NatProgrammerStaticEntry::PtrConst const & from,
+                                       NatProgrammerStaticEntry::PtrConst const & to ) {
+   auto const * const progKeys = swTableKeyToProgKeysMap_.find( swTableKey );
+   if ( progKeys && ( *progKeys )->isCounted_ && ( *progKeys )->entryHas( progKey ) ) {
+      ( *progKeys )->vlanUsers_.del( vlanOf( from ) );
+      ( *progKeys )->vlanUsers_.add( vlanOf( to ) );
+   }
+}
+
+void NatProgrammerStaticMap::endCounting( NatSwTableStaticKey const & swTableKey ) {
+   if ( auto const * const progKeys = swTableKeyToProgKeysMap_.find( swTableKey ) ) {
+      ( *progKeys )->isCounted_ = false;
+   }
+}
+
 void NatProgrammerStaticMap::addDependency( NatSwTableStaticKey const & swTableKey,
                                             NatProgrammerStaticKey const & progKey,
                                             NatProgrammerStaticEntry::PtrConst const & progEntry ) {
@@ -68,7 +146,10 @@ void NatProgrammerStaticMap::addDependency( NatSwTableStaticKey const & swTableK
    auto const swTableKeys = progKeyToSwTableKeysMapIs( progKey );
    swTableKeys->progEntryIs( progEntry );
    swTableKeys->entryIs( swTableKey );
-   swTableKeyToProgKeysMapIs( swTableKey )->entryIs( progKey );
+   auto const progKeys = swTableKeyToProgKeysMapIs( swTableKey );
+   if ( progKeys->entry_.is( progKey ) ) {
+      progKeys->vlanUsers_.add( vlanOf( progEntry ) );
+   }
 }
 
 void NatProgrammerStaticMap::delDependency( NatSwTableStaticKey const & swTableKey,
@@ -80,8 +161,11 @@ void NatProgrammerStaticMap::delDependency( NatSwTableStaticKey const & swTableK
                 swTableKeyToProgKeysMap( swTableKey )->entryHas( progKey ) );
    auto const swTableKeys = progKeyToSwTableKeysMap( progKey );
    auto const progKeys = swTableKeyToProgKeysMap( swTableKey );
-   swTableKeys->entryDel( swTableKey );
-   progKeys->entryDel( progKey );
+   swTableKeys->entry_.del( swTableKey );
+   progKeys->entry_.del( progKey );
+   if ( progKeys->isCounted_ ) {
+      progKeys->vlanUsers_.del( vlanOf( swTableKeys->progEntry() ) );
+   }
    if ( swTableKeys->entrys() == 0 ) {
       progKeyToSwTableKeysMapDel( progKey );
    }
@@ -114,7 +198,7 @@ std::vector< Bridging::VlanId > getVlanIdsForSwTableEntry( NatProgrammerStaticMa
    progKeys->entry().forEach( [ & ]( NatProgrammerStaticKey const & progKey ) {
       auto const * const swTableKeys = configMap->progKeyToSwTableKeysMap().find( progKey );
       if ( !swTableKeys ) {
-         // Asked only when it is known to fail: with n interfaces this is the innermost of n^2/2 steps.
+         // Asked only when it is known to fail.
          VEXA_ASSERT( configMap->progKeyToSwTableKeysMapHas( progKey ) );
       }
       // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): the assertion has stopped what has none
@@ -236,8 +320,13 @@ void NatProgrammerIntfModeSm::writeSwTableEntry( NatSwTableStaticKey const & swT
    auto const swTableEntry = Orla::make< NatSwTableStaticEntry >();
    swTableEntry->programmerEntryIs( entry );
    swTableEntry->fragmentIs( natProgrammerConfig()->fragmentationEnabled() && swTableKey.ipAndPortOld.port != 0 );
-   for ( auto const vlanId : getVlanIdsForSwTableEntry( staticConfigMap_, swTableKey ) ) {
-      swTableEntry->vlanIdIs( vlanId );
+   auto const progKeys = staticConfigMap_->swTableKeyToProgKeysMap( swTableKey );
+   if ( auto const * const vlanIds = progKeys->vlanIds() ) {
+      swTableEntry->vlanIdsAre( *vlanIds );
+   } else {
+      for ( auto const vlanId : getVlanIdsForSwTableEntry( staticConfigMap_, swTableKey ) ) {
+         swTableEntry->vlanIdIs( vlanId );
+      }
    }
    natSwTableConfig()->staticEntryIs( swTableKey, swTableEntry );
 }

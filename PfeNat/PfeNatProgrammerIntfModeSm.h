@@ -6,6 +6,8 @@
 #include "PfeNat/PfeNatProgrammerConfigSm.h"
 
 #include <Bridging/VlanId.h>
+#include <Bridging/VlanIdSet.h>
+#include <Bridging/VlanUsers.h>
 #include <Orla/Entity.h>
 #include <Orla/Ptr.h>
 #include <Pfe/NatProgrammerConfig.h>
@@ -25,11 +27,13 @@ namespace [[gnu::visibility( "default" )]] Pfe {
 /// Which software-table keys each programmer key feeds, and which programmer keys each software-table key depends on.
 ///
 /// Invariant, kept by the dependency operations: a pair is in both directions or in none, and no set is empty. The
-/// collection operations touch one direction only.
+/// collection operations touch one direction only; VLANs are counted all the same (see vlanIds()).
 class NatProgrammerStaticMap final : public Orla::Entity {
  public:
    using Ptr = Orla::Ptr< NatProgrammerStaticMap >;
    using PtrConst = Orla::Ptr< NatProgrammerStaticMap const >;
+
+   ~NatProgrammerStaticMap() override { progKeyToSwTableKeysMapDelAll(); }
 
    /// What one programmer key feeds.
    class SwTableKeySet final : public Orla::Entity {
@@ -44,7 +48,7 @@ class NatProgrammerStaticMap final : public Orla::Entity {
       NatProgrammerStaticKey const & progKey() const { return progKey_; }
 
       /// @{
-      /// Of the latest addDependency for the key; null until then.
+      /// Of the latest addDependency for the key; null until then. What the key feeds moves to the entry's VLAN.
       NatProgrammerStaticEntry::PtrConst const & progEntry() const { return progEntry_; }
       void progEntryIs( NatProgrammerStaticEntry::PtrConst const & progEntry );
       /// @}
@@ -54,8 +58,8 @@ class NatProgrammerStaticMap final : public Orla::Entity {
       Keys const & entry() const { return entry_; }
       void entryIs( NatSwTableStaticKey const & swTableKey ) { entry_.is( swTableKey ); }
       bool entryHas( NatSwTableStaticKey const & swTableKey ) const { return entry_.has( swTableKey ); }
-      void entryDel( NatSwTableStaticKey const & swTableKey ) { entry_.del( swTableKey ); }
-      void entryDelAll() { entry_.delAll(); }
+      void entryDel( NatSwTableStaticKey const & swTableKey );
+      void entryDelAll();
       std::size_t entrys() const { return entry_.count(); }
       /// @}
 
@@ -63,9 +67,15 @@ class NatProgrammerStaticMap final : public Orla::Entity {
       Vexa::TypeData const & typeData() const override { return classType(); }
 
     private:
+      friend NatProgrammerStaticMap;
+
+      // What the key feeds can no longer count on it.
+      void endCounting() const;
+
       NatProgrammerStaticKey const progKey_;
       NatProgrammerStaticEntry::PtrConst progEntry_;
       Keys entry_;
+      NatProgrammerStaticMap * map_ = nullptr;  // that holds it
    };
 
    /// What one software-table key depends on.
@@ -83,19 +93,27 @@ class NatProgrammerStaticMap final : public Orla::Entity {
       /// @{
       /// As in SwTableKeySet.
       Keys const & entry() const { return entry_; }
-      void entryIs( NatProgrammerStaticKey const & progKey ) { entry_.is( progKey ); }
+      void entryIs( NatProgrammerStaticKey const & progKey );
       bool entryHas( NatProgrammerStaticKey const & progKey ) const { return entry_.has( progKey ); }
-      void entryDel( NatProgrammerStaticKey const & progKey ) { entry_.del( progKey ); }
-      void entryDelAll() { entry_.delAll(); }
+      void entryDel( NatProgrammerStaticKey const & progKey );
+      void entryDelAll();
       std::size_t entrys() const { return entry_.count(); }
       /// @}
+
+      /// The VLANs of all its programmer keys, as getVlanIdsForSwTableEntry() finds them by walking. Null when only
+      /// that can tell: one of them is no VLAN, or a set of one of the two directions was changed without the other.
+      Bridging::VlanIdSet const * vlanIds() const { return isCounted_ ? vlanUsers_.vlanIds() : nullptr; }
 
       static Vexa::TypeData const & classType();
       Vexa::TypeData const & typeData() const override { return classType(); }
 
     private:
+      friend NatProgrammerStaticMap;
+
       NatSwTableStaticKey const swTableKey_;
       Keys entry_;
+      Bridging::VlanUsers vlanUsers_;  // meaningless once they are
+      bool isCounted_ = true;          // no more
    };
 
    // Each of the four collections has a constant of its own, so that keys that share a bucket in one do not in another.
@@ -117,10 +135,8 @@ class NatProgrammerStaticMap final : public Orla::Entity {
       return progKeyToSwTableKeysMap_.has( progKey );
    }
    SwTableKeySet::Ptr progKeyToSwTableKeysMapIs( NatProgrammerStaticKey const & progKey );
-   void progKeyToSwTableKeysMapDel( NatProgrammerStaticKey const & progKey ) {
-      progKeyToSwTableKeysMap_.del( progKey );
-   }
-   void progKeyToSwTableKeysMapDelAll() { progKeyToSwTableKeysMap_.delAll(); }
+   void progKeyToSwTableKeysMapDel( NatProgrammerStaticKey const & progKey );
+   void progKeyToSwTableKeysMapDelAll();
    SwTableKeyToProgKeys const & swTableKeyToProgKeysMap() const { return swTableKeyToProgKeysMap_; }
    ProgrammerKeySet::Ptr swTableKeyToProgKeysMap( NatSwTableStaticKey const & swTableKey ) const {
       return swTableKeyToProgKeysMap_.valueOr( swTableKey );
@@ -147,6 +163,11 @@ class NatProgrammerStaticMap final : public Orla::Entity {
    Vexa::TypeData const & typeData() const override { return classType(); }
 
  private:
+   // The entry of a programmer key is another: moves it to that one's VLAN in the set of `swTableKey`.
+   void moveUser( NatSwTableStaticKey const & swTableKey, NatProgrammerStaticKey const & progKey,
+                  NatProgrammerStaticEntry::PtrConst const & from, NatProgrammerStaticEntry::PtrConst const & to );
+   void endCounting( NatSwTableStaticKey const & swTableKey );
+
    ProgKeyToSwTableKeys progKeyToSwTableKeysMap_;
    SwTableKeyToProgKeys swTableKeyToProgKeysMap_;
 };

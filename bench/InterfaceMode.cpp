@@ -1,6 +1,6 @@
 // What does a static rule on one interface cost in interface mode, when it is alone there, when thirty interfaces share
-// it, and when one rule is on every VLAN? The floor of all: the same entries with their VLAN sets, and who feeds them,
-// in bare flat maps.
+// it, and when one rule is on thirty VLANs or on every VLAN? The floor of all: the same entries and who feeds them, in
+// bare flat maps, with the users of each VLAN counted in place, so that no step walks over the others.
 #include "Heap.h"
 #include "Measure.h"
 #include "Questions.h"
@@ -24,8 +24,6 @@ struct Workload {
    std::size_t interfaces;
 
    std::size_t count() const { return rules * interfaces; }
-   // By the adds: the i-th interface writes an entry with i VLANs, and one with its own.
-   std::size_t writtenVlans() const { return rules * ( interfaces * ( interfaces + 1 ) / 2 + interfaces ); }
    std::size_t entries() const { return rules * ( 1 + interfaces ); }
 };
 
@@ -92,9 +90,8 @@ class FloorEntries {
          auto const keys = swTableKeysOf( rule );
          feeds_.insert_or_assign( rule.key, keys );
          for ( auto const & key : keys ) {
-            auto & feeders = feeders_[ key ];
-            feeders.insert_or_assign( rule.key, rule.entry->vlanId() );
-            entries_.insert_or_assign( key, vlansOf( feeders ) );
+            feeders_[ key ].insert( rule.key );
+            ++entries_[ key ][ rule.entry->vlanId() ];
          }
       }
    }
@@ -107,8 +104,8 @@ class FloorEntries {
             if ( found->second.empty() ) {
                feeders_.erase( found );
                entries_.erase( key );
-            } else {
-               entries_.insert_or_assign( key, vlansOf( found->second ) );
+            } else if ( auto & users = entries_.at( key ); --users.at( rule.entry->vlanId() ) == 0 ) {
+               users.erase( rule.entry->vlanId() );
             }
          }
          feeds_.erase( rule.key );
@@ -120,20 +117,13 @@ class FloorEntries {
  private:
    template< class Key, class Value, U32 seed >
    using Map = boost::unordered_flat_map< Key, Value, Vexa::KeyHash< Key, seed > >;
-   using Feeders = Map< Pfe::NatProgrammerStaticKey, U16, 3 >;
-   using Vlans = boost::unordered_flat_set< U16 >;
-
-   static Vlans vlansOf( Feeders const & feeders ) {
-      Vlans vlans;
-      for ( auto const & [ key, vlanId ] : feeders ) {
-         vlans.insert( vlanId );
-      }
-      return vlans;
-   }
+   using Feeders =
+      boost::unordered_flat_set< Pfe::NatProgrammerStaticKey, Vexa::KeyHash< Pfe::NatProgrammerStaticKey, 3 > >;
+   using VlanUsers = boost::unordered_flat_map< U16, U32 >;
 
    Map< Pfe::NatProgrammerStaticKey, std::array< Pfe::NatSwTableStaticKey, 2 >, 1 > feeds_;
    Map< Pfe::NatSwTableStaticKey, Feeders, 2 > feeders_;
-   Map< Pfe::NatSwTableStaticKey, Vlans, 4 > entries_;
+   Map< Pfe::NatSwTableStaticKey, VlanUsers, 4 > entries_;
 };
 
 template< class Entries > Times roundOf( Workload const & workload, StaticRules const & rules ) {
@@ -175,12 +165,9 @@ Figures interfaceFigures( Workload const & workload, Operation operation ) {
       deleted = heap.used();
    }
    auto figures = pairedRounds(
-      workload.writtenVlans(), [ & ] { return timeOf( operation, roundOf< IntfModeSystem >( workload, rules ) ); },
+      workload.count(), [ & ] { return timeOf( operation, roundOf< IntfModeSystem >( workload, rules ) ); },
       [ & ] { return timeOf( operation, roundOf< FloorEntries >( workload, rules ) ); } );
    auto const count = static_cast< double >( workload.count() );
-   for ( auto const * const figure : { "ns", "floor_ns" } ) {
-      figures[ figure ] *= static_cast< double >( workload.writtenVlans() ) / count;
-   }
    bool const isAdd = operation == Operation::add;
    figures[ "allocs" ] =
       static_cast< double >( isAdd ? added.allocations - alone.allocations : deleted.allocations - added.allocations ) /
@@ -197,6 +184,7 @@ void registerInterfaceMode() {
       Workload workload;
    } const cases[] = { { "interface", { .rules = connectionCounts.back(), .interfaces = 1 } },
                        { "interface-shared", { .rules = 1000, .interfaces = 30 } },
+                       { "interface-one-rule", { .rules = 1, .interfaces = 30 } },
                        { "interface-one-rule", { .rules = 1, .interfaces = Bridging::VlanId::max } } };
    for ( auto const & [ name, workload ] : cases ) {
       caseIs( std::string( name ) + "-add", workload.count(),

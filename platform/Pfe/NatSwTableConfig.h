@@ -3,6 +3,7 @@
 #pragma once
 
 #include <Bridging/VlanId.h>
+#include <Bridging/VlanIdSet.h>
 #include <Netix/IpAndPort.h>
 #include <Orla/Entity.h>
 #include <Orla/Ptr.h>
@@ -47,7 +48,6 @@ class NatSwTableStaticEntry final : public Orla::Entity {
  public:
    using Ptr = Orla::Ptr< NatSwTableStaticEntry >;
    using PtrConst = Orla::Ptr< NatSwTableStaticEntry const >;
-   using VlanIds = Vexa::HashSet< Bridging::VlanId, 0x7B54A41D >;
 
    // The rule that the entry was made from. Null until set.
    NatProgrammerStaticEntry::PtrConst const & programmerEntry() const { return programmerEntry_; }
@@ -58,7 +58,8 @@ class NatSwTableStaticEntry final : public Orla::Entity {
    void fragmentIs( bool fragment ) { fragment_ = fragment; }
 
    // The VLANs of all interfaces that share the entry.
-   VlanIds const & vlanId() const { return vlanId_; }
+   Bridging::VlanIdSet const & vlanId() const { return vlanId_; }
+   void vlanIdsAre( Bridging::VlanIdSet vlanIds ) { vlanId_ = std::move( vlanIds ); }
    void vlanIdIs( Bridging::VlanId vlanId ) { vlanId_.is( vlanId ); }
    void vlanIdDel( Bridging::VlanId vlanId ) { vlanId_.del( vlanId ); }
    bool vlanIdHas( Bridging::VlanId vlanId ) const { return vlanId_.has( vlanId ); }
@@ -68,7 +69,7 @@ class NatSwTableStaticEntry final : public Orla::Entity {
  private:
    NatProgrammerStaticEntry::PtrConst programmerEntry_;
    bool fragment_ = false;
-   VlanIds vlanId_;
+   Bridging::VlanIdSet vlanId_;
 };
 
 class NatSwTableConfig final : public Orla::Entity {

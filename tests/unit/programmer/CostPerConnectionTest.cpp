@@ -2,6 +2,8 @@
 // Costs are counted, never timed: edges of the control flow that the two libraries take (they are compiled for it, see
 // PFENAT_COUNT_EDGES), so that a look-up, a copy or a walk anywhere counts; writes and removals that reach the chip;
 // and allocations.
+#include "PfeNat/PfeNatProgrammerIntfModeSm.h"
+
 #include <tests/support/Programmer.h>
 
 #include <gtest/gtest.h>
@@ -73,6 +75,12 @@ AnyRule addrOnlyRule( U32 i ) {
                                 { .intfQualifier = 5, .connection = { .addrOnly = true } } );
 }
 
+AnyRule ruleOnVlan( U32 i ) {
+   return Support::StaticRule{
+      Support::staticKey( inside( 0 ), "vlan" + std::to_string( i + 1 ) ),
+      Support::staticEntry( outside( 0 ), { .vlanId = static_cast< U16 >( i + 1 ), .intfQualifier = 5 } ) };
+}
+
 struct Kind {
    char const * name;
    AnyRule ( *rule )( U32 i );
@@ -85,25 +93,16 @@ struct Costs {
    Cost add;
 };
 
-Costs costsAmong( U32 live, Kind const & kind ) {
-   Support::Programmer programmer;
-   programmer.tables.hardware->policyIs( std::make_shared< CountingHardware >() );
-   auto & config = *programmer.config;
-   config.fragmentationEnabledIs( true );
-   programmer->replay();
-   for ( U32 i = 0; i < live; ++i ) {
-      Support::configure( config, kind.rule( i ) );
-   }
-   EXPECT_TRUE( programmer.settleToRest() );
-
-   // Rules out of the middle, so that neither the first nor the last in any order has a part in all of this.
+// Of rules out of the middle, so that neither the first nor the last in any order has a part in all of this.
+Costs costsAmong( U32 live, Pfe::NatProgrammerConfig & config, AnyRule ( *ruleOf )( U32 i ),
+                  std::function< void() > const & settle ) {
    auto const costOfEach = [ & ]( std::function< void( AnyRule const & ) > const & change ) {
       Cost sum;
       for ( U64 i = 0; i < steps; ++i ) {
-         auto const rule = kind.rule( static_cast< U32 >( live / 3 + i ) );
+         auto const rule = ruleOf( static_cast< U32 >( live / 3 + i ) );
          cost = {};
          change( rule );
-         programmer.settle();
+         settle();
          sum.edges += cost.edges;
          sum.allocations += cost.allocations;
          sum.requests += cost.requests;
@@ -118,6 +117,31 @@ Costs costsAmong( U32 live, Kind const & kind ) {
    };
    once();  // fills the free lists
    return once();
+}
+
+Costs costsAmong( U32 live, Kind const & kind ) {
+   Support::Programmer programmer;
+   programmer.tables.hardware->policyIs( std::make_shared< CountingHardware >() );
+   auto & config = *programmer.config;
+   config.fragmentationEnabledIs( true );
+   programmer->replay();
+   for ( U32 i = 0; i < live; ++i ) {
+      Support::configure( config, kind.rule( i ) );
+   }
+   EXPECT_TRUE( programmer.settleToRest() );
+
+   return costsAmong( live, config, kind.rule, [ & ] { programmer.settle(); } );
+}
+
+// In interface mode one rule on each of `live` VLANs; writes are to no chip.
+Costs costsOfOneRuleOn( U32 live ) {
+   auto const config = Orla::make< Pfe::NatProgrammerConfig >();
+   auto const sm = Pfe::natProgrammerIntfModeSmFactory( config, Orla::make< Pfe::NatProgrammerStatus >(),
+                                                        Orla::make< Pfe::NatSwTableConfig >(), nullptr );
+   for ( U32 i = 0; i < live; ++i ) {
+      Support::configure( *config, ruleOnVlan( i ) );
+   }
+   return costsAmong( live, *config, ruleOnVlan, [] {} );
 }
 
 void expectSame( Cost const & few, Cost const & many, char const * operation ) {
@@ -145,5 +169,12 @@ INSTANTIATE_TEST_SUITE_P( Kinds, CostPerConnection,
                                            Kind{ "twice", twiceRule }, Kind{ "napt", naptRule },
                                            Kind{ "addressOnly", addrOnlyRule } ),
                           testing::PrintToStringParamName() );
+
+TEST_F( CostPerConnection, OfOneRuleIsTheSameOnFewAndOnAllVlans ) {
+   auto const few = costsOfOneRuleOn( 200 );
+   auto const many = costsOfOneRuleOn( Bridging::VlanId::max );
+   expectSame( few.del, many.del, "delete" );
+   expectSame( few.add, many.add, "add" );
+}
 
 }  // namespace

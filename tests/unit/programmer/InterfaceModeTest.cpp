@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <set>
 
 namespace {
 
@@ -68,30 +69,67 @@ TEST_F( InterfaceMode, AnUpdateRewritesAndRemovesNothing ) {
                 ElementsAre( forward + "20 of 3", reverse + "10 | vlans 10 of 2", reverse + "20 | vlans 20 of 3" ) );
 }
 
-// Adding the n-th interface writes one entry with n VLANs and one with its own, and nothing else.
-TEST_F( InterfaceMode, OneRuleOnEveryVlanTakesHalfTheSquareOfVlanInsertions ) {
-   struct : Vexa::KeyWatcher< NatSwTableStaticKey, Pfe::NatSwTableStaticEntry::PtrConst > {
-      void onKey( NatSwTableStaticKey const &, Pfe::NatSwTableStaticEntry::PtrConst const *,
-                  Pfe::NatSwTableStaticEntry::PtrConst const * current ) override {
-         insertions += current ? ( *current )->vlanId().count() : 0;
-         ++changes;
-      }
-      U64 insertions = 0, changes = 0;
-   } written;
-   swTableConfig->staticEntry().watcherIs( written );
-   constexpr U16 n = Bridging::VlanId::max;
+// What the entry holds, however it was told, is what a walk over those that it depends on finds.
+TEST_F( InterfaceMode, AnEntryHasTheVlansOfAllThatItDependsOn ) {
    auto const keyOn = []( U16 vlanId ) { return staticKey( "10.0.0.1:80", "vlan" + std::to_string( vlanId ) ); };
-   for ( U16 vlanId = 1; vlanId <= n; ++vlanId ) {
-      sm->addStaticConnection( keyOn( vlanId ), onVlan( vlanId ) );
+   auto const add = [ & ]( U16 vlanId ) { sm->addStaticConnection( keyOn( vlanId ), onVlan( vlanId ) ); };
+   auto const expectVlans = [ & ]( char const * after ) {
+      add( 1 );
+      std::set< Bridging::VlanId > walked, held;
+      for ( auto const vlanId : Pfe::getVlanIdsForSwTableEntry( sm->staticConfigMap(), forwardKey ) ) {
+         walked.insert( vlanId );
+      }
+      auto const & vlanIds = swTableConfig->staticEntry( forwardKey )->vlanId();
+      vlanIds.forEach( [ & ]( Bridging::VlanId vlanId ) { held.insert( held.end(), vlanId ); } );
+      EXPECT_EQ( held, walked ) << after;
+      EXPECT_EQ( vlanIds.count(), walked.size() ) << after;
+   };
+   for ( U16 vlanId = 1; vlanId <= Bridging::VlanId::max; ++vlanId ) {
+      add( vlanId );
    }
-   EXPECT_EQ( written.insertions, U64{ n } * ( n + 1 ) / 2 + n );
-   for ( U16 vlanId = 1; vlanId <= n; ++vlanId ) {
+   expectVlans( "adds on every VLAN" );
+   for ( U16 vlanId = 2; vlanId <= Bridging::VlanId::max; vlanId += vlanId % 640 < 64 ? 1 : 2 ) {
       sm->deleteStaticConnection( keyOn( vlanId ), onVlan( vlanId ) );
    }
-   EXPECT_EQ( written.insertions, U64{ n } * n + n );
-   EXPECT_EQ( written.changes, 4U * n );
-   EXPECT_THAT( text(), IsEmpty() );
-   swTableConfig->staticEntry().watcherDel( written );
+   expectVlans( "deletes of whole words and of every other" );
+
+   // Each changes one direction alone, or the entry behind it.
+   using Map = Pfe::NatProgrammerStaticMap;
+   auto const fedBy2 = [ & ]( Map & map ) { return map.progKeyToSwTableKeysMap( keyOn( 2 ) ); };
+   auto const users = []( Map & map ) { return map.swTableKeyToProgKeysMap( forwardKey ); };
+   struct {
+      char const * name;
+      std::function< void( Map & ) > change;
+   } const changes[] = { { "another entry", [ & ]( Map & map ) { fedBy2( map )->progEntryIs( onVlan( 4 ) ); } },
+                         { "an entry of one that feeds by one direction only",
+                           [ & ]( Map & map ) {
+                              fedBy2( map )->entryDel( forwardKey );
+                              fedBy2( map )->progEntryIs( onVlan( 4 ) );
+                           } },
+                         { "the same, all of it",
+                           [ & ]( Map & map ) {
+                              fedBy2( map )->entryDelAll();
+                              fedBy2( map )->progEntryIs( onVlan( 4 ) );
+                           } },
+                         { "another set of what feeds",
+                           [ & ]( Map & map ) {
+                              map.progKeyToSwTableKeysMapDel( keyOn( 2 ) );
+                              map.progKeyToSwTableKeysMapIs( keyOn( 2 ) )->progEntryIs( onVlan( 4 ) );
+                           } },
+                         { "one user less", [ & ]( Map & map ) { users( map )->entryDel( keyOn( 2 ) ); } },
+                         { "no users", [ & ]( Map & map ) { users( map )->entryDelAll(); } },
+                         { "one user more", [ & ]( Map & map ) {
+                             map.addDependency( {}, keyOn( 3 ), onVlan( 3 ) );
+                             users( map )->entryIs( keyOn( 3 ) );
+                          } } };
+   for ( auto const & [ name, change ] : changes ) {
+      sm->staticConfigMapDel();
+      sm->staticConfigMapIs();
+      add( 1 );
+      add( 2 );
+      change( *sm->staticConfigMap() );
+      expectVlans( name );
+   }
 }
 
 // --- Range errors ----------------------------------------------------------------------------------------------------
