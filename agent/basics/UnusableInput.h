@@ -25,16 +25,9 @@ class Faults {
       }
    }
 
-   // Runs the function; what it refuses is added.
-   template< class Function > void collect( Function && function ) {
-      try {
-         function();
-      } catch ( UnusableInput const & fault ) {
-         add( [ & ] { return fault.what(); } );
-      }
-   }
-
    bool any() const { return count_ > 0; }
+   // Whether more are only counted.
+   bool areOnlyCounted() const { return count_ >= mostShown; }
 
    // Throws UnusableInput when there are any; `others`: in words what those are that go by their number.
    void throwAll( std::string const & file, char const * others = "of this kind" ) const {

@@ -146,7 +146,7 @@ class Reader {
    }
 
    Configuration read() {
-      faults_.collect( [ & ] { readInstance( instanceOf( document_.root() ) ); } );
+      collect( [ & ] { readInstance( instanceOf( document_.root() ) ); } );
       faults_.throwAll( result_.file );
       return std::move( result_ );
    }
@@ -164,8 +164,8 @@ class Reader {
       result_.settings = instance;
       result_.rules->fragmentationEnabledIs( instance.fragmentation );
       result_.rules->vrfLessIs( instance.vrfLess );
-      faults_.collect( [ & ] { readProfiles( instance.profiles ); } );
-      faults_.collect( [ & ] { readPorts( instance.ports ); } );
+      collect( [ & ] { readProfiles( instance.profiles ); } );
+      collect( [ & ] { readPorts( instance.ports ); } );
       collectForEach( instance.traps, [ & ]( JsonValue value ) { readTrap( value ); } );
       collectForEach( instance.groups, [ & ]( JsonValue value ) { readGroup( value ); } );
       // Entries that name a faulty group are not to be blamed for it.
@@ -209,11 +209,36 @@ class Reader {
       result_.traps.push_back( std::move( trap ) );
    }
 
+   // Runs the function; what it refuses is told at the end.
+   template< class Function > void collect( Function && function ) {
+      try {
+         function();
+      } catch ( Refusal const & refusal ) {
+         faults_.add( [ & ] { return refusal.line(); } );
+      }
+   }
+
    template< class Function > void collectForEach( JsonValue list, Function && function ) {
       if ( list ) {
          detail::requireList( list );
-         list.forEach( [ & ]( JsonValue value ) { faults_.collect( [ & ] { function( value ); } ); } );
+         list.forEach( [ & ]( JsonValue value ) {
+            // A file may be full of what takes less time to write than to refuse.
+            if ( faults_.areOnlyCounted() && !hasMembers( value ) ) {
+               faults_.add( [] { return ""; } );
+            } else {
+               collect( [ & ] { function( value ); } );
+            }
+         } );
       }
+   }
+
+   // Without any it lacks required ones.
+   static bool hasMembers( JsonValue value ) {
+      bool found = false;
+      if ( value.kind() == JsonDocument::Kind::object ) {
+         value.forEach( [ & ]( JsonValue ) { found = true; } );
+      }
+      return found;
    }
 
    void readGroup( JsonValue value ) {

@@ -1,7 +1,5 @@
 #include "agent/configuration/JsonMembers.h"
 
-#include "agent/basics/UnusableInput.h"
-
 #include <Bridging/VlanId.h>
 
 #include <algorithm>
@@ -30,12 +28,16 @@ std::optional< std::pair< Netix::IpAddr, unsigned > > prefixOf( JsonValue value 
 }
 
 [[noreturn]] void refuseText( JsonValue value, std::string text, std::string_view why, std::string_view allowed ) {
-   auto const pointer = value.pointer();
-   text = value.file() + ": " + ( pointer.empty() ? "(root)" : pointer ) + ": " + text + " ";
-   throw UnusableInput( text.append( why ).append( "; allowed: " ).append( allowed ) );
+   text.append( " " ).append( why ).append( "; allowed: " ).append( allowed );
+   throw Refusal{ value, std::move( text ) };
 }
 
 }  // namespace
+
+std::string Refusal::line() const {
+   auto const pointer = value.pointer();
+   return value.file() + ": " + ( pointer.empty() ? "(root)" : pointer ) + ": " + text;
+}
 
 void refuse( JsonValue value, std::string_view why, std::string_view allowed ) {
    refuseText( value, value.excerpt(), why, allowed );

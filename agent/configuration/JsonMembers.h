@@ -1,5 +1,4 @@
-// Taking typed values out of a JSON document. Whatever does not fit is refused with file, JSON pointer, value and what
-// is allowed instead.
+// Taking typed values out of a JSON document. Whatever does not fit is refused.
 #pragma once
 
 #include "agent/configuration/JsonDocument.h"
@@ -18,7 +17,16 @@ namespace Agent {
 
 using JsonValue = JsonDocument::Value;
 
-// Throws UnusableInput: "FILE: POINTER: VALUE WHY; allowed: ALLOWED".
+// What is thrown for a value that does not fit. Of thousands only the first ones are put into words with their places.
+struct Refusal {
+   JsonValue value;
+   std::string text;  // "VALUE WHY; allowed: ALLOWED"
+
+   // "FILE: POINTER: " in front of it.
+   std::string line() const;
+};
+
+// Throws Refusal.
 [[noreturn]] void refuse( JsonValue value, std::string_view why, std::string_view allowed );
 
 U64 numberIn( JsonValue value, U64 min, U64 max );

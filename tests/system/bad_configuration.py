@@ -80,13 +80,15 @@ ONE_COPY = {"number": 1, "interface": "vlan20"}
 
 # Whole files and the lines that refuse them.
 FILES = [
-    ("empty", "", ["line 1, column 1: syntax error while parsing value - unexpected end of input; expected '[', '{', or a literal"]),
+    ("empty", "", ["line 1, column 1: the text ends here; allowed: a value"]),
     ("broken", '{\n  "ietf-nat:nat": {\n    "instances": ]\n', [
-        "line 3, column 18: syntax error while parsing value - unexpected ']'; expected '[', '{', or a literal"]),
-    ("no UTF-8", b'{"\xff": 1}', [
-        "line 1, column 3: syntax error while parsing object key - invalid string: ill-formed UTF-8 byte; last read: '\"?'; "
-        "expected string literal"]),
-    ("overflow", '{"a": 1e999}', ["line 1, column 11: number overflow parsing '1e999'"]),
+        "line 3, column 18: \"]\" is no part of JSON here; allowed: a value"]),
+    ("no UTF-8", b'\xef\xbb\xbf{"\xff": 1}', [
+        'line 1, column 6: "\ufffd" is no part of JSON here; allowed: UTF-8 without control characters, and escapes, up to a closing quote']),
+    ("behind a NUL", '{"a": true\0', ['line 1, column 11: "\\u0000" is no part of JSON here; allowed: \',\' or \'}\'']),
+    ("half a word", '[1, {"a": -', ["line 1, column 12: the text ends here; allowed: a number, true, false or null"]),
+    ("deep", "[" * 40, ['line 1, column 33: "[" is no part of JSON here; allowed: 32 levels of lists and objects in each other']),
+    ("long", '{"ietf-nat:nat": ' + "7" * 9999 + "}", ["/ietf-nat:nat: " + "7" * 60 + "... is no object; allowed: an object"]),
     ("escapes", '{"ietf-nat:n\\u0061t": {"instances": "caf\\u00e9\\u20ac\\ud83d\\ude00\\t\\/ and on"}}', [
         '/ietf-nat:nat/instances: "caf\u00e9\u20ac\U0001f600\\t/ and on" is no object; allowed: an object']),
     ("list", "[]", ["(root): a list is no object; allowed: an object"]),
