@@ -45,7 +45,8 @@ struct Options {
    SimulatedHardware::Settings hardware;
    std::string conntrack;  // empty: nothing is learned
    bool follows = false;
-   std::string netns;  // empty: that of this process
+   std::string netns;            // empty: that of this process
+   std::size_t mostPerHost = 0;  // learned connections of an inside host; 0: no limit
    NatInterface natInterface;
    Sections sections;
    Packet packet;
@@ -81,6 +82,12 @@ void addFollowingOptions( CLI::App & app, Options & options ) {
    follow->needs( intf )->excludes( listing );
    group->add_option( "--netns", options.netns, "Network namespace of it, as ip netns names it" )
       ->type_name( "NAME" )
+      ->needs( follow );
+   group
+      ->add_option( "--connections-per-host", options.mostPerHost,
+                    "Learn at most N connections of one inside host (default: no limit)" )
+      ->type_name( "N" )
+      ->check( CLI::Range( std::size_t{ 1 }, std::size_t{ Pfe::NatId::max } ) )
       ->needs( follow );
    intf->remove_needs( listing );
    app.parse_complete_callback( [ = ] {
@@ -212,12 +219,20 @@ int programAndExplain( Options const & options ) {
    } );
 }
 
+// Names the program in front of every line.
+void complain( std::string const & text ) {
+   std::istringstream lines( text );
+   for ( std::string line; std::getline( lines, line ); ) {
+      std::cerr << "nat-agent: " << line << '\n';
+   }
+}
+
 // Serves until it is told to end, which is success whatever is programmed then.
 int programAndServe( Options options ) {
    std::optional< Server > server;
    std::optional< ConntrackFollower > following;
    if ( options.follows ) {
-      following.emplace( options.netns, options.natInterface );
+      following.emplace( options.netns, options.natInterface, options.mostPerHost );
    }
    auto * const follower = following ? &*following : nullptr;
    auto const read = [ & ]( std::string const & file ) {
@@ -245,9 +260,16 @@ int programAndServe( Options options ) {
       report.line( "Serving at " + socketIn( options.state ) );
       std::cout.flush();
       Requests requests( host, read, follower );
+      std::string storeFault;
       auto const turn = [ & ] {
+         host.resume();
          if ( follower ) {
             follower->turn( host );
+         }
+         if ( host.storeFault() != storeFault ) {
+            storeFault = host.storeFault();
+            complain( storeFault.empty() ? options.state + "/data.mdb: takes the NAT ids again"
+                                         : storeFault + "; what needs them waits" );
          }
       };
       server->serve(
@@ -259,14 +281,6 @@ int programAndServe( Options options ) {
       return true;
    } );
    return complete;
-}
-
-// Names the program in front of every line.
-void complain( std::string const & text ) {
-   std::istringstream lines( text );
-   for ( std::string line; std::getline( lines, line ); ) {
-      std::cerr << "nat-agent: " << line << '\n';
-   }
 }
 
 std::string textIn( Json const & object, std::string_view member ) {

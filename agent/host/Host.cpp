@@ -1,5 +1,9 @@
 #include "agent/host/Host.h"
 
+#include "agent/basics/UnusableInput.h"
+
+#include <Vexa/Assert.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -29,6 +33,7 @@ Host::Host( Configuration configuration, std::shared_ptr< Asic::HardwarePolicy >
      natIdInfo_( Orla::make< Pfe::NatIdInfo >() ),
      capabilities_( Orla::make< Ip::Nat::HwCapabilities >() ),
      replications_( Orla::make< McastReplications >() ),
+     needs_( std::make_shared< NatIdNeeds >( replications_ ) ),
      detection_( Orla::make< L4Detection >() ),
      profiles_( Orla::make< Pfe::NatVlanProfileConfig >() ) {
    hardware_->policyIs( std::move( policy ) );
@@ -45,6 +50,7 @@ Host::Host( Configuration configuration, std::shared_ptr< Asic::HardwarePolicy >
    programmer_->natVlanProfileConfigIs( profiles_ );
    programmer_->programmerModeIs( Pfe::NatBaseProgrammerSm::Mode::tables );
    programmer_->natIdPoolIs( natIdInfo_ );
+   programmer_->natIdDemandIs( needs_ );
    settingsAre( configuration_.settings );
    for ( auto const & [ vlan, profile ] : configuration_.profiles ) {
       profiles_->vlanProfileIs( vlan, profile );
@@ -60,14 +66,17 @@ Host::~Host() {
 }
 
 void Host::program() {
+   // The id manager, which is made here, knows of what is in the tables by the replay alone.
+   VEXA_ASSERT( hardware_->outstanding() == 0 );
+   tables_.forEach( []( auto const & table ) { VEXA_ASSERT( table.failedRowCount() == 0 ); } );
    programmer_->initializedIs( true );
    replay();
+   conclude();
 }
 
 void Host::replay() {
    programmer_->replay();
-   runUntilAtRest();
-   retryRefused();
+   finish();
 }
 
 // --- Another configuration -------------------------------------------------------------------------------------------
@@ -147,31 +156,69 @@ void Host::reload( Configuration next ) {
       kept_ = std::move( next );
       return;
    }
+   resume();
+   requireStore();
    auto settings = next.settings;
    settings.fragmentation = configuration_.settings.fragmentation;
    if ( settings != configuration_.settings || changesCopies( configuration_, ConnectionsByKey( next.connections ) ) ) {
-      deleteAll();
+      takeOut();
       kept_ = std::move( next );
-      addAll();
-      return;
+      putBack();
+      return conclude();
    }
    bool const replays = next.settings.fragmentation != settings.fragmentation;
    take( std::move( next ) );
    if ( replays ) {
       programmer_->replay();
+   } else if ( !shared_.empty() ) {
+      for ( auto const & connection : configuration_.connections ) {
+         if ( hasRows( connection ) && shared_.takeOver( connection, configuration_.settings ) ) {
+            handOver( connection );
+         }
+      }
    }
-   runUntilAtRest();
-   retry();
+   if ( runUntilAtRest() ) {
+      hardware_->retryFailed();
+   }
+   finish();
+   conclude();
+}
+
+bool Host::hasRows( Connection const & connection ) const {
+   auto const rows = ingressRowsOf( connection, configuration_.settings );
+   return std::ranges::all_of( rows, [ & ]( Pfe::IngNatTableKey const & row ) {
+      bool isPresent = false;
+      tables_.forEachIngress( [ & ]( auto const & table ) {
+         using Key = typename std::remove_cvref_t< decltype( table ) >::Key;
+         auto const * const key = std::get_if< Key >( &row.storage() );
+         isPresent = isPresent || ( key && table.entryHandle( *key ) );
+      } );
+      return isPresent;
+   } );
+}
+
+void Host::handOver( Connection const & connection ) {
+   struct HandOver {
+      Pfe::NatSwTableProgrammerSm & programmer;
+      void operator()( StaticRule const & rule ) const { programmer.handleProgrammerStaticConfig( rule.key ); }
+      void operator()( TwiceRule const & rule ) const { programmer.handleProgrammerTwiceConfig( rule.key ); }
+      void operator()( DynamicRule const & rule ) const { programmer.handleProgrammerDynamicConfig( rule.key ); }
+   };
+   std::visit( HandOver{ *programmer_ }, connection.rule );
 }
 
 void Host::take( Configuration next ) {
    auto const rules = configuration_.rules;
+   auto const settings = configuration_.settings;
+   shared_ = {};
+   twins_.reset();
    settingsAre( next.settings );
    for ( auto const & connection : configuration_.connections ) {
       std::visit(
          [ & ]( auto const & rule ) {
             auto const stays = configured( *next.rules, rule.key );
             if ( !stays || !stays->derivesSameRows( *rule.entry ) ) {
+               shared_.leave( connection, settings, *programmer_->natIdManager() );
                unconfigure( *rules, rule );
                replications_->groupIs( connection, nullptr );
             }
@@ -221,6 +268,7 @@ void Host::settingsAre( Settings const & settings ) {
    configuration_.rules->vrfLessIs( settings.vrfLess );
    capabilities_->fullConeProgrammedIs( settings.fullConeProgrammed );
    detection_->detected = settings.l4Detected;
+   needs_->settingsAre( settings );
 }
 
 void Host::learn( std::vector< Pfe::NatProgrammerDynamicKey > const & gone, std::vector< DynamicRule > const & come ) {
@@ -228,16 +276,33 @@ void Host::learn( std::vector< Pfe::NatProgrammerDynamicKey > const & gone, std:
       kept_ = copyOf( configuration_ );
    }
    auto & configuration = isDeleted() ? *kept_ : configuration_;
+   bool const sharesTwins = !isDeleted() && configuration_.settings.fragmentation;
+   if ( sharesTwins && !twins_ && !gone.empty() ) {
+      twins_.emplace( configuration_ );
+   }
+   std::vector< DynamicRule > went;
    for ( auto const & key : gone ) {
+      if ( sharesTwins && configured( *configuration_.rules, key ) ) {
+         went.push_back( { key, configured( *configuration_.rules, key ) } );
+         twins_->del( went.back() );
+      }
       remove( configuration, key );
    }
    for ( auto const & rule : come ) {
       add( configuration, { .rule = rule } );
+      if ( sharesTwins && twins_ ) {
+         twins_->add( rule );
+      }
    }
-   if ( !isDeleted() ) {
-      runUntilAtRest();
-      retryRefused();
+   if ( isDeleted() ) {
+      return;
    }
+   for ( auto const & rule : went ) {
+      for ( auto const & heir : twins_->heirsOf( rule, *configuration_.rules ) ) {
+         programmer_->handleProgrammerDynamicConfig( heir );
+      }
+   }
+   finish();
 }
 
 // --- All at once -----------------------------------------------------------------------------------------------------
@@ -246,9 +311,10 @@ bool Host::deleteAll() {
    if ( isDeleted() ) {
       return false;
    }
-   programmer_->deleteAllConnections();
-   programmer_->cleanupInProgressIs( true );
-   runUntilAtRest();
+   resume();
+   requireStore();
+   takeOut();
+   conclude();
    return true;
 }
 
@@ -256,19 +322,33 @@ bool Host::addAll() {
    if ( !isDeleted() ) {
       return false;
    }
+   putBack();
+   conclude();
+   return true;
+}
+
+// Gives ids back and takes none, so no store keeps it from its end.
+void Host::takeOut() {
+   programmer_->deleteAllConnections();
+   programmer_->cleanupInProgressIs( true );
+   runUntilAtRest();
+}
+
+void Host::putBack() {
    if ( kept_ ) {
       // While static and twice rules are not programmed: the replay hands everything over.
       take( *std::exchange( kept_, std::nullopt ) );
    }
    programmer_->cleanupInProgressIs( false );
    replay();
-   return true;
 }
 
 void Host::retry() {
+   resume();
+   requireStore();
    hardware_->retryFailed();
-   runUntilAtRest();
-   retryRefused();
+   finish();
+   conclude();
 }
 
 // --- Results ---------------------------------------------------------------------------------------------------------
@@ -295,39 +375,64 @@ bool Host::isComplete() const {
 // --- The activity ----------------------------------------------------------------------------------------------------
 
 // An id is on disk before any row that uses it can settle.
-void Host::runUntilAtRest() {
+bool Host::runUntilAtRest() {
    do {
-      if ( store_ ) {
-         store_->commit();
+      if ( store_ && store_->hasNewIds() && !commit() ) {
+         return false;
       }
       hardware_->settle();
       ++turns_;
    } while ( hardware_->outstanding() != 0 );
-   if ( store_ ) {
-      store_->commit();  // ids that the last removals gave back
-   }
    programmer_->atRest();
+   return true;
 }
 
-// What the id pool refused is tried once more as long as that may have changed: ids came back, or a rule was refused
-// that was not before.
-void Host::retryRefused() {
-   std::size_t tried = 0;
-   std::size_t heldBefore = Pfe::NatId::max;
-   std::size_t refusedBefore = 0;
-   while ( auto const refused = programmer_->refusedCount() ) {
-      auto const held = natIdInfo_->matchKeyToNatId().count();
-      if ( held < heldBefore || refused > refusedBefore ) {
-         tried = 0;
+bool Host::commit() {
+   try {
+      store_->commit();
+      storeFault_.clear();
+   } catch ( UnusableInput const & fault ) {
+      storeFault_ = fault.what();
+   }
+   return storeFault_.empty();
+}
+
+void Host::conclude() {
+   if ( store_ && !store_->hasNewIds() ) {
+      commit();
+   }
+   requireStore();
+}
+
+void Host::resume() {
+   if ( !storeFault_.empty() ) {
+      finish();
+      if ( !store_->hasNewIds() ) {
+         commit();
       }
-      heldBefore = held;
-      refusedBefore = refused;
-      auto const handedOver = tried < refused ? programmer_->retryRefused() : 0;
-      if ( handedOver == 0 ) {
+   }
+}
+
+void Host::requireStore() const {
+   if ( store_ && store_->hasNewIds() ) {
+      throw UnusableInput( storeFault_ );
+   }
+}
+
+// What is handed over finds its ids, so every pass leaves fewer that wait.
+void Host::finish() {
+   if ( !runUntilAtRest() ) {
+      return;
+   }
+   for ( auto left = programmer_->refusedCount(); left != 0 && programmer_->retryRefused() != 0; ) {
+      if ( !runUntilAtRest() ) {
          return;
       }
-      tried += handedOver;
-      runUntilAtRest();
+      auto const now = programmer_->refusedCount();
+      if ( now >= left ) {
+         return;
+      }
+      left = now;
    }
 }
 

@@ -4,8 +4,10 @@
 
 #include "agent/configuration/Configuration.h"
 #include "agent/host/McastReplications.h"
+#include "agent/host/NatIdNeeds.h"
 #include "agent/host/NatIdStore.h"
 #include "agent/host/NatTables.h"
+#include "agent/host/SharedRewrites.h"
 
 #include <Asic/Hardware.h>
 #include <Pfe/NatIdInfo.h>
@@ -14,12 +16,16 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace Agent {
 
-// Every operation ends at rest: nothing is outstanding, and what was asked for has its result. All of them throw
-// UnusableInput when the store does not take the ids; the host is of no use then.
+// Every operation ends at rest: nothing is outstanding, and what was asked for has its result.
+//
+// Unless the store does not take the NAT ids: then nothing that uses a new one reaches the hardware, and all that was
+// asked for waits until it does. Operations but learn() throw UnusableInput then, either before they have changed
+// anything, or with the change made and waiting.
 class Host {
  public:
    // `store` may be null: the NAT ids last as long as the host. Else it must outlive the host.
@@ -51,6 +57,11 @@ class Host {
    // Tries again what the hardware did not take, and what found no NAT id.
    void retry();
 
+   // Tries again what waits for the store.
+   void resume();
+   // Why the store did not take the NAT ids when it was last asked to; empty: it did.
+   std::string const & storeFault() const { return storeFault_; }
+
    // Whether every connection is programmed and every row of every table accepted.
    bool isComplete() const;
    // Null: no result yet, or none for such a rule.
@@ -67,8 +78,18 @@ class Host {
  private:
    class L4Detection;
 
-   void runUntilAtRest();
-   void retryRefused();
+   // False: the store takes no ids.
+   bool runUntilAtRest();
+   // Runs until at rest, with what the id pool refused and can hold now.
+   void finish();
+   bool commit();
+   // The end of an operation of somebody's own: ids that were given back are forgotten at once.
+   void conclude();
+   void requireStore() const;
+   bool hasRows( Connection const & connection ) const;
+   void handOver( Connection const & connection );
+   void takeOut();
+   void putBack();
    void replay();
    // Makes the rules those of `next`, what goes before what comes, and the settings.
    void take( Configuration next );
@@ -83,9 +104,13 @@ class Host {
    Pfe::NatIdInfo::Ptr natIdInfo_;
    Ip::Nat::HwCapabilities::Ptr capabilities_;
    Orla::Ptr< McastReplications > replications_;
+   std::shared_ptr< NatIdNeeds > needs_;
    Orla::Ptr< L4Detection > detection_;
    Pfe::NatVlanProfileConfig::Ptr profiles_;
    Pfe::NatSwTableProgrammerSm::Ptr programmer_;
+   SharedRewrites shared_;               // left by what went in the present operation
+   std::optional< TwinSharers > twins_;  // of what is configured; none: not looked for yet
+   std::string storeFault_;
    U64 turns_ = 0;
 };
 

@@ -7,8 +7,11 @@
 
 #include <lmdb.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -30,11 +33,12 @@ using Cursor = std::unique_ptr< MDB_cursor, void ( * )( MDB_cursor * ) >;
 using Environment = std::unique_ptr< MDB_env, void ( * )( MDB_env * ) >;
 using Transaction = std::unique_ptr< MDB_txn, void ( * )( MDB_txn * ) >;
 
+// LMDB's own lock file would be mapped, and a full disk end whoever writes to it; agent.lock does what is needed.
+constexpr unsigned environmentFlags = MDB_NOLOCK;
 constexpr char const * notTaken = "does not take the NAT ids";
+constexpr U64 formatVersion = 1;  // stores of before there were versions hold the same records
 
-IdBytes bytesOf( Pfe::NatId id ) {
-   return { static_cast< unsigned char >( id.value() >> 8 ), static_cast< unsigned char >( id.value() ) };
-}
+IdBytes bytesOf( U64 id ) { return { static_cast< unsigned char >( id >> 8 ), static_cast< unsigned char >( id ) }; }
 
 [[noreturn]] void refuse( std::string const & folder, std::string const & fault ) {
    throw UnusableInput( folder + "/data.mdb: " + fault + "; it was left as it is" );
@@ -46,14 +50,18 @@ void require( int error, std::string const & folder, char const * fault ) {
    }
 }
 
-Environment environmentIn( std::string const & folder, unsigned flags ) {
+// `path`: of the folder, or with MDB_NOSUBDIR of the file.
+Environment environmentAt( std::string const & path, unsigned flags, std::string const & folder ) {
    constexpr char const * fault = "cannot be opened";
    MDB_env * created = nullptr;
    require( mdb_env_create( &created ), folder, fault );
    Environment environment( created, &mdb_env_close );
    mdb_env_set_mapsize( created, mapSize );
-   require( mdb_env_open( created, folder.c_str(), flags, fileMode ), folder, fault );
+   require( mdb_env_open( created, path.c_str(), environmentFlags | flags, fileMode ), folder, fault );
    return environment;
+}
+Environment environmentIn( std::string const & folder, unsigned flags ) {
+   return environmentAt( folder, flags, folder );
 }
 
 // A transaction on the environment's one database; given up unless committed.
@@ -94,7 +102,7 @@ bool survivesReading( std::string const & folder ) {
       try {
          std::size_t volatile sum = 0;
          forEachRecord(
-            environmentIn( folder, MDB_RDONLY | MDB_NOLOCK ).get(), folder,
+            environmentIn( folder, MDB_RDONLY ).get(), folder,
             [ & ]( std::string_view, std::string_view value ) { sum = std::hash< std::string_view >()( value ); } );
       } catch ( UnusableInput const & ) {
          _exit( 0 );
@@ -103,6 +111,62 @@ bool survivesReading( std::string const & folder ) {
    }
    int status = 0;
    return child < 0 || waitpid( child, &status, 0 ) < 0 || status == 0;
+}
+
+// LMDB tells of a write that the disk took in part only as of a fault of input and output. What the disk says to more
+// of the same is why.
+int whyPartial( MDB_env * environment, int error ) {
+   mdb_filehandle_t file = -1;
+   struct stat found {};
+   if ( error != EIO || mdb_env_get_fd( environment, &file ) != 0 || fstat( file, &found ) != 0 ) {
+      return error;
+   }
+   std::array< char, 1 << 16 > const zeros{};
+   for ( int i = 0; i < 2 && error == EIO; ++i ) {
+      if ( pwrite( file, zeros.data(), zeros.size(), found.st_size + i * off_t{ zeros.size() } ) < 0 ) {
+         error = errno;
+      }
+   }
+   return ftruncate( file, found.st_size ) == 0 ? error : errno;
+}
+
+void putVersion( MDB_txn * transaction, MDB_dbi database, std::string const & folder ) {
+   auto bytes = bytesOf( 0 );
+   auto text = std::to_string( formatVersion );
+   MDB_val key{ bytes.size(), bytes.data() };
+   MDB_val value{ text.size(), text.data() };
+   require( mdb_put( transaction, database, &key, &value, 0 ), folder, notTaken );
+}
+
+// Under its name once it is whole: whatever stops this, a store that is there was made to its end.
+void createStore( std::string const & folder ) {
+   auto const file = folder + "/data.mdb";
+   auto const unfinished = file + ".new";
+   unlink( unfinished.c_str() );
+   try {
+      auto const environment = environmentAt( unfinished, MDB_NOSUBDIR, folder );
+      MDB_dbi database = 0;
+      auto transaction = begin( environment.get(), 0, database, folder );
+      putVersion( transaction.get(), database, folder );
+      require( whyPartial( environment.get(), mdb_txn_commit( transaction.release() ) ), folder, "cannot be created" );
+      require( std::rename( unfinished.c_str(), file.c_str() ) == 0 ? 0 : errno, folder, "cannot be created" );
+   } catch ( UnusableInput const & ) {
+      unlink( unfinished.c_str() );
+      throw;
+   }
+   fsync( Descriptor( open( folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC ) ).number() );
+}
+
+void requireVersion( std::string_view text, std::string const & folder ) {
+   U64 version = 0;
+   auto const [ end, error ] = std::from_chars( text.data(), text.data() + text.size(), version );
+   if ( error != std::errc{} || end != text.data() + text.size() || version < 1 ) {
+      throw Vexa::ParseException( "it is no version of the format" );
+   }
+   if ( version > formatVersion ) {
+      refuse( folder, "has format " + std::to_string( version ) + ", which is newer; allowed: up to " +
+                         std::to_string( formatVersion ) );
+   }
 }
 
 Descriptor lockIn( std::string const & folder ) {
@@ -122,11 +186,7 @@ Descriptor lockIn( std::string const & folder ) {
 
 }  // namespace
 
-NatIdStore::NatIdStore( std::string folder )
-   : folder_( std::move( folder ) ),
-     environment_( nullptr, &mdb_env_close ),
-     changes_( nullptr, &mdb_txn_abort ),
-     cursor_( nullptr, &mdb_cursor_close ) {
+NatIdStore::NatIdStore( std::string folder ) : folder_( std::move( folder ) ), environment_( nullptr, &mdb_env_close ) {
    if ( mkdir( folder_.c_str(), folderMode ) < 0 && errno != EEXIST ) {
       throw UnusableInput( folder_ + ": cannot be created: " + std::strerror( errno ) );
    }
@@ -137,7 +197,12 @@ NatIdStore::NatIdStore( std::string folder )
       throw UnusableInput( folder_ + ": others may write there; allowed: a folder that its owner alone may write to" );
    }
    lock_ = lockIn( folder_ );
-   if ( access( ( folder_ + "/data.mdb" ).c_str(), F_OK ) == 0 && !survivesReading( folder_ ) ) {
+   if ( stat( ( folder_ + "/data.mdb" ).c_str(), &found ) != 0 ) {
+      require( errno == ENOENT ? 0 : errno, folder_, "cannot be opened" );
+      createStore( folder_ );
+   } else if ( found.st_size == 0 ) {
+      refuse( folder_, "is damaged: it is empty" );
+   } else if ( !survivesReading( folder_ ) ) {
       refuse( folder_, "is damaged: reading it fails half-way" );
    }
    environment_ = environmentIn( folder_, 0 );
@@ -147,75 +212,107 @@ NatIdStore::~NatIdStore() {
    if ( natIdInfo_ ) {
       natIdInfo_->matchKeyToNatId().watcherDel( *this );
    }
+   if ( !changes_.empty() && !hasNewIds_ ) {
+      try {
+         commit();
+      } catch ( UnusableInput const & ) {
+         // Ids that are given back stay reserved then until the next start, which gives them back as well.
+      }
+   }
 }
 
 void NatIdStore::natIdInfoIs( Pfe::NatIdInfo::Ptr natIdInfo ) {
    natIdInfo_ = std::move( natIdInfo );
+   std::size_t record = 0;
    forEachRecord( environment_.get(), folder_, [ & ]( std::string_view key, std::string_view text ) {
-      ++restoredCount_;
+      ++record;
       try {
          if ( key.size() != IdBytes().size() ) {
             throw Vexa::ParseException( "its key is no id" );
          }
          auto const byte = [ & ]( std::size_t i ) { return static_cast< unsigned char >( key[ i ] ); };
-         natIdInfo_->matchKeyToNatIdIs( Vexa::parseWhole< Pfe::NatMatchKey >( text ),
-                                        Pfe::NatId( U64{ byte( 0 ) } << 8 | byte( 1 ) ) );
-         if ( natIdInfo_->matchKeyToNatId().count() != restoredCount_ ) {
+         auto const id = U64{ byte( 0 ) } << 8 | byte( 1 );
+         if ( id == 0 ) {
+            requireVersion( text, folder_ );
+            hasVersion_ = true;
+            return;
+         }
+         natIdInfo_->matchKeyToNatIdIs( Vexa::parseWhole< Pfe::NatMatchKey >( text ), Pfe::NatId( id ) );
+         if ( natIdInfo_->matchKeyToNatId().count() != ++restoredCount_ ) {
             throw Vexa::ParseException( "its match key has another id already" );
          }
       } catch ( Vexa::Exception const & fault ) {
-         refuse( folder_, "is damaged: record " + std::to_string( restoredCount_ ) + ": " + fault.what() );
+         refuse( folder_, "is damaged: record " + std::to_string( record ) + ": " + fault.what() );
       }
    } );
    natIdInfo_->matchKeyToNatId().watcherIs( *this );
 }
 
-// Nobody who gives ids or takes them back could do anything about a fault of the disk, so commit() tells it.
 void NatIdStore::onKey( Pfe::NatMatchKey const & key, Pfe::NatId const * previous, Pfe::NatId const * current ) {
-   try {
-      if ( !cursor_ ) {
-         MDB_dbi database = 0;
-         changes_ = begin( environment_.get(), 0, database, folder_ );
-         cursor_ = cursorOn( changes_.get(), database, folder_ );
-      }
-      if ( previous ) {
-         del( *previous );
-      }
-      if ( current ) {
-         put( *current, key );
-      }
-   } catch ( UnusableInput const & fault ) {
-      fault_ = fault.what();
+   if ( previous && !( current && *current == *previous ) ) {
+      changes_.push_back( { *previous, std::nullopt } );
+   }
+   if ( current ) {
+      changes_.push_back( { *current, key } );
+      hasNewIds_ = true;
    }
 }
 
-void NatIdStore::put( Pfe::NatId id, Pfe::NatMatchKey const & matchKey ) {
-   auto bytes = bytesOf( id );
-   text_.clear();
-   Vexa::append( text_, matchKey );
-   MDB_val key{ bytes.size(), bytes.data() };
-   MDB_val value{ text_.size(), text_.data() };
-   // Most new ids are greater than all others, which takes no search and leaves no page half empty.
-   int const error = mdb_cursor_put( cursor_.get(), &key, &value, MDB_APPEND );
-   require( error == MDB_KEYEXIST ? mdb_cursor_put( cursor_.get(), &key, &value, 0 ) : error, folder_, notTaken );
+void NatIdStore::mergeChanges() {
+   if ( !std::ranges::is_sorted( changes_, {}, &Change::id ) ) {
+      std::ranges::stable_sort( changes_, {}, &Change::id );
+   }
+   auto const olders = std::unique( changes_.rbegin(), changes_.rend(),
+                                    []( Change const & a, Change const & b ) { return a.id == b.id; } );
+   changes_.erase( changes_.begin(), olders.base() );
 }
 
-void NatIdStore::del( Pfe::NatId id ) {
-   auto bytes = bytesOf( id );
-   MDB_val key{ bytes.size(), bytes.data() };
-   int const error = mdb_cursor_get( cursor_.get(), &key, nullptr, MDB_SET );
-   require( error == 0 ? mdb_cursor_del( cursor_.get(), 0 ) : error, folder_, notTaken );
+void NatIdStore::write() {
+   if ( !environment_ ) {
+      environment_ = environmentIn( folder_, 0 );
+   }
+   MDB_dbi database = 0;
+   auto transaction = begin( environment_.get(), 0, database, folder_ );
+   if ( !hasVersion_ ) {
+      putVersion( transaction.get(), database, folder_ );
+   }
+   auto cursor = cursorOn( transaction.get(), database, folder_ );
+   std::string text;
+   for ( auto const & [ id, matchKey ] : changes_ ) {
+      auto bytes = bytesOf( id.value() );
+      MDB_val key{ bytes.size(), bytes.data() };
+      int error = 0;
+      if ( matchKey ) {
+         text.clear();
+         Vexa::append( text, *matchKey );
+         MDB_val value{ text.size(), text.data() };
+         // Most new ids are greater than all others, which takes no search and leaves no page half empty.
+         error = mdb_cursor_put( cursor.get(), &key, &value, MDB_APPEND );
+         error = error == MDB_KEYEXIST ? mdb_cursor_put( cursor.get(), &key, &value, 0 ) : error;
+      } else {
+         error = mdb_cursor_get( cursor.get(), &key, nullptr, MDB_SET );
+         error = error == MDB_NOTFOUND ? 0 : error == 0 ? mdb_cursor_del( cursor.get(), 0 ) : error;
+      }
+      require( error, folder_, notTaken );
+   }
+   cursor = nullptr;  // before the end of the transaction, which would take it along
+   require( whyPartial( environment_.get(), mdb_txn_commit( transaction.release() ) ), folder_, notTaken );
 }
 
 void NatIdStore::commit() {
-   cursor_ = nullptr;  // the end of the transaction would take it along
-   auto changes = std::move( changes_ );
-   if ( !fault_.empty() ) {
-      throw UnusableInput( std::exchange( fault_, {} ) );
+   mergeChanges();
+   if ( changes_.empty() && hasVersion_ ) {
+      return;
    }
-   if ( changes ) {
-      require( mdb_txn_commit( changes.release() ), folder_, notTaken );
+   try {
+      write();
+   } catch ( UnusableInput const & ) {
+      environment_ = nullptr;  // which may refuse everything from here on
+      throw;
    }
+   hasVersion_ = true;
+   changes_.clear();
+   hasNewIds_ = false;
 }
 
 }  // namespace Agent

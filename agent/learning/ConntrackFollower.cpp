@@ -28,8 +28,8 @@ std::string nameOf( Netix::ConnTuple const & flow ) {
 
 }  // namespace
 
-ConntrackFollower::ConntrackFollower( std::string const & netns, NatInterface const & intf )
-   : netns_( netns ), intf_( intf ), source_( std::in_place, netns ) {
+ConntrackFollower::ConntrackFollower( std::string const & netns, NatInterface const & intf, std::size_t mostPerHost )
+   : netns_( netns ), intf_( intf ), mostPerHost_( mostPerHost ), source_( std::in_place, netns ) {
    source_->dump( [ & ]( ConntrackReport const & report ) { track( report.key, report.flow ); } );
 }
 
@@ -64,8 +64,10 @@ void ConntrackFollower::forget( ConntrackKey const & key ) {
    if ( auto const * const tracked = tracked_.find( key ) ) {
       if ( !tracked->reason ) {
          gone_.push_back( *tracked->connection );
+      } else if ( tracked->reason == NotLearned::hostLimit ) {
+         insideHosts_.find( insideHostOf( *tracked->connection ) )->waiting.erase( tracked->number );
       } else if ( tracked->connection ) {
-         std::erase( waiting_, key );
+         waiting_.erase( tracked->number );
       }
       tracked_.del( key );
    }
@@ -100,11 +102,39 @@ bool ConntrackFollower::claim( ConntrackKey const & key ) {
    if ( !tracked || !tracked->reason ) {
       return false;  // gone again, or named twice
    }
-   auto const other = claims_->claim( *tracked->connection, followed );
-   tracked->reason = !other                            ? std::optional< NotLearned >()
-                     : *other == RowClaims::configured ? NotLearned::rowConfigured
-                                                       : NotLearned::rowTaken;
-   return !other;
+   auto * const host =
+      mostPerHost_ != 0 ? &insideHosts_.refOrEmplace( insideHostOf( *tracked->connection ) ).first : nullptr;
+   if ( host && host->learned >= mostPerHost_ ) {
+      waitFor( *tracked, key, NotLearned::hostLimit );
+      return false;
+   }
+   if ( auto const other = claims_->claim( *tracked->connection, followed ) ) {
+      waitFor( *tracked, key, *other == RowClaims::configured ? NotLearned::rowConfigured : NotLearned::rowTaken );
+      return false;
+   }
+   if ( host ) {
+      ++host->learned;
+   }
+   tracked->reason.reset();
+   return true;
+}
+
+// Whoever waits already keeps its place.
+void ConntrackFollower::waitFor( Tracked & tracked, ConntrackKey const & key, NotLearned reason ) {
+   tracked.reason = reason;
+   if ( tracked.number == 0 ) {
+      tracked.number = ++waited_;
+   }
+   auto & waiting =
+      reason == NotLearned::hostLimit ? insideHosts_.find( insideHostOf( *tracked.connection ) )->waiting : waiting_;
+   waiting.emplace( tracked.number, key );
+}
+
+void ConntrackFollower::release( LearnedConnection const & connection ) {
+   claims_->release( connection );
+   if ( auto * const host = insideHosts_.find( insideHostOf( connection ) ) ) {
+      --host->learned;
+   }
 }
 
 // Whoever was learned before comes first, then in the order of the keys: the same every time.
@@ -121,13 +151,13 @@ void ConntrackFollower::learnInto( Configuration & configuration ) {
    come_.clear();
    gone_.clear();
    waiting_.clear();
+   insideHosts_.delAll();
    for ( auto const & [ isLate, key ] : wanted ) {
       auto & tracked = *tracked_.find( key );
       tracked.reason = NotLearned::rowTaken;
+      tracked.number = 0;
       if ( claim( key ) ) {
          add( configuration, { .rule = ruleOf( *tracked.connection, intf_ ) } );
-      } else {
-         waiting_.push_back( key );
       }
    }
 }
@@ -169,25 +199,34 @@ void ConntrackFollower::resync( Host & host ) {
 
 void ConntrackFollower::apply( Host & host ) {
    std::vector< Pfe::NatProgrammerDynamicKey > gone;
+   std::vector< Netix::IpAddr > hosts;
    for ( auto const & connection : gone_ ) {
-      claims_->release( connection );
+      release( connection );
       gone.push_back( { .natIntf = intf_.intf, .conn = connection.conn } );
+      hosts.push_back( insideHostOf( connection ) );
    }
    // Who waits is in front of who comes; while nothing goes, in vain.
-   std::vector< ConntrackKey > wanted;
+   Waiting wanted;
    if ( !gone.empty() ) {
       wanted.swap( waiting_ );
    }
    std::vector< DynamicRule > come;
-   for ( auto const * const keys : { &wanted, &come_ } ) {
-      for ( auto const & key : *keys ) {
-         if ( claim( key ) ) {
-            come.push_back( ruleOf( *tracked_.find( key )->connection, intf_ ) );
-         } else if ( auto const * const tracked = tracked_.find( key ); tracked && tracked->reason ) {
-            waiting_.push_back( key );
-         }
+   auto const take = [ & ]( ConntrackKey const & key ) {
+      if ( claim( key ) ) {
+         come.push_back( ruleOf( *tracked_.find( key )->connection, intf_ ) );
+      }
+   };
+   std::ranges::for_each( wanted, [ & ]( auto const & waiting ) { take( waiting.second ); } );
+   for ( auto const address : hosts ) {
+      auto * const host = insideHosts_.find( address );
+      while ( host && host->learned < mostPerHost_ && !host->waiting.empty() ) {
+         take( host->waiting.extract( host->waiting.begin() ).mapped() );
+      }
+      if ( host && host->learned == 0 ) {
+         insideHosts_.del( address );
       }
    }
+   std::ranges::for_each( come_, take );
    come_.clear();
    gone_.clear();
    if ( !gone.empty() || !come.empty() ) {

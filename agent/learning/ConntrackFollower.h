@@ -7,6 +7,8 @@
 
 #include <Vexa/HashMap.h>
 
+#include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,11 +16,13 @@
 namespace Agent {
 
 // Knows what the kernel tracks, and keeps a host's learned connections at the translated ones. A connection whose key
-// or rows another one has waits until they are free.
+// or rows another one has waits until they are free, one that its inside host may not have any more until another of
+// that host goes.
 class ConntrackFollower {
  public:
-   // Subscribes to the kernel's events, then takes all that it tracks. Throws UnusableInput as ConntrackSource does.
-   ConntrackFollower( std::string const & netns, NatInterface const & intf );
+   // Subscribes to the kernel's events, then takes all that it tracks. `mostPerHost`: learned connections of one inside
+   // host; 0: as many as there are. Throws UnusableInput as ConntrackSource does.
+   ConntrackFollower( std::string const & netns, NatInterface const & intf, std::size_t mostPerHost );
 
    // Adds the translated connections to a configuration that the host is to go over to, whose own dynamic connections
    // keep their keys and rows.
@@ -47,6 +51,12 @@ class ConntrackFollower {
    struct Tracked {
       std::optional< LearnedConnection > connection;  // that translates it; none: none does
       std::optional< NotLearned > reason;             // why it is not learned; none: it is
+      U64 number = 0;                                 // of those that wait, by their coming
+   };
+   using Waiting = std::map< U64, ConntrackKey >;
+   struct InsideHost {
+      std::size_t learned = 0;
+      Waiting waiting;  // beyond the limit
    };
    struct Counters {
       U64 fresh = 0, updated = 0, destroyed = 0;  // events
@@ -58,19 +68,24 @@ class ConntrackFollower {
    void track( ConntrackKey const & key, TrackedFlow const & flow );
    void forget( ConntrackKey const & key );
    void takeDifference();
-   // Whether it is learned from now on.
+   // Whether it is learned from now on; else it waits.
    bool claim( ConntrackKey const & key );
+   void waitFor( Tracked & tracked, ConntrackKey const & key, NotLearned reason );
+   void release( LearnedConnection const & connection );
    void apply( Host & host );
    void end( char const * why );
 
    std::string netns_;
    NatInterface intf_;
+   std::size_t mostPerHost_;
    std::optional< ConntrackSource > source_;  // none: the following has ended
    Vexa::HashMap< ConntrackKey, Tracked, 0x2545F491 > tracked_;
-   std::optional< RowClaims > claims_;      // of the configuration that was learned into
-   std::vector< ConntrackKey > come_;       // since the last turn
-   std::vector< LearnedConnection > gone_;  // likewise, with their claims
-   std::vector< ConntrackKey > waiting_;    // for their key and rows, the longest first
+   std::optional< RowClaims > claims_;                                   // of the configuration that was learned into
+   std::vector< ConntrackKey > come_;                                    // since the last turn
+   std::vector< LearnedConnection > gone_;                               // likewise, with their claims
+   Waiting waiting_;                                                     // for their key and rows
+   U64 waited_ = 0;                                                      // numbers them
+   Vexa::HashMap< Netix::IpAddr, InsideHost, 0x510E527F > insideHosts_;  // with a limit only
    bool needsDifference_ = false;
    Counters counters_;
 };

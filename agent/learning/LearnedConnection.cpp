@@ -74,6 +74,10 @@ std::variant< LearnedConnection, NotLearned > learnedFrom( TrackedFlow const & f
    return LearnedConnection{ original, { .target = NatTarget::destination }, reply.source };
 }
 
+Netix::IpAddr insideHostOf( LearnedConnection const & learned ) {
+   return learned.connection.target == NatTarget::source ? learned.conn.source.ip : learned.global.ip;
+}
+
 RowClaims::RowClaims( Pfe::NatProgrammerConfig const & rules, NatInterface const & intf ) {
    rules.dynamicEntry().forEach( [ & ]( Pfe::NatProgrammerDynamicKey const & key, auto const & entry ) {
       LearnedConnection const connection{ key.conn, entry->connection(), entry->global() };

@@ -32,6 +32,9 @@ struct LearnedConnection {
    friend bool operator==( LearnedConnection const &, LearnedConnection const & ) = default;
 };
 
+// The host that the connection translates to the world.
+Netix::IpAddr insideHostOf( LearnedConnection const & learned );
+
 // Why a flow is no dynamic connection.
 enum class NotLearned : U8 {
    notIpv4,
@@ -41,15 +44,17 @@ enum class NotLearned : U8 {
    greKeys,        // rows have no place for them
    rowTaken,       // another learned connection has its key or one of its rows
    rowConfigured,  // a configured connection has
+   hostLimit,      // its inside host has as many as it may
 };
-inline constexpr std::array< std::string_view, 7 > notLearnedTexts = {
+inline constexpr std::array< std::string_view, 8 > notLearnedTexts = {
    "not IPv4",
    "not translated",
    "translated on both sides, but a dynamic connection translates one",
    "with a port, ICMP id, address or protocol 0, which rows take for any",
    "GRE with keys, which rows do not hold",
    "deriving the rows of another connection, from which rows tell apart neither zone nor ICMP type",
-   "deriving the rows of a configured connection" };
+   "deriving the rows of a configured connection",
+   "beyond the limit of learned connections of its inside host" };
 constexpr std::string_view textOf( NotLearned reason ) { return notLearnedTexts[ static_cast< U8 >( reason ) ]; }
 
 // The dynamic connection that translates the flow as the kernel does, or why there is none. Whether its rows are free

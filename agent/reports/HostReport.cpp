@@ -340,6 +340,10 @@ void reportSummary( Report & report, Host const & host ) {
          auto const * const result = host.resultOf( connection );
          return result && *result == NatHwResult::programmed;
       } ) );
+   if ( !host.storeFault().empty() ) {
+      report.fact( "storeFault", host.storeFault() );
+      report.line( "\nWhat needs new NAT ids waits: " + host.storeFault() );
+   }
    auto const natIds = host.natIdInfo().matchKeyToNatId().count();
    auto const restored = host.store() ? host.store()->restoredCount() : 0;
    report.fact( "summary", { { "connections", total },

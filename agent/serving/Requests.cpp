@@ -258,6 +258,8 @@ Json Requests::answerTo( Json const & request ) {
       return isNotification ? Json() : Json{ { "jsonrpc", "2.0" }, { "result", std::move( result ) }, { "id", id } };
    } catch ( Fault const & fault ) {
       return isNotification && fault.code != invalidRequest ? Json() : errorAnswer( id, fault );
+   } catch ( UnusableInput const & fault ) {
+      return isNotification ? Json() : errorAnswer( id, { unusable, fault.what() } );  // of the store
    }
 }
 

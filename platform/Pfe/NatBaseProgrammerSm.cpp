@@ -259,23 +259,37 @@ void NatBaseProgrammerSm::on_vlanProfile( U16 const & vlanId, U16 const *, U16 c
 
 // --- Refusals and rest -----------------------------------------------------------------------------------------------
 
+void NatBaseProgrammerSm::natIdPoolIs( NatIdInfo::PtrConst pool ) {
+   natIdPool_ = pool;
+   memory_->refusals.waiting.poolIs( std::move( pool ) );
+}
+
+void NatBaseProgrammerSm::natIdDemandIs( std::shared_ptr< NatIdDemand const > demand ) {
+   memory_->refusals.demand = std::move( demand );
+}
+
 std::size_t NatBaseProgrammerSm::retryRefused() {
-   auto const & poolKeys = memory_->refusals.poolKeys;
    auto const last = memory_->refusals.refused;  // what is refused again from here on has its turn next time
-   std::size_t handedOver = 0;
-   bool accepted = true;
-   while ( accepted && !poolKeys.empty() && poolKeys.begin()->first <= last &&
-           ( !natIdPool_ || natIdPool_->matchKeyToNatId().count() < NatId::max ) ) {
-      ++handedOver;
-      auto const key = poolKeys.begin()->second;
-      if ( auto const * const staticKey = std::get_if< NatProgrammerStaticKey >( &key ) ) {
-         accepted = memory_->staticRules.retry( *staticKey, natProgrammerConfig_->staticEntry( *staticKey ) );
-      } else if ( auto const * const twiceKey = std::get_if< NatProgrammerTwiceKey >( &key ) ) {
-         accepted = memory_->twiceRules.retry( *twiceKey, natProgrammerConfig_->twiceEntry( *twiceKey ) );
-      } else {
-         auto const & dynamicKey = std::get< NatProgrammerDynamicKey >( key );
-         accepted = memory_->dynamicRules.retry( dynamicKey, natProgrammerConfig_->dynamicEntry( dynamicKey ) );
+   struct Retry {
+      NatBaseProgrammerSm & sm;
+      bool operator()( NatProgrammerStaticKey const & key ) const {
+         return sm.memory_->staticRules.retry( key, sm.natProgrammerConfig_->staticEntry( key ) );
       }
+      bool operator()( NatProgrammerTwiceKey const & key ) const {
+         return sm.memory_->twiceRules.retry( key, sm.natProgrammerConfig_->twiceEntry( key ) );
+      }
+      bool operator()( NatProgrammerDynamicKey const & key ) const {
+         return sm.memory_->dynamicRules.retry( key, sm.natProgrammerConfig_->dynamicEntry( key ) );
+      }
+   };
+   std::size_t handedOver = 0;
+   for ( bool accepted = true; accepted; ) {
+      auto const key = memory_->refusals.waiting.next( last );
+      if ( !key ) {
+         break;
+      }
+      ++handedOver;
+      accepted = std::visit( Retry{ *this }, *key );
    }
    return handedOver;
 }

@@ -5,6 +5,7 @@
 
 #include <Orla/Entity.h>
 #include <Orla/Ptr.h>
+#include <Pfe/NatIdDemand.h>
 #include <Pfe/NatIdInfo.h>
 #include <Pfe/NatProgrammerConfig.h>
 #include <Pfe/NatProgrammerStatus.h>
@@ -92,10 +93,14 @@ class NatBaseProgrammerSm : public Orla::Entity {
    /// @}
 
    /// @{
-   /// The ids in use, whose number tells whether one is free. Null: unknown, so retries just try.
+   /// The ids in use, whose number tells whether one is free. Null: unknown, so retries just try. Set before the first
+   /// replay.
    NatIdInfo::PtrConst const & natIdPool() const { return natIdPool_; }
-   void natIdPoolIs( NatIdInfo::PtrConst pool ) { natIdPool_ = std::move( pool ); }
+   void natIdPoolIs( NatIdInfo::PtrConst pool );
    /// @}
+   /// Which ids a rule asks for: in table mode none is added or tried again while the pool cannot hold it. Null, as at
+   /// first: unknown, so a rule is added at once, and tried again while any id is free.
+   void natIdDemandIs( std::shared_ptr< NatIdDemand const > demand );
 
    /// Hands over everything that the configuration holds, then reconciles, then retries what the id pool refused. Until
    /// the first replay changes of the configuration are left to it.
@@ -131,7 +136,7 @@ class NatBaseProgrammerSm : public Orla::Entity {
                                             NatProgrammerDynamicEntry::PtrConst const & entry );
    /// @}
 
-   /// Hands over, in the order of their refusal, the rules that the NAT id pool refused. Stops when no id is free, or
+   /// Hands over, in the order of their refusal, the rules that the NAT id pool refused and that it can hold now. Stops
    /// at the first that is refused again, which goes to the end. Returns how many were handed over.
    std::size_t retryRefused();
 

@@ -2,23 +2,21 @@
 #pragma once
 
 #include <Pfe/NatBaseProgrammerSm.h>
+#include <Pfe/WaitingRules.h>
 #include <Trace/Trace.h>
 #include <Vexa/Exception.h>
 #include <Vexa/HashMap.h>
 
 #include <algorithm>
-#include <map>
+#include <memory>
 #include <string>
 #include <utility>
-#include <variant>
 #include <vector>
 
 namespace Pfe {
 
 // Refusals of all kinds of rules, in one order.
 struct Refusals {
-   using Key = std::variant< NatProgrammerStaticKey, NatProgrammerTwiceKey, NatProgrammerDynamicKey >;
-
    void countRangeError( std::string const & rule, Vexa::RangeException const & error ) {
       ++rangeErrors;
       TRACE( traceHandle(), 2, "range error, rule: ", rule, ", error: ", error.what() );
@@ -29,8 +27,22 @@ struct Refusals {
    }
 
    U64 rangeErrors = 0;
-   U64 refused = 0;                // numbers them
-   std::map< U64, Key > poolKeys;  // what the NAT id pool refused, by number
+   // Whether the pool cannot hold the rule now. Asked for only where ids are so few that it may be so.
+   template< class Key, class EntryPtr > bool lacksIds( Key const & key, EntryPtr const & entry ) const {
+      return demand && waiting.freeIds() < NatIdDemand::most && waiting.lacks( demand->matchKeysOf( key, entry ) );
+   }
+   template< class Key, class EntryPtr > void wait( U64 number, Key const & key, EntryPtr const & entry ) {
+      if ( demand ) {
+         auto const matchKeys = demand->matchKeysOf( key, entry );
+         waiting.add( number, key, &matchKeys );
+      } else {
+         waiting.add( number, key, nullptr );
+      }
+   }
+
+   U64 refused = 0;                              // numbers them
+   WaitingRules waiting;                         // what the NAT id pool refused, by number
+   std::shared_ptr< NatIdDemand const > demand;  // null: unknown
 };
 
 // `Rule` gives Key, Entry, two hash constants, what is configured, the operations (add, update, del), and of the status
@@ -169,7 +181,7 @@ template< class Rule > class RuleMemory {
       if ( !number ) {
          return false;
       }
-      refusals_.poolKeys.erase( *number );
+      refusals_.waiting.del( *number );
       refused_.del( key );
       return true;
    }
@@ -199,9 +211,16 @@ template< class Rule > class RuleMemory {
       }
    }
 
-   // Hands over an entry that is remembered already.
+   // Hands over an entry that is remembered already. An add that the id pool cannot hold is refused without being
+   // tried: what it took by then would be out of the pool, and on disk, until its undo has settled.
    void run( Operation operation, Key const & key, EntryPtr const & entry ) {
       try {
+         if ( operation == &Rule::add && programmer_.programmerMode() == Mode::tables &&
+              refusals_.lacksIds( key, entry ) ) {
+            TRACE( Refusals::traceHandle(), 2, "not tried for want of NAT ids, rule: ", Vexa::stringOf( key ) );
+            mark( key, entry, true );
+            return;
+         }
          operation( programmer_, key, entry );
       } catch ( Vexa::RangeException const & error ) {
          refusals_.countRangeError( Vexa::stringOf( key ), error );
@@ -221,19 +240,24 @@ template< class Rule > class RuleMemory {
       }
    }
 
-   // Undoes what a raised add or update left, and marks the key: from here on its status says failed.
+   // Undoes what a raised add or update left, and marks the key.
    void refuse( Key const & key, EntryPtr const & entry, Vexa::RangeException const & error ) {
       try {
          Rule::del( programmer_, key, entry );
       } catch ( Vexa::RangeException const & ) {
          // Raised for the same reason; there is nothing to undo from there on.
       }
+      mark( key, entry, error.what() == std::string_view( NatId::rangeError ) );
+   }
+
+   // From here on the status says failed.
+   void mark( Key const & key, EntryPtr const & entry, bool byPool ) {
       remembered_.del( key );
       mayBeStale( key );
       auto const number = ++refusals_.refused;
       refused_.is( key, number );
-      if ( error.what() == std::string_view( NatId::rangeError ) ) {
-         refusals_.poolKeys.emplace( number, key );
+      if ( byPool ) {
+         refusals_.wait( number, key, entry );
       }
       Rule::statusIs( programmer_, key, { PfeHelper::NatHwResult::failed, entry } );
    }

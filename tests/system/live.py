@@ -172,6 +172,17 @@ def check_id_pool(file):
     facts, _ = agrees("ids came free", serving, 32760)
     same("none is refused", facts["refused"], 0)
     serving.end()
+    conntrack("-F")
+    serving = Serving(file, *FOLLOW, "--connections-per-host", 3, state="limited")
+    for number in (0, 1, 2, 3, 4, 50000):
+        creator.udp(number)
+    facts, reasons, _ = followed(serving)
+    same("three of one host, and of the other", (facts["learned"], reasons["beyond the limit of learned connections of its inside host"]["passedOver"]),
+         (4, 2))
+    creator.udp(4, query=2)
+    creator.udp(1, query=2)
+    same("the next one comes", {c[2] for c in followed(serving)[2]}, {f"10.1.0.1:{10000 + n}" for n in (0, 2, 3)} | {"10.1.0.2:10000"})
+    serving.end()
 
 
 def check_end(serving):

@@ -323,6 +323,26 @@ TEST_F( Replay, GoesThroughStaticTwiceDynamicTrapsAndProfilesThenReconcilesThenR
    configure( ruleOf< StaticRule >( 1, 1 ) );  // nobody is told
 }
 
+// A rule asks for the ids of its key's number and of the thousandfold.
+struct KeyAndThousandfold final : Pfe::NatIdDemand {
+   static Pfe::NatMatchKey keyOf( U32 number ) { return Pfe::StaticNatMatchKey{ .vrfId = number }; }
+   MatchKeys matchKeysOf( Pfe::NatProgrammerStaticKey const & key,
+                          Pfe::NatProgrammerStaticEntry::PtrConst const & ) const override {
+      MatchKeys keys;
+      keys.push( keyOf( key.key.ip.value() ) );
+      keys.push( keyOf( key.key.ip.value() * 1000 ) );
+      return keys;
+   }
+   MatchKeys matchKeysOf( Pfe::NatProgrammerTwiceKey const &,
+                          Pfe::NatProgrammerTwiceEntry::PtrConst const & ) const override {
+      return {};
+   }
+   MatchKeys matchKeysOf( Pfe::NatProgrammerDynamicKey const &,
+                          Pfe::NatProgrammerDynamicEntry::PtrConst const & ) const override {
+      return {};
+   }
+};
+
 TEST_F( Replay, RetriesKeepOneOrderForAllKindsAndStopWhileNoIdIsFree ) {
    sm->raises = { { "add 1 1", 1 }, { "add 2 2", 1 }, { "add 3 3", 1 } };
    configure( ruleOf< DynamicRule >( 3, 3 ) );
@@ -339,6 +359,26 @@ TEST_F( Replay, RetriesKeepOneOrderForAllKindsAndStopWhileNoIdIsFree ) {
    pool->matchKeyToNatIdDel( Pfe::StaticNatMatchKey{ .vrfId = 1 } );
    EXPECT_EQ( sm->retryRefused(), 3U );
    EXPECT_THAT( sm->calls, ElementsAre( "add 3 3", "add 1 1", "add 2 2" ) );
+
+   // One id is free: who needs two waits, who needs none that has no id yet does not. What comes or goes counts at
+   // once.
+   sm->natIdDemandIs( std::make_shared< KeyAndThousandfold >() );
+   sm->calls.clear();
+   configure( 70'000, 1 );
+   configure( 2, 9, 5 );
+   EXPECT_THAT( sm->calls, ElementsAre( "add 2 9" ) );
+   EXPECT_EQ( sm->refusedCount(), 1U );
+   EXPECT_EQ( sm->retryRefused(), 0U );
+   pool->matchKeyToNatIdDel( Pfe::StaticNatMatchKey{ .vrfId = 7 } );
+   pool->matchKeyToNatIdDel( Pfe::StaticNatMatchKey{ .vrfId = 8 } );
+   pool->matchKeyToNatIdIs( KeyAndThousandfold::keyOf( 70'001 ), Pfe::NatId( 7 ) );
+   pool->matchKeyToNatIdIs( KeyAndThousandfold::keyOf( 70'002 ), Pfe::NatId( 8 ) );
+   EXPECT_EQ( sm->retryRefused(), 0U );
+   pool->matchKeyToNatIdIs( KeyAndThousandfold::keyOf( 70'000 ), Pfe::NatId( 1 ) );
+   pool->matchKeyToNatIdDel( KeyAndThousandfold::keyOf( 70'001 ) );
+   EXPECT_EQ( sm->retryRefused(), 1U );
+   EXPECT_THAT( sm->calls, ElementsAre( "add 2 9", "add 70000 1" ) );
+   sm = nullptr;
 }
 
 TEST_F( Replay, TrapsOfTheSameNameAreAddedOverAndOthersTakenBackFirstWhateverRaises ) {
