@@ -17,13 +17,13 @@ namespace Bench {
 
 namespace {
 
-class CountingHardware final : public Asic::HardwarePolicy {
+class CountingHardware final : public Asic::Chip {
  public:
    std::size_t writes = 0;
 
-   Asic::EntryState outcomeOfWrite( Request const & ) override {
-      ++writes;
-      return Asic::EntryState::settled;
+   void carryOut( std::span< Asic::ChipRequest const > requests, std::span< Asic::EntryState > outcomes ) override {
+      writes += requests.front().version != nullptr;
+      outcomes.front() = Asic::EntryState::settled;
    }
 };
 

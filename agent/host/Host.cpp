@@ -24,7 +24,7 @@ class Host::L4Detection final : public Pfe::DynamicNatProgrammerHelper {
    std::bitset< 256 > detected;
 };
 
-Host::Host( Configuration configuration, std::shared_ptr< Asic::HardwarePolicy > policy, NatIdStore * store )
+Host::Host( Configuration configuration, std::shared_ptr< Asic::Chip > chip, NatIdStore * store )
    : configuration_( std::move( configuration ) ),
      store_( store ),
      hardware_( Orla::make< Asic::Hardware >() ),
@@ -36,7 +36,7 @@ Host::Host( Configuration configuration, std::shared_ptr< Asic::HardwarePolicy >
      needs_( std::make_shared< NatIdNeeds >( replications_ ) ),
      detection_( Orla::make< L4Detection >() ),
      profiles_( Orla::make< Pfe::NatVlanProfileConfig >() ) {
-   hardware_->policyIs( std::move( policy ) );
+   hardware_->chipIs( std::move( chip ) );
    if ( store_ ) {
       store_->natIdInfoIs( natIdInfo_ );
    }

@@ -29,7 +29,7 @@ namespace Agent {
 class Host {
  public:
    // `store` may be null: the NAT ids last as long as the host. Else it must outlive the host.
-   Host( Configuration configuration, std::shared_ptr< Asic::HardwarePolicy > policy, NatIdStore * store );
+   Host( Configuration configuration, std::shared_ptr< Asic::Chip > chip, NatIdStore * store );
    // Drops the tables; the NAT ids stay in the store.
    ~Host();
    Host( Host const & ) = delete;

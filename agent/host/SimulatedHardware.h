@@ -1,15 +1,17 @@
-// How the simulated forwarding chip behaves.
+// A forwarding chip that forwards nothing: it takes rows, or does not, as told.
 #pragma once
 
-#include <Asic/Hardware.h>
+#include <Asic/Chip.h>
+#include <Asic/SwTableBase.h>
 #include <Vexa/Types.h>
 
+#include <algorithm>
 #include <optional>
 
 namespace Agent {
 
 // Without settings it takes everything at once.
-class SimulatedHardware final : public Asic::HardwarePolicy {
+class SimulatedHardware final : public Asic::Chip {
  public:
    struct Settings {
       U64 failEvery = 0;              // every so-manieth write fails; 0: none
@@ -19,9 +21,18 @@ class SimulatedHardware final : public Asic::HardwarePolicy {
 
    explicit SimulatedHardware( Settings settings ) : settings_( settings ) {}
 
-   bool isReady( Request const & request ) override { return request.turnsWaited >= settings_.delay; }
+   bool isReady( Asic::ChipRequest const & request ) override { return request.turnsWaited >= settings_.delay; }
 
-   Asic::EntryState outcomeOfWrite( Request const & request ) override {
+   void carryOut( std::span< Asic::ChipRequest const > requests, std::span< Asic::EntryState > outcomes ) override {
+      std::ranges::transform( requests, outcomes.begin(),
+                              [ & ]( Asic::ChipRequest const & request ) { return outcomeOf( request ); } );
+   }
+
+ private:
+   Asic::EntryState outcomeOf( Asic::ChipRequest const & request ) {
+      if ( !request.version ) {
+         return Asic::EntryState::settled;
+      }
       ++writes_;
       if ( settings_.failEvery != 0 && writes_ % settings_.failEvery == 0 ) {
          return Asic::EntryState::failed;
@@ -30,7 +41,6 @@ class SimulatedHardware final : public Asic::HardwarePolicy {
       return request.addsRow && isFull ? Asic::EntryState::full : Asic::EntryState::settled;
    }
 
- private:
    Settings settings_;
    U64 writes_ = 0;
 };

@@ -43,12 +43,12 @@ struct ReferringEntry : EntryBase {
       return all;
    }
 
-   // Whether the entry holds that handle; null asks for any.
-   bool refersTo( EntryHandle const * wanted ) const {
-      bool found = fragHdl && ( !wanted || fragHdl.ptr() == wanted );
-      egrHdl.forEach(
-         [ & ]( EntryHandle::PtrConst const & handle, bool ) { found = found || !wanted || handle.ptr() == wanted; } );
-      return found;
+   // Calls function( handle ) for each handle that the entry holds.
+   template< class Function > void forEachHandle( Function && function ) const {
+      egrHdl.forEach( [ & ]( EntryHandle::PtrConst const & handle, bool ) { function( *handle ); } );
+      if ( fragHdl ) {
+         function( *fragHdl );
+      }
    }
 
    HandleList egrHdl;

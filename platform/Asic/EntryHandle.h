@@ -10,6 +10,8 @@
 
 namespace [[gnu::visibility( "default" )]] Asic {
 
+class Row;
+
 class EntryHandle {
  public:
    using PtrConst = Orla::Ptr< EntryHandle const >;
@@ -21,6 +23,9 @@ class EntryHandle {
 
    // Whether the hardware holds a version of the row now.
    virtual bool heldByHardware() const = 0;
+
+   // The row that it stands for; null when it stands for none.
+   virtual Row const * row() const { return nullptr; }
 
    // The row's key, for people.
    virtual void describe( std::ostream & out ) const = 0;
@@ -37,8 +42,11 @@ class EntryHandle {
    virtual ~EntryHandle() = default;
    virtual void lastUserGone() const = 0;
 
+   friend class SettleOrder;
+
    mutable U32 users_ = 0;
    EntryState state_ = EntryState::none;
+   mutable U8 step_ = 0;  // SettleOrder's own
 };
 
 // The egress handles of an ingress entry, in order. One whose failure counts, the common case, is held inside.

@@ -1,59 +1,40 @@
-// The hardware below the software tables: what has been asked of it and is not settled yet, and how it behaves.
+// What has been asked of a forwarding chip and is not settled yet.
 #pragma once
 
+#include <Asic/Chip.h>
+#include <Asic/OperationQueue.h>
 #include <Asic/SwTableBase.h>
 
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace [[gnu::visibility( "default" )]] Asic {
 
-// Decides when and how operations settle. The default accepts everything, in request order, at the next settle.
-class HardwarePolicy {
- public:
-   // A write or removal whose turn has come.
-   struct Request {
-      SwTableBase const & table;
-      EntryHandle const & row;
-      bool addsRow;     // the hardware holds no version of the row yet
-      U32 turnsWaited;  // settles since it was asked for
-   };
-
-   virtual ~HardwarePolicy() = default;
-
-   virtual bool isReady( Request const & ) { return true; }
-   // settled, failed or full.
-   virtual EntryState outcomeOfWrite( Request const & ) { return EntryState::settled; }
-   virtual bool refusesRemoval( Request const & ) { return false; }
-   // A policy that reorders is asked which of the `count` operations that may settle now is the next.
-   virtual bool reorders() const { return false; }
-   virtual std::size_t choose( std::size_t /* count */ ) { return 0; }
-   // Whether every operation reports, an overtaken one too, and pending before its outcome.
-   virtual bool reportsEverything() const { return false; }
-};
-
 // The outstanding operations of all tables of one chip.
 //
-// Operations of a row settle in the order in which they were asked for, and never before an older one of a row that
-// theirs refers to. All of them reach the hardware; only the newest of a row reports. Nothing settles but inside
-// settle() and settleNext(); a response may ask for more, and may drop the last reference to anything.
+// Operations settle in the order in which they were asked for, unless the chip chooses another one or takes several at
+// once; SettleOrder tells what is kept then. All of them reach the hardware; only the newest of a row reports. Nothing
+// settles but inside settle() and settleNext(); a response may ask for more, and may drop the last reference to
+// anything.
 class Hardware : public Orla::Entity {
  public:
    using Ptr = Orla::Ptr< Hardware >;
 
    Hardware() = default;
 
-   // Null restores the default.
-   void policyIs( std::shared_ptr< HardwarePolicy > policy ) { policy_ = std::move( policy ); }
+   // Null, as at first: everything settles, in request order, at the next settle.
+   void chipIs( std::shared_ptr< Chip > chip ) { chip_ = std::move( chip ); }
+   std::shared_ptr< Chip > const & chip() const { return chip_; }
 
    // One turn: tries refused removals again, then settles until nothing else is ready, what responses asked for
    // included.
    void settle();
 
-   // Settles the operation that is next in request order, by hand. A removal takes settled as done, all else as
-   // refused.
+   // Settles the operation that is next in request order, by hand; the chip is not asked. A removal takes settled as
+   // done, all else as refused.
    void settleNext( EntryState outcome );
 
    // Operations not settled yet, and removals that the hardware refused.
@@ -73,21 +54,36 @@ class Hardware : public Orla::Entity {
 
    using Position = OperationQueue::Position;
 
-   void queue( Row & row, Version * version, Operation::Kind kind );
+   void queue( Row & row, Version * version, Operation::Kind kind ) {
+      Row::hold( version );
+      ++row.outstanding;
+      row.lastOperation =
+         static_cast< U32 >( queue_.push( { .row = &row, .version = version, .turn = turn_, .kind = kind } ) );
+   }
    // Hands the versions of the operations over.
    void dropOperationsWithoutTable( std::vector< HeldVersion > & versions );
+
    void settleOperation( Position position, EntryState outcome );
+   void settleInBatches( std::size_t limit );
+   // The oldest operations that are ready, at `most` so many, in batches: those of one are of one kind and may settle
+   // together, after those of the batches before. False when none is ready.
+   bool sortIntoBatches( std::vector< std::vector< Position > > & batches, std::size_t most ) const;
+   void settleTogether( std::span< Position const > positions );
+
+   ChipRequest requestOf( Operation const & operation ) const;
+   bool isReady( Operation const & operation ) const { return !chip_ || chip_->isReady( requestOf( operation ) ); }
    EntryState outcomeOf( Operation const & operation ) const;
-   HardwarePolicy::Request requestOf( Operation const & operation ) const;
+   // The one that settles next; none when none is ready.
    std::optional< Position > nextReady() const;
-   std::optional< Position > nextReadyOf( HardwarePolicy & policy ) const;
-   bool maySettle( Position position ) const;
+   std::optional< Position > chosenByChip() const;
+
    void tryRefusedRemovalsAgain();
    // Ends the row's refusal and returns the version whose removal was refused, for the caller to let go; null when
    // there is none.
-   Version * takeRefusal( Row & row );
+   Version * takeRefusal( Row & row ) { return row.removalRefused ? takeRefusalOf( row ) : nullptr; }
+   Version * takeRefusalOf( Row & row );
 
-   std::shared_ptr< HardwarePolicy > policy_;
+   std::shared_ptr< Chip > chip_;
    std::vector< SwTableBase * > tables_;
    // What removals that are tried again at the next settle removed, by the number of the refused one, which is its
    // row's newest operation.

@@ -57,6 +57,11 @@ class OperationQueue {
 
    Operation const & operator[]( Position position ) const { return slots_[ position & ( slots_.size() - 1 ) ]; }
 
+   // Whether the operation is outstanding.
+   bool holds( Position position ) const {
+      return begin_ <= position && position < end_ && !slots_.empty() && ( *this )[ position ].row;
+   }
+
    U32 nextNumber() const { return static_cast< U32 >( end_ ); }
 
    // The oldest outstanding operation; the queue must not be empty.

@@ -72,6 +72,12 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
       return row && row->inHardware ? &row->entryOf( *row->inHardware ) : nullptr;
    }
 
+   // Key and entry of a row, or a version, of a table of this type: what a chip is given.
+   static Key const & keyOf( Row const & row ) { return static_cast< TypedRow const & >( row ).key; }
+   static Entry const & entryOf( Version const & version ) {
+      return static_cast< TypedVersion const & >( version ).entry;
+   }
+
    std::size_t failedRowCount() const override {
       std::size_t failed = 0;
       for ( auto const * const row : rows_ ) {
@@ -86,10 +92,8 @@ template< class Traits > class [[gnu::visibility( "default" )]] SwTable final : 
       abandon( rows );
    }
 
-   Vexa::TypeData const & typeData() const override {
-      static constexpr Vexa::TypeData type{ .name = Traits::typeName };
-      return type;
-   }
+   static constexpr Vexa::TypeData type{ .name = Traits::typeName };
+   Vexa::TypeData const & typeData() const override { return type; }
 
  private:
    struct TypedVersion final : Version, Vexa::Pooled< TypedVersion > {

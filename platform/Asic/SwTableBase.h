@@ -9,6 +9,7 @@
 #include <Vexa/Types.h>
 
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace [[gnu::visibility( "default" )]] Asic {
@@ -28,6 +29,19 @@ struct Version {
 class Row : public EntryHandle {
  public:
    bool heldByHardware() const override { return inHardware != nullptr; }
+   Row const * row() const override { return this; }
+
+   // One reason more, or less, for a version of this row. Null: nothing.
+   static void hold( Version * version ) {
+      if ( version ) {
+         ++version->reasons;
+      }
+   }
+   void letGo( Version * version ) const {
+      if ( version && --version->reasons == 0 ) {
+         free( version );
+      }
+   }
 
    // Of a version of this row.
    virtual EntryBase & entryOf( Version & version ) const = 0;
@@ -104,8 +118,16 @@ class SwTableBase : public Orla::Entity {
    // Queues the removal of a row; `refused`, if not null, is let go and reports it in place of the visible version.
    void removeReportedBy( Row & row, Version * refused );
    // Changes what look-ups see of the row, or what the hardware holds; returns what was there before, with its reason.
-   Version * newestIs( Row & row, Version * version );
-   Version * inHardwareIs( Row & row, Version * version );
+   Version * newestIs( Row & row, Version * version ) {
+      rowCount_ += ( version != nullptr ) - ( row.newest != nullptr );
+      Row::hold( version );
+      return std::exchange( row.newest, version );
+   }
+   Version * inHardwareIs( Row & row, Version * version ) {
+      hardwareRowCount_ += ( version != nullptr ) - ( row.inHardware != nullptr );
+      Row::hold( version );
+      return std::exchange( row.inHardware, version );
+   }
 
    friend class Hardware;
    friend class Row;

@@ -103,6 +103,7 @@ void faults( World & world, Choices & choices ) {
    hardware.refuseEvery = choices.of( { 0u, 0u, 1u, 2u, 3u } );
    hardware.capacity = choices.of< std::size_t >( { 1'000, 1'000, 2, 5, 9 } );
    hardware.delay = choices.of< U64 >( { 0, 0, 1, 3 } );
+   hardware.batch = choices.of< std::size_t >( { 1, 2, 5, 100 } );
    hardware.order.reset();
    if ( choices.oneIn( 2 ) ) {
       hardware.order.emplace( choices.below( 1'000 ) );

@@ -298,6 +298,9 @@ bool World::collides( AnyRule const & rule ) const {
 // --- Checks ----------------------------------------------------------------------------------------------------------
 
 void World::check() {
+   if ( surroundings_.chip->wrongCalls != 0 ) {
+      fault( "the chip was given at once what must come one after the other" );
+   }
    if ( surroundings_.chip->talkative ) {
       faults_.clear();
       if ( running_->tables.hardware->outstanding() == 0 ) {

@@ -113,7 +113,7 @@ Lines Tables::text() const {
 
 Programmer::Programmer( Surroundings surroundings, Make const & make ) : Surroundings( std::move( surroundings ) ) {
    sm = make ? make( *this, status ) : Pfe::natSwTableProgrammerSmFactory( config, status, capabilities, natIdInfo );
-   tables.hardware->policyIs( chip );
+   tables.hardware->chipIs( chip );
    tables.attachTo( *sm );
    sm->aclNameIdTableIs( acls );
    sm->natTrapConfigIs( traps );

@@ -1,8 +1,7 @@
 // Wherever the agent is killed, what is in the hardware then has its NAT id in the store.
 #include "agent/host/Host.h"
 
-#include <tests/support/ScriptedHardware.h>
-
+#include <Pfe/NatTable.h>
 #include <Vexa/Value.h>
 
 #include <gtest/gtest.h>
@@ -11,7 +10,6 @@
 
 #include <filesystem>
 #include <map>
-#include <regex>
 
 #include <unistd.h>
 
@@ -47,54 +45,43 @@ KeyById storedIn( fs::path const & folder ) {
 }
 
 // Compares the rewrites that it holds with the store at each operation.
-class ComparingHardware final : public Asic::HardwarePolicy {
+class ComparingHardware final : public Asic::Chip {
  public:
    explicit ComparingHardware( fs::path folder ) : folder_( std::move( folder ) ) {}
 
    Agent::Host const * host = nullptr;
    unsigned compared = 0;
 
-   Asic::EntryState outcomeOfWrite( Request const & request ) override {
-      if ( auto const id = idOf( request ) ) {
-         host->natIdInfo().matchKeyToNatId().forEach( [ & ]( auto const & key, Pfe::NatId own ) {
-            if ( own == *id ) {
-               held_[ nameOf( request ) ] = { *id, Vexa::stringOf( key ) };
-            }
-         } );
-      }
+   void carryOut( std::span< Asic::ChipRequest const > requests, std::span< Asic::EntryState > outcomes ) override {
+      auto const & request = requests.front();
+      Pfe::visitNatTable( request.table, [ & ]< class Table >( Table const & ) {
+         auto const & rowKey = Table::keyOf( request.row );
+         if constexpr ( requires { rowKey.natId; } ) {
+            held_.erase( &request.row );
+            host->natIdInfo().matchKeyToNatId().forEach( [ & ]( auto const & key, Pfe::NatId own ) {
+               if ( request.version && own == rowKey.natId ) {
+                  held_[ &request.row ] = { own.value(), Vexa::stringOf( key ) };
+               }
+            } );
+         }
+      } );
       compare();
-      return Asic::EntryState::settled;
-   }
-   bool refusesRemoval( Request const & request ) override {
-      held_.erase( nameOf( request ) );
-      compare();
-      return false;
+      outcomes.front() = Asic::EntryState::settled;
    }
 
  private:
-   static std::string nameOf( Request const & request ) {
-      return Support::ScriptedHardware::nameOf( request.table, request.row );
-   }
-   static std::optional< U64 > idOf( Request const & request ) {
-      auto const name = nameOf( request );
-      std::smatch match;
-      bool const isRewrite =
-         name.starts_with( "egr" ) && std::regex_search( name, match, std::regex( "natId=(\\d+)" ) );
-      return isRewrite ? std::optional( std::stoull( match[ 1 ] ) ) : std::nullopt;
-   }
-
    void compare() {
       auto const stored = storedIn( folder_ );
       for ( auto const & [ row, own ] : held_ ) {
          auto const found = stored.find( own.first );
          EXPECT_TRUE( found != stored.end() && found->second == own.second )
-            << row << ", killed at operation " << compared;
+            << own.second << ", killed at operation " << compared;
       }
       ++compared;
    }
 
    fs::path folder_;
-   std::map< std::string, std::pair< U64, std::string > > held_;
+   std::map< Asic::Row const *, std::pair< U64, std::string > > held_;
 };
 
 TEST( Host, WhereverItIsKilledEveryRewriteInTheHardwareHasItsIdInTheStore ) {

@@ -20,7 +20,7 @@ using Support::Random;
 
 class RealWorld final : public World {
  public:
-   RealWorld() { hardware_->policyIs( std::make_shared< Chip >( *this ) ); }
+   RealWorld() { hardware_->chipIs( std::make_shared< Chip >( *this ) ); }
    ~RealWorld() override {
       matches_->clear();
       rewrites_->clear();
@@ -70,22 +70,27 @@ class RealWorld final : public World {
  private:
    using Handle = Asic::EntryHandle::PtrConst;
 
-   struct Chip final : Asic::HardwarePolicy {
+   struct Chip final : Asic::Chip {
       explicit Chip( RealWorld & w ) : world( w ) {}
-      bool isReady( Request const & request ) override {
+      bool isReady( Asic::ChipRequest const & request ) override {
          return request.turnsWaited >= world.plan.delay[ tableOf( request ) ];
       }
-      EntryState outcomeOfWrite( Request const & request ) override {
-         return world.outcomeOfWrite( tableOf( request ), keyOf( request.row ) );
+      void carryOut( std::span< Asic::ChipRequest const > requests, std::span< EntryState > outcomes ) override {
+         RC_ASSERT( requests.size() <= world.plan.batch );
+         std::ranges::transform( requests, outcomes.begin(), [ & ]( Asic::ChipRequest const & request ) {
+            auto const table = tableOf( request );
+            return request.version ? world.outcomeOfWrite( table, keyOf( request.row ) )
+                                   : world.outcomeOfRemoval( table, keyOf( request.row ) );
+         } );
       }
-      bool refusesRemoval( Request const & request ) override {
-         return world.refusesRemoval( tableOf( request ), keyOf( request.row ) );
-      }
+      std::size_t batchLimit() const override { return world.plan.batch; }
       bool reorders() const override { return world.plan.reorders; }
       std::size_t choose( std::size_t count ) override {
          return world.choices.emplace_back( random() % count, count ).first;
       }
-      static Table tableOf( Request const & request ) { return request.table.name() == "match" ? match : rewrite; }
+      static Table tableOf( Asic::ChipRequest const & request ) {
+         return request.table.name() == "match" ? match : rewrite;
+      }
 
       RealWorld & world;
       Random random{ 1 };
@@ -178,7 +183,8 @@ class Player {
                            .failures = sometimes( 5 ),
                            .refusals = sometimes( 7 ),
                            .delay = { sometimes( 3 ), sometimes( 3 ) },
-                           .reorders = random() % 2 == 0 };
+                           .reorders = random() % 2 == 0,
+                           .batch = 1 + sometimes( 4 ) };
       model_.whenRewriteWasRemoved = [ this ]( U32 key ) { return real_.whenRewriteWasRemoved( key ); };
       both( [ & ]( World & world ) { world.plan = plan; } );
    }

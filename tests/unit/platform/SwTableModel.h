@@ -51,6 +51,7 @@ struct ChipPlan {
    U32 refusals = 0;  // of 8 removals
    std::array< U64, 2 > delay{};
    bool reorders = false;
+   std::size_t batch = 1;  // requests in a call, unless it reorders
 };
 
 // What can be seen of a world.
@@ -88,7 +89,9 @@ class World {
       auto const number = dice( table, key );
       return number % 8 >= plan.failures ? EntryState::settled : number & 0x100 ? EntryState::failed : EntryState::full;
    }
-   bool refusesRemoval( Table table, U32 key ) { return dice( table + 2, key ) % 8 < plan.refusals; }
+   EntryState outcomeOfRemoval( Table table, U32 key ) {
+      return dice( table + 2, key ) % 8 < plan.refusals ? EntryState::failed : EntryState::settled;
+   }
 
    void respond( RowWrite const & wanted, EntryState state ) {
       told_.emplace_back( wanted.id, state );
@@ -158,15 +161,12 @@ class ModelWorld final : public World {
       for ( auto const & row : std::vector( refused_ ) ) {
          remove( row );
       }
-      while ( auto const operation = nextReady() ) {
-         auto const & row = *operation->row;
-         auto outcome = EntryState::settled;
-         if ( !operation->removes ) {
-            outcome = isSendable( *operation->version ) ? outcomeOfWrite( row.table, row.key ) : EntryState::failed;
-         } else if ( row.inHardware && refusesRemoval( row.table, row.key ) ) {
-            outcome = EntryState::failed;
+      if ( plan.batch > 1 && !plan.reorders ) {
+         while ( settleBatches() ) {
          }
-         settle( operation, outcome );
+      }
+      while ( auto const operation = nextReady() ) {
+         settle( operation, outcomeOf( *operation ) );
       }
    }
 
@@ -368,17 +368,63 @@ class ModelWorld final : public World {
       queue( row, reporter, true );
    }
 
+   bool isReady( Operation const & operation ) const {
+      return turn_ - operation.turn >= plan.delay[ operation.row->table ];
+   }
+   bool mustWait( Operation const & operation, Operation const & older ) const {
+      return older.row == operation.row ||
+             ( operation.removes ? isHeld( operation.row ) : refers( operation.version, older.row ) );
+   }
+   EntryState outcomeOf( Operation const & operation ) {
+      auto const & row = *operation.row;
+      if ( operation.removes ) {
+         return row.inHardware ? outcomeOfRemoval( row.table, row.key ) : EntryState::settled;
+      }
+      return isSendable( *operation.version ) ? outcomeOfWrite( row.table, row.key ) : EntryState::failed;
+   }
+
+   // By the longest way back over operations that must wait for each other; of these the removals first.
+   bool settleBatches() {
+      std::vector< std::pair< OperationPtr, unsigned > > placed;
+      std::map< std::pair< unsigned, bool >, std::vector< OperationPtr > > batches;
+      for ( auto const & operation : queue_ ) {
+         if ( placed.size() == 4 * plan.batch || !isReady( *operation ) ) {
+            break;
+         }
+         unsigned step = 0;
+         for ( auto const & [ older, its ] : placed ) {
+            step = mustWait( *operation, *older ) ? std::max( step, its + 1 ) : step;
+         }
+         placed.emplace_back( operation, step );
+         batches[ { step, !operation->removes } ].push_back( operation );
+      }
+      for ( auto const & [ place, batch ] : batches ) {
+         for ( std::size_t begin = 0; begin < batch.size(); begin += plan.batch ) {
+            std::vector< std::pair< OperationPtr, EntryState > > together;
+            for ( auto i = begin; i < std::min( begin + plan.batch, batch.size() ); ++i ) {
+               if ( std::ranges::find( queue_, batch[ i ] ) != queue_.end() ) {
+                  together.emplace_back( batch[ i ], outcomeOf( *batch[ i ] ) );
+               }
+            }
+            for ( auto const & [ operation, outcome ] : together ) {
+               if ( std::ranges::find( queue_, operation ) != queue_.end() ) {
+                  settle( operation, outcome );
+               }
+            }
+         }
+      }
+      return !placed.empty();
+   }
+
    OperationPtr nextReady() {
       std::vector< OperationPtr > ready;
       for ( auto i = queue_.begin(); i != queue_.end(); ++i ) {
          auto const & operation = *i;
-         bool const isReady = turn_ - operation->turn >= plan.delay[ operation->row->table ];
          if ( !plan.reorders ) {
-            return isReady ? operation : nullptr;
+            return isReady( *operation ) ? operation : nullptr;
          }
-         if ( isReady && std::none_of( queue_.begin(), i, [ & ]( OperationPtr const & older ) {
-                 return older->row == operation->row ||
-                        ( !operation->removes && refers( operation->version, older->row ) );
+         if ( isReady( *operation ) && std::none_of( queue_.begin(), i, [ & ]( OperationPtr const & older ) {
+                 return mustWait( *operation, *older );
               } ) ) {
             ready.push_back( operation );
          }

@@ -24,7 +24,7 @@ using testing::IsEmpty;
 class SwTable : public testing::Test {
  protected:
    SwTable() {
-      hardware->policyIs( chip );
+      hardware->chipIs( chip );
       chip->log.emplace();
    }
    ~SwTable() override { matches->clear(); }
@@ -105,24 +105,29 @@ TEST_F( SwTable, ClearGivesUpRowsThatReferToRowsOfTheSameTable ) {
 
 // The last reference to everything goes in a response, and another one with the table's last response.
 TEST( SwTableEnd, AResponseMayDropTheLastReferenceToItsTableAndTheHardware ) {
-   auto hardware = Orla::make< Asic::Hardware >();
-   auto table = Orla::make< Support::MatchTable >( hardware );
-   std::size_t tablesDuringTheResponse = 0;
-   auto const watched = std::make_shared< int >();
-   for ( U32 row = 0; row < 3; ++row ) {
-      Match entry;
-      entry.writeResponse = [ &, watched ]( EntryState ) {
-         ++*watched;
-         table = nullptr;
-         tablesDuringTheResponse = hardware->tables().size();
-         hardware = nullptr;
-      };
-      table->entryCommit( RowNumber( row ), std::move( entry ) );
+   for ( std::size_t const batch : { 1, 3 } ) {
+      auto hardware = Orla::make< Asic::Hardware >();
+      auto const chip = std::make_shared< Support::ScriptedHardware >();
+      chip->batch = batch;
+      hardware->chipIs( chip );
+      auto table = Orla::make< Support::MatchTable >( hardware );
+      std::size_t tablesDuringTheResponse = 0;
+      auto const watched = std::make_shared< int >();
+      for ( U32 row = 0; row < 3; ++row ) {
+         Match entry;
+         entry.writeResponse = [ &, watched ]( EntryState ) {
+            ++*watched;
+            table = nullptr;
+            tablesDuringTheResponse = hardware->tables().size();
+            hardware = nullptr;
+         };
+         table->entryCommit( RowNumber( row ), std::move( entry ) );
+      }
+      hardware->settle();
+      EXPECT_EQ( *watched, 1 );  // the queue dropped the others
+      EXPECT_EQ( tablesDuringTheResponse, 1U );
+      EXPECT_EQ( watched.use_count(), 1 );
    }
-   hardware->settle();
-   EXPECT_EQ( *watched, 1 );  // the queue dropped the others
-   EXPECT_EQ( tablesDuringTheResponse, 1U );
-   EXPECT_EQ( watched.use_count(), 1 );
 }
 
 // The cycle programmer, table, row, response, programmer is broken by clear(), which then destroys the table itself.

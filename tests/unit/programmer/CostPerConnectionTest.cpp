@@ -35,15 +35,11 @@ using Support::AnyRule;
 
 constexpr U64 steps = 100;
 
-class CountingHardware final : public Asic::HardwarePolicy {
+class CountingHardware final : public Asic::Chip {
  public:
-   Asic::EntryState outcomeOfWrite( Request const & ) override {
-      ++cost.requests;
-      return Asic::EntryState::settled;
-   }
-   bool refusesRemoval( Request const & ) override {
-      ++cost.requests;
-      return false;
+   void carryOut( std::span< Asic::ChipRequest const > requests, std::span< Asic::EntryState > outcomes ) override {
+      cost.requests += requests.size();
+      std::ranges::fill( outcomes, Asic::EntryState::settled );
    }
 };
 
@@ -121,7 +117,7 @@ Costs costsAmong( U32 live, Pfe::NatProgrammerConfig & config, AnyRule ( *ruleOf
 
 Costs costsAmong( U32 live, Kind const & kind ) {
    Support::Programmer programmer;
-   programmer.tables.hardware->policyIs( std::make_shared< CountingHardware >() );
+   programmer.tables.hardware->chipIs( std::make_shared< CountingHardware >() );
    auto & config = *programmer.config;
    config.fragmentationEnabledIs( true );
    programmer->replay();
