@@ -15,6 +15,13 @@ endif()
 install( DIRECTORY PfeNat DESTINATION ${installed_headers} COMPONENT development FILES_MATCHING PATTERN *.h )
 install( DIRECTORY platform/ DESTINATION ${installed_headers}/platform COMPONENT development FILES_MATCHING PATTERN *.h )
 
+if( TARGET PfeChip )
+   install( TARGETS PfeChip EXPORT PfeNat
+      LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development )
+   set_target_properties( PfeChip PROPERTIES INSTALL_RPATH "$ORIGIN" )
+   install( FILES chip/EbpfChip.h DESTINATION ${installed_headers}/chip COMPONENT development )
+endif()
+
 set( package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/PfeNat )
 install( EXPORT PfeNat NAMESPACE PfeNat:: FILE PfeNatTargets.cmake DESTINATION ${package_folder} COMPONENT development )
 configure_package_config_file( cmake/PfeNatConfig.cmake.in PfeNatConfig.cmake INSTALL_DESTINATION ${package_folder} )
@@ -35,7 +42,7 @@ set( CPACK_DEB_COMPONENT_INSTALL ON )
 set( CPACK_DEBIAN_FILE_NAME DEB-DEFAULT )
 set( CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON )
 # The libraries lie in the package itself.
-set( CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/PfeNat ${PROJECT_BINARY_DIR}/platform )
+set( CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/PfeNat ${PROJECT_BINARY_DIR}/platform ${PROJECT_BINARY_DIR}/chip )
 set( CPACK_DEBIAN_RUNTIME_PACKAGE_NAME pfe-nat )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME pfe-nat-dev )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "pfe-nat (= ${PROJECT_VERSION}), libboost1.81-dev" )

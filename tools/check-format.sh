@@ -3,14 +3,14 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-folders=(platform PfeNat agent tests bench)
+folders=(platform PfeNat chip agent tests bench)
 # Tracked files; outside of a git checkout, whatever the folders hold.
 if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
    list=(git ls-files -z -- "${folders[@]}")
 else
    list=(find "${folders[@]}" -type f -print0)
 fi
-mapfile -d '' -t files < <("${list[@]}" 2>/dev/null | grep -zE '\.(h|cpp)$')
+mapfile -d '' -t files < <("${list[@]}" 2>/dev/null | grep -zE '\.(h|cpp|c)$')
 
 present=()
 for file in "${files[@]}"; do

@@ -3,7 +3,8 @@
 
 project_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-run_packages=(g++ cmake ninja-build libboost1.81-dev libcli11-dev liblmdb-dev libnetfilter-conntrack-dev)
+run_packages=(g++ cmake ninja-build libboost1.81-dev libcli11-dev liblmdb-dev libnetfilter-conntrack-dev
+   clang-16 bpftool libbpf-dev)
 test_packages=("${run_packages[@]}" clang-16 clang-format-16 doxygen libclang-rt-16-dev llvm-16
    libgtest-dev libgmock-dev librapidcheck-dev libbenchmark-dev nlohmann-json3-dev pkgconf python3 python3-jsonschema
    conntrack iproute2 nftables)

@@ -341,7 +341,7 @@ void reportSummary( Report & report, Host const & host ) {
          return result && *result == NatHwResult::programmed;
       } ) );
    if ( !host.storeFault().empty() ) {
-      report.fact( "storeFault", host.storeFault() );
+      report.fact( "storeFault", Json( host.storeFault() ) );
       report.line( "\nWhat needs new NAT ids waits: " + host.storeFault() );
    }
    auto const natIds = host.natIdInfo().matchKeyToNatId().count();

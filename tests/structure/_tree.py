@@ -3,7 +3,7 @@
 import pathlib
 import sys
 
-LAYERS = ("platform", "PfeNat", "agent")
+LAYERS = ("platform", "PfeNat", "chip", "agent")
 FOLDERS = LAYERS + ("tests", "bench")
 
 # One pair of files each, and all that a dependent may include of PfeNat/.

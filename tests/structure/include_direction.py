@@ -1,4 +1,5 @@
-"""Includes never run upward: platform/ knows nothing of PfeNat/ or agent/, PfeNat/ nothing of agent/; what lies outside
+"""Includes never run upward: platform/ knows nothing of PfeNat/, chip/ or agent/, PfeNat/ and chip/ nothing of agent/ nor
+of each other; what lies outside
 of PfeNat/ includes its faces only; the rooms of agent/ include those below them; and each layer names no library but those
 it may depend on.
 
@@ -23,17 +24,25 @@ STANDARD = set(
 )
 FLAT_CONTAINERS = re.compile(r"boost/(unordered|container_hash)/")
 # The benchmarks' floor is written with the same bare containers that the framework uses.
-BOOST = {"platform": FLAT_CONTAINERS, "bench": FLAT_CONTAINERS, "agent": re.compile(r"boost/(json/|locale/utf\.hpp)")}
+BOOST = {
+    "platform": FLAT_CONTAINERS,
+    "chip": FLAT_CONTAINERS,
+    "bench": FLAT_CONTAINERS,
+    "agent": re.compile(r"boost/(json/|locale/utf\.hpp)"),
+}
+# The chip talks to the kernel, through its headers and the C library's, and through libbpf.
+KERNEL = re.compile(r"(linux|bpf|net|sys|arpa)/\w+\.h|(fcntl|sched|unistd)\.h|EbpfPrograms\.skel\.h")
 TEST_LIBRARIES = re.compile(r"(gtest|gmock|rapidcheck|benchmark)(/|\.h)")
 
 # A layer may include itself and these.
 MAY_INCLUDE = {
     "platform": {"platform"},
     "PfeNat": {"platform", "PfeNat"},
-    "agent": {"platform", "PfeNat", "agent"},
-    "tests": {"platform", "PfeNat", "agent", "tests"},
+    "chip": {"platform", "chip"},
+    "agent": {"platform", "PfeNat", "chip", "agent"},
+    "tests": {"platform", "PfeNat", "chip", "agent", "tests"},
     # Measures the libraries; the tests' support is not compiled into it.
-    "bench": {"platform", "PfeNat", "agent", "bench"},
+    "bench": {"platform", "PfeNat", "chip", "agent", "bench"},
 }
 
 # The rooms of agent/, each may include itself and those before it. The files that stand in agent/ itself may include all.
@@ -74,9 +83,11 @@ def fault_outside(includer, name):
     if name.startswith("boost/"):
         if layer in BOOST and BOOST[layer].match(name):
             return None
-        return "of Boost only the flat containers are used, in platform/ and bench/, and JSON with UTF-8, in agent/"
+        return "of Boost only the flat containers are used, in platform/, chip/ and bench/, and JSON with UTF-8, in agent/"
     if layer in ("platform", "PfeNat") and name not in STANDARD:
         return f"neither found in the project nor a header of the standard library, which is all that {layer}/ may use"
+    if layer == "chip" and name not in STANDARD and not KERNEL.fullmatch(name):
+        return "chip/ may use the standard library, libbpf, and the headers of kernel and C library"
     if layer == "agent" and TEST_LIBRARIES.match(name):
         return "test libraries belong to tests/ and bench/"
     return None

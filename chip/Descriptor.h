@@ -1,0 +1,32 @@
+// File descriptors.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace Ebpf {
+
+// Closes its descriptor; -1: none.
+class Descriptor {
+ public:
+   explicit Descriptor( int number = -1 ) : number_( number ) {}
+   ~Descriptor() {
+      if ( number_ >= 0 ) {
+         close( number_ );
+      }
+   }
+   Descriptor( Descriptor && other ) noexcept : number_( std::exchange( other.number_, -1 ) ) {}
+   Descriptor & operator=( Descriptor && other ) noexcept {
+      std::swap( number_, other.number_ );
+      return *this;
+   }
+
+   int number() const { return number_; }
+   explicit operator bool() const { return number_ >= 0; }
+
+ private:
+   int number_;
+};
+
+}  // namespace Ebpf
