@@ -11,11 +11,11 @@ namespace {
 
 using Agent::Configuration;
 
-class Chip final : public Asic::HardwarePolicy {
+class Chip final : public Asic::Chip {
  public:
    bool fails = false;
-   Asic::EntryState outcomeOfWrite( Request const & ) override {
-      return fails ? Asic::EntryState::failed : Asic::EntryState::settled;
+   void carryOut( std::span< Asic::ChipRequest const > requests, std::span< Asic::EntryState > outcomes ) override {
+      outcomes.front() = fails && requests.front().version ? Asic::EntryState::failed : Asic::EntryState::settled;
    }
 };
 
