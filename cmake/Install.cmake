@@ -13,7 +13,19 @@ if( TARGET nat-agent )
 endif()
 
 install( DIRECTORY PfeNat DESTINATION ${installed_headers} COMPONENT development FILES_MATCHING PATTERN *.h )
-install( DIRECTORY platform/ DESTINATION ${installed_headers}/platform COMPONENT development FILES_MATCHING PATTERN *.h )
+set( replaced "" )  # a port's headers take the place of those with the same names
+if( PFENAT_PLATFORM )
+   file( GLOB_RECURSE headers RELATIVE ${PFENAT_PLATFORM} CONFIGURE_DEPENDS ${PFENAT_PLATFORM}/*.h )
+   foreach( header IN LISTS headers )
+      list( APPEND replaced REGEX /platform/${header}$ EXCLUDE )
+   endforeach()
+   install( DIRECTORY ${PFENAT_PLATFORM}/ DESTINATION ${installed_headers}/platform COMPONENT development FILES_MATCHING PATTERN *.h )
+endif()
+install( DIRECTORY platform/ DESTINATION ${installed_headers}/platform COMPONENT development
+   FILES_MATCHING PATTERN *.h ${replaced} )
+set( conformance_folder ${CMAKE_INSTALL_DATADIR}/pfe-nat/conformance )
+install( FILES tests/conformance/ConformanceTest.cpp tests/conformance/Port.h tests/conformance/ChipPort.h
+   tests/conformance/ChipPort.cpp DESTINATION ${conformance_folder} COMPONENT development )
 
 if( TARGET PfeChip )
    install( TARGETS PfeChip EXPORT PfeNat
@@ -24,7 +36,8 @@ endif()
 
 set( package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/PfeNat )
 install( EXPORT PfeNat NAMESPACE PfeNat:: FILE PfeNatTargets.cmake DESTINATION ${package_folder} COMPONENT development )
-configure_package_config_file( cmake/PfeNatConfig.cmake.in PfeNatConfig.cmake INSTALL_DESTINATION ${package_folder} )
+configure_package_config_file( cmake/PfeNatConfig.cmake.in PfeNatConfig.cmake INSTALL_DESTINATION ${package_folder}
+   PATH_VARS conformance_folder )
 write_basic_package_version_file( PfeNatConfigVersion.cmake COMPATIBILITY SameMinorVersion )
 install( FILES ${PROJECT_BINARY_DIR}/PfeNatConfig.cmake ${PROJECT_BINARY_DIR}/PfeNatConfigVersion.cmake
    DESTINATION ${package_folder} COMPONENT development )

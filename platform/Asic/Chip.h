@@ -57,7 +57,7 @@ class Chip {
    virtual bool reorders() const { return false; }
    virtual std::size_t choose( std::size_t /* count */ ) { return 0; }
 
-   // Whether every operation reports, an overtaken one too, and pending before its outcome.
+   // Whether every operation reports, one that a write overtook too, and pending before its outcome.
    virtual bool reportsEverything() const { return false; }
 
    // Every configured row has been asked for since the chip was opened, and has settled: rows that the chip held before

@@ -138,7 +138,8 @@ void Hardware::settleOperation( Position position, EntryState outcome ) {
    if ( reports ) {
       row.state_ = outcome;
    }
-   bool const reportsEverything = chip_ && chip_->reportsEverything();
+   // A report that finds the key absent is taken for that of the removal, and gives the NAT id back.
+   bool const reportsEverything = chip_ && chip_->reportsEverything() && ( reports || row.newest );
    if ( auto const & response = row.entryOf( *version ).writeResponse; response && ( reports || reportsEverything ) ) {
       table->settles( row );
       if ( reportsEverything ) {

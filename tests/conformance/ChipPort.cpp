@@ -1,6 +1,6 @@
 // The software tables of platform/ over a chip that can be told to fail.
-#include "tests/conformance/ChipPort.h"
-#include "tests/conformance/Port.h"
+#include "ChipPort.h"
+#include "Port.h"
 
 #include <Asic/Hardware.h>
 

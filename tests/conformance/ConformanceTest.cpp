@@ -1,6 +1,6 @@
 // What the system relies on its platform for, checked on that platform itself: first promise by promise, then whole
 // stories of rules. A port compiles this against its own interfaces, with a Port.cpp that lets its tables settle.
-#include "tests/conformance/Port.h"
+#include "Port.h"
 
 #include "PfeNat/PfeNatSwTableProgrammerSm.h"
 
@@ -93,12 +93,14 @@ class Tables : public testing::Test {
 
    ~Tables() override { port.statics->clear(); }
 
-   // A row that refers to `rewrite` and writes down what it hears, but not that it waits.
-   IngStaticNatEntry entry( U16 number, Asic::EntryHandle::PtrConst const & rewrite = nullptr ) {
+   // A row that refers to `rewrite` and `twin` and writes down what it hears, but not that it waits.
+   IngStaticNatEntry entry( U16 number, Asic::EntryHandle::PtrConst const & rewrite = nullptr,
+                            Asic::EntryHandle::PtrConst const & twin = nullptr ) {
       IngStaticNatEntry result;
       if ( rewrite ) {
          result.egrHandleIs( rewrite, true );
       }
+      result.fragHdl = twin;
       result.writeResponse = Asic::WriteResponseFn( [ this, number ]( EntryState state ) {
          if ( state != EntryState::pending ) {
             reports.push_back( { number, state, port.statics->entry( rowKey( number ) ) != nullptr } );
@@ -134,13 +136,18 @@ TEST_F( Tables, KeepAReferencedRowAsLongAsItsHandleAndACommittedOneUntilItsRemov
 TEST_F( Tables, SettleARowNeverBeforeTheRowsThatItRefersTo ) {
    for ( U16 number = 1; number < 50; ++number ) {
       EgrNatUcRewriteKey const key{ NatId( number ), 5 };
-      auto written = rewrite( number );
-      written.writeResponse = Asic::WriteResponseFn( [ this, number ]( EntryState state ) {
+      auto const comesFirst = Asic::WriteResponseFn( [ this, number ]( EntryState state ) {
          if ( state == EntryState::settled && port.statics->entry( rowKey( number ) ) ) {
             EXPECT_NE( port.statics->entryHandle( rowKey( number ) )->state(), EntryState::settled );
          }
       } );
-      port.statics->entryCommit( rowKey( number ), entry( number, port.sources->entryRef( key, written ) ) );
+      auto written = rewrite( number );
+      auto twin = entry( 0 );
+      written.writeResponse = twin.writeResponse = comesFirst;
+      auto const handle = port.sources->entryRef( key, written );
+      port.statics->entryCommit(
+         rowKey( number ),
+         entry( number, handle, port.statics->entryRef( rowKey( 1000 + number ), std::move( twin ) ) ) );
    }
    ASSERT_TRUE( port.settle() );
    EXPECT_EQ( reports.size(), 49U );
@@ -166,12 +173,66 @@ TEST_F( Tables, LeaveARewriteToItsRowUntilTheHardwareLetTheRowGo ) {
    EXPECT_EQ( reports.back(), ( Report{ 1, EntryState::settled, false } ) );
 }
 
-TEST_F( Tables, FailARowWhoseRewriteFailedAndSendBothAgain ) {
+// Whether or not the chip refuses removals: it may fail before one, and responses come before the end.
+TEST_F( Tables, KeepARewriteAsLongAsTheHardwareHoldsARowThatRefersToIt ) {
+   EgrNatUcRewriteKey const first{ NatId( 1 ), 5 }, second{ NatId( 2 ), 5 };
+   auto const has = [ & ]( auto const & key ) { return port.sources->entry( key ) != nullptr; };
+   auto handle = port.sources->entryRef( second, rewrite( 2 ) );
+   port.statics->entryCommit( rowKey( 1 ), entry( 1, port.sources->entryRef( first, rewrite( 1 ) ) ) );
+   ASSERT_TRUE( port.settle() );
+
+   bool hasInResponse = false;
+   auto replacing = entry( 1, std::exchange( handle, nullptr ) );
+   replacing.writeResponse = Asic::WriteResponseFn( [ & ]( EntryState ) { hasInResponse = has( second ); } );
+   port.writesFail( true );
+   port.statics->entryCommit( rowKey( 1 ), std::move( replacing ) );
+   EXPECT_TRUE( has( first ) ) << "the hardware holds the row as it was";
+   ASSERT_TRUE( port.settle() );
+   EXPECT_TRUE( has( first ) ) << "and after the failure still";
+   port.writesFail( false );
+   port.retryFailed();
+   ASSERT_TRUE( port.settle() );
+   EXPECT_FALSE( has( first ) );
+
+   hasInResponse = false;
+   port.statics->entryRemove( rowKey( 1 ) );
+   EXPECT_TRUE( has( second ) ) << "the row is in the hardware until its removal settles";
+   ASSERT_TRUE( port.settle() );
+   EXPECT_TRUE( hasInResponse );
+   EXPECT_FALSE( has( second ) );
+}
+
+// What reports with its key absent is taken for the removal, by which the NAT id comes back: so a write that a removal
+// overtook says nothing.
+TEST_F( Tables, ReportTheNewestWriteLastAndARemovalOnce ) {
+   std::vector< int > told;
+   for ( int const version : { 1, 2, 3 } ) {
+      IngStaticNatEntry written;
+      written.writeResponse = Asic::WriteResponseFn( [ &told, version ]( EntryState ) { told.push_back( version ); } );
+      port.statics->entryCommit( rowKey( 1 ), std::move( written ) );
+   }
+   ASSERT_TRUE( port.settle() );
+   ASSERT_THAT( told, Not( IsEmpty() ) );
+   EXPECT_EQ( told.back(), 3 );
+
+   port.statics->entryCommit( rowKey( 2 ), entry( 2 ) );
+   port.statics->entryCommit( rowKey( 2 ), entry( 2 ) );
+   port.statics->entryRemove( rowKey( 2 ) );
+   ASSERT_TRUE( port.settle() );
+   EXPECT_THAT( reports, ElementsAre( Report{ 2, EntryState::settled, false } ) );
+}
+
+TEST_F( Tables, FailARowWhoseRewriteFailedButNotForItsTwinAndSendThemAgain ) {
    EgrNatUcRewriteKey const key{ NatId( 1 ), 5 };
    port.writesFail( true );
    auto const handle = port.sources->entryRef( key, rewrite( 1 ) );
+   auto const twin = port.statics->entryRef( rowKey( 3 ), IngStaticNatEntry() );
    ASSERT_TRUE( port.settle() );
    port.writesFail( false );
+   port.statics->entryCommit( rowKey( 2 ), entry( 2, nullptr, twin ) );
+   ASSERT_TRUE( port.settle() );
+   EXPECT_THAT( reports, ElementsAre( Report{ 2, EntryState::settled, true } ) );
+   reports.clear();
    port.statics->entryCommit( rowKey( 1 ), entry( 1, handle ) );
    ASSERT_TRUE( port.settle() );
    EXPECT_THAT( reports, ElementsAre( Report{ 1, EntryState::failed, true } ) );

@@ -40,7 +40,7 @@ MAY_INCLUDE = {
     "PfeNat": {"platform", "PfeNat"},
     "chip": {"platform", "chip"},
     "agent": {"platform", "PfeNat", "chip", "agent"},
-    "tests": {"platform", "PfeNat", "chip", "agent", "tests"},
+    "tests": {"platform", "PfeNat", "chip", "agent", "tests", "examples"},
     # Measures the libraries; the tests' support is not compiled into it.
     "bench": {"platform", "PfeNat", "chip", "agent", "bench"},
 }

@@ -1,5 +1,5 @@
 """An installation: an outside project finds it by CMake and by pkg-config, builds against it, and prints what the README
-shows; the installed agent runs."""
+shows; the installed conformance test is built over an example's chip; the installed agent runs."""
 
 import os
 import re
@@ -30,10 +30,13 @@ def main():
     same("the installed agent", len(output(PREFIX / "bin" / "nat-agent", BRANCH_OFFICE).splitlines()), 16)
 
     shown = re.search(r"^\$ build/embedding/embedded-nat\n(.*?)^```$", (SOURCE / "README.md").read_text(), re.MULTILINE | re.DOTALL)[1]
-    project = shutil.copytree(SOURCE / "examples" / "embedding", FOLDER / "embedding")
-    output("cmake", "-G", "Ninja", "-S", project, "-B", project / "build", f"-DCMAKE_PREFIX_PATH={PREFIX}",
-           f"-DCMAKE_CXX_COMPILER={compiler}", f"-DCMAKE_CXX_FLAGS={' '.join(flags)}")
-    output("cmake", "--build", project / "build")
+    for name in ("embedding", "chip"):
+        project = shutil.copytree(SOURCE / "examples" / name, FOLDER / name)
+        output("cmake", "-G", "Ninja", "-S", project, "-B", project / "build", f"-DCMAKE_PREFIX_PATH={PREFIX}",
+               f"-DCMAKE_CXX_COMPILER={compiler}", f"-DCMAKE_CXX_FLAGS={' '.join(flags)}")
+        output("cmake", "--build", project / "build")
+    holds("the chip of the example keeps its promises", "PASSED" in output(project / "build" / "conformance-test"))
+    project = FOLDER / "embedding"
     same("found by CMake", output(project / "build" / "embedded-nat"), shown)
 
     if shutil.which("pkg-config"):

@@ -1,56 +1,25 @@
 // Chips that take everything, as CONFORMANCE_CHIP in the environment says: one request at a time in order, or in any
-// order and reporting all, or in batches. Each keeps the rows that it was given, by their typed keys.
-#include "tests/conformance/ChipPort.h"
+// order and reporting all, or in batches.
+#include "../ChipPort.h"
 
-#include <Pfe/NatTable.h>
+#include "examples/chip/MemoryChip.h"
+
 #include <Vexa/Assert.h>
-#include <Vexa/Value.h>
 
 #include <cstdlib>
-#include <map>
 #include <random>
-#include <string>
 #include <string_view>
 
 namespace Conformance {
 
 namespace {
 
-// Holds what a chip must: after a write the row's entry, after a removal nothing, and nothing is removed that it does
-// not hold.
-class KeepingChip : public Asic::Chip {
+class OneByOneChip final : public MemoryChip {
  public:
-   void carryOut( std::span< Asic::ChipRequest const > requests, std::span< Asic::EntryState > outcomes ) override {
-      for ( std::size_t i = 0; i < requests.size(); ++i ) {
-         carryOut( requests[ i ] );
-         outcomes[ i ] = Asic::EntryState::settled;
-      }
-   }
-
- private:
-   void carryOut( Asic::ChipRequest const & request ) {
-      Pfe::visitNatTable( request.table, [ & ]< class Table >( Table const & table ) {
-         auto const & key = Table::keyOf( request.row );
-         auto const place = std::string( table.name() ) + ' ' + Vexa::stringOf( key );
-         VEXA_ASSERT( rows_.contains( place ) != request.addsRow );
-         if ( request.version ) {
-            rows_[ place ] = Vexa::stringOf( Table::entryOf( *request.version ) );
-         } else {
-            VEXA_ASSERT( rows_.at( place ) == Vexa::stringOf( *table.hardwareEntry( key ) ) );
-            rows_.erase( place );
-         }
-      } );
-   }
-
-   std::map< std::string, std::string > rows_;
+   std::size_t batchLimit() const override { return 1; }
 };
 
-class BatchingChip final : public KeepingChip {
- public:
-   std::size_t batchLimit() const override { return 16; }
-};
-
-class TalkativeChip final : public KeepingChip {
+class TalkativeChip final : public MemoryChip {
  public:
    bool reportsEverything() const override { return true; }
    bool reorders() const override { return true; }
@@ -66,13 +35,13 @@ std::shared_ptr< Asic::Chip > emptyChip() {
    auto const * const wanted = std::getenv( "CONFORMANCE_CHIP" );
    std::string_view const name = wanted ? wanted : "plain";
    if ( name == "batching" ) {
-      return std::make_shared< BatchingChip >();
+      return std::make_shared< MemoryChip >();
    }
    if ( name == "talkative" ) {
       return std::make_shared< TalkativeChip >();
    }
    VEXA_ASSERT( name == "plain" && "CONFORMANCE_CHIP is plain, batching or talkative" );
-   return std::make_shared< KeepingChip >();
+   return std::make_shared< OneByOneChip >();
 }
 
 }  // namespace Conformance
