@@ -10,6 +10,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <variant>
@@ -30,6 +31,10 @@ struct PortDevice {
 
    friend bool operator==( PortDevice const &, PortDevice const & ) = default;
 };
+
+// JSON pointers (RFC 6901) into a file: to its instance, and from there to the mapping entries, without their number.
+inline constexpr std::string_view pointerToInstance = "/ietf-nat:nat/instances/instance/0";
+inline constexpr std::string_view pointerToEntries = "/mapping-table/mapping-entry/";
 
 struct Configuration {
    std::string file;

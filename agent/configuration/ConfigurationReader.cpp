@@ -4,6 +4,7 @@
 #include "agent/configuration/Configuration.h"
 #include "agent/configuration/JsonMembers.h"
 #include "agent/configuration/MappingEntry.h"
+#include "agent/configuration/RuleClaims.h"
 #include "agent/configuration/TrapEntry.h"
 
 #include <Bridging/VlanId.h>
@@ -26,10 +27,18 @@ struct ReplicationMembers : Replication {
    U16 number = 0;
 };
 
+void takeSource( JsonValue value, ReplicationMembers & replication ) {
+   take( value, replication.sourceAddress );
+   constexpr U32 firstOfNoHost = 0xe0000000;  // 224.0.0.0
+   if ( replication.sourceAddress.value() >= firstOfNoHost ) {
+      refuse( value, "is no source of packets", "a unicast address, below 224.0.0.0" );
+   }
+}
+
 constexpr Member< ReplicationMembers > replicationMembers[] = {
    { "number", into< &ReplicationMembers::number >, true },
    { "interface", into< &ReplicationMembers::intf >, true },
-   { "source-address", into< &ReplicationMembers::sourceAddress > } };
+   { "source-address", takeSource } };
 
 struct GroupMembers {
    std::string_view name;
@@ -112,30 +121,6 @@ JsonValue instanceOf( JsonValue root ) {
    return instance;
 }
 
-// --- One row, one rule; one key, one rule ----------------------------------------------------------------------------
-
-struct ClaimTexts {
-   char const * oneRow;  // what rows tell apart
-   char const * key;
-   char const * oneKey;
-};
-
-ClaimTexts claimTexts( StaticRule const & ) {
-   return { "one entry per interface, VRF, protocol and pair of addresses and ports, whichever side is written",
-            "interface, access list, internal address and internal port",
-            "one entry for each of them; the protocol does not tell entries apart" };
-}
-ClaimTexts claimTexts( TwiceRule const & ) {
-   return { "one entry per interface, VRF and pairs of addresses and ports",
-            "interface and internal addresses and ports", "one entry for each of them" };
-}
-ClaimTexts claimTexts( DynamicRule const & rule ) {
-   return { rule.entry->connection().addrOnly
-               ? "one entry per VRF, qualifier and address"
-               : "one entry per VRF, qualifier, protocol and pairs of addresses and ports",
-            "interface, protocol, source and internal destination", "one entry for each of them" };
-}
-
 // --- The whole -------------------------------------------------------------------------------------------------------
 
 class Reader {
@@ -155,9 +140,7 @@ class Reader {
    void readInstance( JsonValue place ) {
       InstanceMembers instance;
       takeMembers( place, instanceMembers, instance );
-      forEachIn( instance.detections, detectionMembers, [ & ]( JsonValue, DetectionMembers const & detection ) {
-         instance.l4Detected.set( detection.protocol );
-      } );
+      collect( [ & ] { readDetections( instance ); } );
       result_.instanceId = instance.id;
       result_.instanceName = instance.name;
       result_.enabled = instance.enabled;
@@ -173,6 +156,16 @@ class Reader {
          collectForEach( onlyMember( instance.mappingTable, "mapping-entry", false ),
                          [ & ]( JsonValue value ) { readEntry( value ); } );
       }
+   }
+
+   static void readDetections( InstanceMembers & instance ) {
+      forEachIn( instance.detections, detectionMembers, [ & ]( JsonValue value, DetectionMembers const & detection ) {
+         if ( instance.l4Detected[ detection.protocol ] ) {
+            refuse( value, "has the protocol " + std::to_string( detection.protocol ) + " of another detection",
+                    "one detection per protocol" );
+         }
+         instance.l4Detected.set( detection.protocol );
+      } );
    }
 
    void readProfiles( JsonValue list ) {
@@ -262,49 +255,10 @@ class Reader {
       if ( !indexes_.is( index ) ) {
          refuse( value, "has the index " + std::to_string( index ) + " of another entry", "an index of its own" );
       }
-      std::visit( [ & ]( auto const & rule ) { claim( value, rule, index ); }, connection.rule );
+      if ( auto const conflict = claims_.claim( connection, result_, !faults_.areOnlyCounted() ) ) {
+         refuse( value, conflict->why, conflict->allowed );
+      }
       add( result_, std::move( connection ) );
-   }
-
-   template< class AnyRule > void claim( JsonValue value, AnyRule const & rule, U32 index ) {
-      if ( auto const other = claimRows( rule, index ) ) {
-         refuse( value, "derives the rows of entry " + std::to_string( *other ), claimTexts( rule ).oneRow );
-      }
-      if ( configured( *result_.rules, rule.key ) ) {
-         auto const other = std::ranges::find_if( result_.connections, [ & ]( Connection const & connection ) {
-            auto const * const same = std::get_if< AnyRule >( &connection.rule );
-            return same && same->key == rule.key;
-         } );
-         refuse( value,
-                 std::string( "has the " ) + claimTexts( rule ).key + " of entry " + std::to_string( *other->index ),
-                 claimTexts( rule ).oneKey );
-      }
-   }
-
-   // Whose the row is; absent when nobody's so far.
-   std::optional< U32 > claimRow( Pfe::IngNatTableKey const & row, U32 index ) {
-      auto const [ owner, isNew ] = indexOfRow_.refOrEmplace( row );
-      if ( !isNew ) {
-         return owner;
-      }
-      owner = index;
-      return std::nullopt;
-   }
-
-   // One row of a static or twice rule tells what the other is, those of a dynamic one are in tables of their own.
-   std::optional< U32 > claimRows( StaticRule const & rule, U32 index ) {
-      return claimRow( ingressRowOf( rule, Ip::Nat::NatTarget::source ), index );
-   }
-   std::optional< U32 > claimRows( TwiceRule const & rule, U32 index ) {
-      return claimRow( *ingressRowsOf( rule, result_.settings ).begin(), index );
-   }
-   std::optional< U32 > claimRows( DynamicRule const & rule, U32 index ) {
-      std::optional< U32 > other;
-      for ( auto const & row : ingressRowsOf( rule, result_.settings ) ) {
-         auto const taken = claimRow( row, index );
-         other = other ? other : taken;
-      }
-      return other;
    }
 
    JsonDocument const & document_;
@@ -312,7 +266,7 @@ class Reader {
    Faults faults_;
    McastGroups groups_;
    Vexa::HashSet< U32, 0x3C6EF372 > indexes_;
-   Vexa::HashMap< Pfe::IngNatTableKey, U32, 0x7F4A7C15 > indexOfRow_;  // of the entry that derives it
+   RuleClaims claims_;
    std::set< Pfe::NatTrapKey > traps_;
 };
 

@@ -84,6 +84,12 @@ void takeNextHop( JsonValue value, EntryMembers & entry ) {
    entry.nextHop = Orla::make< Pfe::NatNextHopId >( static_cast< U32 >( id ) );
 }
 
+void takeLifetime( JsonValue value, EntryMembers & entry ) {
+   U32 seconds = 0;
+   take( value, seconds );
+   entry.lifetime = value;
+}
+
 constexpr Member< EntryMembers > entryMembers[] = {
    { "index", into< &EntryMembers::index >, true },
    { "type", into< &EntryMembers::type >, true },
@@ -96,7 +102,7 @@ constexpr Member< EntryMembers > entryMembers[] = {
    { "internal-dst-port", takePort< &EntryMembers::internalDestination > },
    { "external-dst-address", takeAddress< &EntryMembers::externalDestination > },
    { "external-dst-port", takePort< &EntryMembers::externalDestination > },
-   { "lifetime", into< &EntryMembers::lifetime > },
+   { "lifetime", takeLifetime },
    { "pfe-nat:interface", into< &EntryMembers::intf >, true },
    { "pfe-nat:vrf", within< &EntryMembers::vrfId, 0, Netix::VrfId::max > },
    { "pfe-nat:vlan", within< &EntryMembers::vlanId, Bridging::VlanId::min, Bridging::VlanId::max > },
@@ -129,6 +135,26 @@ void requireWithout( JsonValue place, char const * kind, std::initializer_list< 
                  "no " + std::string( value.name() ) + " in such an entry" );
       }
    } );
+}
+
+// Refuses ports where the protocol has none. What stands in their place in ICMP queries tells the flows of a dynamic
+// entry apart.
+void requirePortsOfProtocol( EntryMembers const & entry, bool dynamic ) {
+   constexpr U8 any = 0;
+   constexpr U8 icmp = 1;
+   constexpr U8 withPorts[] = { any, 6, 17, 33, 132, 136 };  // TCP, UDP, DCCP, SCTP, UDP-Lite
+   if ( std::ranges::find( withPorts, entry.protocol ) != std::end( withPorts ) ||
+        ( dynamic && entry.protocol == icmp ) ) {
+      return;
+   }
+   for ( auto const * const pair :
+         { &entry.internalSource, &entry.externalSource, &entry.internalDestination, &entry.externalDestination } ) {
+      if ( pair->portAt ) {
+         auto const number = std::to_string( entry.protocol );
+         refuse( pair->portAt, "is given, but protocol " + number + " has no ports",
+                 "no ports with transport-protocol " + number );
+      }
+   }
 }
 
 // Whether the side is translated. Refuses half a translation.
@@ -257,6 +283,7 @@ Connection takeMappingEntry( JsonValue value, McastGroups const & groups ) {
    takeMembers( value, entryMembers, entry );
    bool const dynamic = isDynamic( entry );
    auto const sides = sidesOf( value, entry );
+   requirePortsOfProtocol( entry, dynamic );
    auto const index = entry.index;
    auto const group = entry.group;
    if ( dynamic ) {

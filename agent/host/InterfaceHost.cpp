@@ -1,6 +1,5 @@
 #include "agent/host/InterfaceHost.h"
 
-#include "agent/basics/Text.h"
 #include "agent/basics/UnusableInput.h"
 
 #include <utility>
@@ -9,25 +8,25 @@ namespace Agent {
 
 namespace {
 
-void requireNoProfiles( Configuration const & configuration ) {
-   auto const count = configuration.profiles.size();
-   if ( count != 0 ) {
-      throw UnusableInput( configuration.file + ": pfe-nat:vlan-profile: " + counted( count, "profile" ) +
-                           "; allowed in interface mode: none" );
-   }
-}
-
-void requireVlans( Configuration const & configuration ) {
+void requireUsable( Configuration const & configuration ) {
    Faults faults;
-   forEachStaticRule( configuration, [ & ]( U32 index, StaticRule const & rule ) {
-      if ( rule.entry->vlanId() == 0 ) {
+   auto const allowed = []( std::string const & what ) { return "; allowed in interface mode: " + what; };
+   auto const instance = configuration.file + ": " + std::string( pointerToInstance );
+   if ( !configuration.profiles.empty() ) {
+      faults.add( [ & ] { return instance + "/pfe-nat:vlan-profile: a list" + allowed( "no profiles" ); } );
+   }
+   std::size_t place = 0;
+   for ( auto const & connection : configuration.connections ) {
+      auto const * const rule = std::get_if< StaticRule >( &connection.rule );
+      if ( rule && rule->entry->vlanId() == 0 ) {
          faults.add( [ & ] {
-            return configuration.file + ": entry " + std::to_string( index ) +
-                   ": lacks pfe-nat:vlan; allowed in interface mode: the VLAN of " +
-                   Vexa::stringOf( rule.key.natIntf ) + ", 1 to 4094";
+            return instance + std::string( pointerToEntries ) + std::to_string( place ) +
+                   ": an object lacks pfe-nat:vlan" +
+                   allowed( "the VLAN of " + Vexa::stringOf( rule->key.natIntf ) + ", 1 to 4094" );
          } );
       }
-   } );
+      ++place;
+   }
    faults.throwAll( configuration.file );
 }
 
@@ -37,8 +36,7 @@ InterfaceHost::InterfaceHost( Configuration configuration )
    : configuration_( std::move( configuration ) ),
      swTableConfig_( Orla::make< Pfe::NatSwTableConfig >() ),
      swTableStatus_( Orla::make< Pfe::NatSwTableStatus >() ) {
-   requireNoProfiles( configuration_ );
-   requireVlans( configuration_ );
+   requireUsable( configuration_ );
    consumer_ = Pfe::natSwTableSmFactory( swTableConfig_, swTableStatus_ );
    consumer_->initializedIs( true );
    programmer_ = Pfe::natProgrammerIntfModeSmFactory( configuration_.rules, Orla::make< Pfe::NatProgrammerStatus >(),

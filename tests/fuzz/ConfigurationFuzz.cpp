@@ -1,5 +1,5 @@
 // Configurations of any bytes: either they are refused with a text, or every entry of theirs is a rule with rows of its
-// own.
+// own, and every filter of a trap one rule.
 #include "agent/basics/UnusableInput.h"
 #include "agent/configuration/Configuration.h"
 
@@ -17,6 +17,14 @@ extern "C" int LLVMFuzzerTestOneInput( std::uint8_t const * data, std::size_t si
       VEXA_ASSERT( configuration.connections.size() ==
                    rules.staticEntry().count() + rules.twiceEntry().count() + rules.dynamicEntry().count() );
       VEXA_ASSERT( configuration.traps.size() == rules.trapEntry().count() );
+      for ( auto const & trap : configuration.traps ) {
+         for ( auto const & filter : trap.entry->rule().trapFilter ) {
+            for ( auto const * const ports : { &filter.sourcePort, &filter.destinationPort } ) {
+               U8 count = 0;
+               VEXA_ASSERT( Acl::generatePortRange( *ports, count, true ).at( 0 ).size() == 1 && count == 1 );
+            }
+         }
+      }
       for ( auto const & connection : configuration.connections ) {
          for ( auto const & row : ingressRowsOf( connection, configuration.settings ) ) {
             VEXA_ASSERT( connectionOf( row, configuration ) == &connection );

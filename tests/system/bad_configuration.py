@@ -39,6 +39,9 @@ ENTRIES = [
      "an object translates a port, but addresses only; allowed: equal ports, or none, with pfe-nat:address-only"),
     ("protocol of a twice entry", both(1, "static", "10.0.0.1 192.0.2.1", "10.0.0.2 192.0.2.2", 6), "/transport-protocol",
      "6 is given, but the entry is a twice one; allowed: no transport-protocol in such an entry"),
+    ("lifetime", entry(type="dynamic-implicit", lifetime="1h"), "/lifetime", '"1h" is no number; allowed: a whole number from 0 to 4294967295'),
+    ("port of GRE", entry(transport_protocol=47, local_port=5, outside_port=6), "/internal-src-port",
+     "an object is given, but protocol 47 has no ports; allowed: no ports with transport-protocol 47"),
     ("full cone of a static entry", entry(pfe_nat__full_cone=True), "/pfe-nat:full-cone",
      "true is given, but the entry is static; allowed: no pfe-nat:full-cone in such an entry"),
     ("address", entry(local="10.0.0.256"), "/internal-src-address", f'"10.0.0.256/32" {HOST}'),
@@ -97,15 +100,22 @@ FILES = [
     ("member twice", '{"ietf-nat:nat": {"instances": {"instance": [{"id": 1, "id": 2}]}}}', [
         INSTANCE + '/id: "id" is given twice; allowed: id, name, enable, mapping-table, pfe-nat:fragmentation, '
         "pfe-nat:vrf-less, pfe-nat:full-cone-capability, pfe-nat:l4-detection, pfe-nat:vlan-profile, pfe-nat:trap, "
-        "pfe-nat:multicast-group, each at most once"]),
+        "pfe-nat:multicast-group, pfe-nat:port, each at most once"]),
     ("profile twice", instance(pfe_nat__vlan_profile=[{"vlan": 7, "profile": 1}, {"vlan": 7, "profile": 1}]), [
         INSTANCE + "/pfe-nat:vlan-profile/1: an object has the VLAN 7 of another profile; allowed: one profile per VLAN"]),
     ("trap twice", instance(pfe_nat__trap=[TRAP, TRAP | {"interface": "ethernet2"}]), [
         INSTANCE + "/pfe-nat:trap/1: an object has the access list, pool and rule id, or the interface, access list and pool, "
         "of another trap; allowed: one trap for each of them"]),
+    ("blocks of ports", instance(pfe_nat__trap=[TRAP | {"filter": [{"sequence": 15}, {"sequence": 10, "source-port-range": [{"first": 1024, "last": 65535}]}]}]), [
+        INSTANCE + "/pfe-nat:trap/0/filter/1: an object takes the numbers 10 to 15, one for each pair of port blocks, and filter 15 "
+        "takes 15 to 15; allowed: sequence numbers that leave room for the pairs"]),
     ("ports of a trap", instance(pfe_nat__trap=[TRAP | {"filter": [{"sequence": 1, "source-port-range": [{"first": 2, "last": 1}]}]}]), [
         INSTANCE + "/pfe-nat:trap/0/filter/0/source-port-range/0: an object ends before it begins; allowed: a last port that is "
         "not less than the first"]),
+    ("detection twice", instance(pfe_nat__l4_detection=[{"protocol": 6}, {"protocol": 6}]), [
+        INSTANCE + "/pfe-nat:l4-detection/1: an object has the protocol 6 of another detection; allowed: one detection per protocol"]),
+    ("source of copies", instance(pfe_nat__multicast_group=[group(ONE_COPY | {"source-address": "239.0.0.1/32"})]), [
+        GROUP + '/replication/0/source-address: "239.0.0.1/32" is no source of packets; allowed: a unicast address, below 224.0.0.0']),
     ("replication twice", instance(pfe_nat__multicast_group=[group(ONE_COPY, ONE_COPY)]), [
         GROUP + "/replication/1: an object has the number 1 of another replication; allowed: a number of its own"]),
     ("other group", instance(
@@ -123,6 +133,18 @@ FILES = [
     ("key twice", instance(entry(4, transport_protocol=6), entry(5, transport_protocol=17)), [
         ENTRY[:-1] + "1: an object has the interface, access list, internal address and internal port of entry 4; allowed: "
         "one entry for each of them; the protocol does not tell entries apart"]),
+    # Of protocol and access list any difference, but not one between any protocol and a certain one.
+    *((f"one public pair, {name}", instance(entry(4, "10.0.0.1", **first), entry(5, "10.0.0.2", **second), entry(6, pfe_nat__vlan=0)),
+       [ENTRY[:-1] + "1: an object translates packets to 192.0.2.1 that entry 4 translates otherwise; allowed: one entry per interface, "
+        "VRF, VLAN, protocol (0: any), access list, filters and pair of addresses and ports, on either side"] * refused
+       + [ENTRY[:-1] + "2/pfe-nat:vlan: 0 is out of range; allowed: a whole number from 1 to 4094"])
+      for name, first, second, refused in (
+          ("two hosts", {}, {}, 1), ("any protocol", {"transport_protocol": 6}, {}, 1), ("two VRFs", {"pfe_nat__vrf": 1}, {}, 0),
+          ("two protocols", {"transport_protocol": 6}, {"transport_protocol": 17}, 0),
+          ("two lists", {"pfe_nat__access_list": "a"}, {"pfe_nat__access_list": "b"}, 0))),
+    ("two ways out", instance(entry(4), entry(5, "192.0.2.2", "10.0.0.1", side="dst")), [
+        ENTRY[:-1] + "1: an object translates packets from 10.0.0.1 that entry 4 translates otherwise; allowed: one entry per "
+        "interface, VRF, VLAN, protocol (0: any), access list, filters and pair of addresses and ports, on either side"]),
     ("dynamic rows twice", instance(both(4, "dynamic-implicit", *FLOW), both(5, "dynamic-implicit", "10.0.0.2:5 192.0.2.1:6", *FLOW[1:])), [
         ENTRY[:-1] + "1: an object derives the rows of entry 4; allowed: one entry per VRF, qualifier, protocol and pairs of "
         "addresses and ports"]),

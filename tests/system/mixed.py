@@ -71,10 +71,13 @@ def check_programming():
          [("inside hosts pool 1 rule 4", 12, "no"), ("inside hosts pool 1 rule 4", 22, "yes")])
     same("profiles", first["profiles"], [{"vlan": 20, "profile": 2}])
     content = MIXED.read_text().replace('"pfe-nat:fragmentation": true', '"pfe-nat:full-cone-capability": false')
+    content = content.replace('{"first": 443, "last": 443}', '{"first": 1000, "last": 1023}, {"first": 0, "last": 999}, {"first": 8000, "last": 8999}')
     told = run_json(write("elsewhere.json", content), status=1)
     same("full cone that is translated elsewhere", [(c["entry"], c["result"], c.get("reason")) for c in told["connections"]
                                                     if c["result"] != "programmed"],
          [(9, "no result", "full-cone connections are translated elsewhere")])
+    same("blocks of a trap's ports", [(rule["sequence"], rule["destinationPorts"]) for rule in told["traps"][1:]],
+         [*enumerate(("0-1023", "8000-8063", "8064-8191", "8192-8703", "8704-8959", "8960-8991", "8992-8999"), 22)])
 
 
 def check_failures():
