@@ -6,6 +6,7 @@
 #include <Vexa/Types.h>
 
 #include <algorithm>
+#include <concepts>
 #include <cstddef>
 #include <ostream>
 #include <string>
@@ -78,6 +79,9 @@ class Report {
    // Each in one of the two forms only.
    void line( std::string_view text );
    void fact( char const * name, Json value );
+   template< std::convertible_to< std::string_view > Text > void fact( char const * name, Text const & text ) {
+      fact( name, Json( std::string_view( text ) ) );
+   }
 
    void table( char const * name, Table const & table );
 

@@ -362,9 +362,9 @@ void reportSummary( Report & report, Host const & host ) {
 }
 
 void reportHeading( Report & report, Configuration const & configuration, std::string_view mode ) {
-   report.fact( "file", Json( configuration.file ) );
+   report.fact( "file", configuration.file );
    if ( !mode.empty() ) {
-      report.fact( "mode", Json( mode ) );
+      report.fact( "mode", mode );
    }
    report.fact( "instance", { { "id", configuration.instanceId },
                               { "name", configuration.instanceName },
