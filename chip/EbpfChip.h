@@ -28,7 +28,7 @@ struct Port {
    // carry that tag: it is taken off where they enter, and put on to whatever leaves.
    std::string device;
    U32 vrfId = 0;
-   std::optional< U16 > qualifier;  // none: dynamic rows do not apply
+   std::optional< U16 > qualifier = {};  // none: dynamic rows do not apply
 
    friend bool operator==( Port const &, Port const & ) = default;
 };
@@ -61,8 +61,8 @@ struct Status {
       std::string name;
       U64 rows = 0;
       U64 room = 0;
-      std::optional< U64 > packets;  // of the ingress tables and of copies
-      std::optional< U64 > bytes;    // from the IP header on
+      std::optional< U64 > packets = {};  // of the ingress tables and of copies
+      std::optional< U64 > bytes = {};    // from the IP header on
    };
    struct Counter {
       std::string what;

@@ -101,13 +101,13 @@ std::vector< ResolvedPort > resolved( std::vector< Port > const & ports, Hook ho
       bool const withXdp = hook == Hook::xdp || ( hook == Hook::automatic && !isVirtual( devices.driverOf( name ) ) );
       auto & next = result.emplace_back();
       next.device = { .name = name, .index = index, .withXdp = withXdp };
-      next.entry = { .ifindex = index,
-                     .vlanId = vlanId,
-                     .flags = static_cast< U16 >( chipPortIsUsed | ( withXdp ? chipPortTakesFrames : 0 ) ),
-                     .intf = port.interface.value(),
-                     .vrfId = port.vrfId,
-                     .qualifier = port.qualifier.value_or( 0 ),
-                     .hasQualifier = port.qualifier.has_value() };
+      next.entry.ifindex = index;
+      next.entry.vlanId = vlanId;
+      next.entry.flags = static_cast< U16 >( chipPortIsUsed | ( withXdp ? chipPortTakesFrames : 0 ) );
+      next.entry.intf = port.interface.value();
+      next.entry.vrfId = port.vrfId;
+      next.entry.qualifier = port.qualifier.value_or( 0 );
+      next.entry.hasQualifier = port.qualifier.has_value();
       devices.takeAddress( name, next.entry );
    }
    // What leaves a device without a tag is given one when there is but one to give.

@@ -15,8 +15,8 @@ namespace Ebpf {
 
 // A port as the kernel has it.
 struct ResolvedPort {
-   ChipPort entry;
-   Device device;
+   ChipPort entry = {};
+   Device device = {};
 };
 
 // In the namespace that the caller is in. Throws Refusal: a device is absent, two ports share frames, a device has
