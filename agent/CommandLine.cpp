@@ -215,7 +215,7 @@ int programAndExplain( Options const & options ) {
       if ( !host.isComplete() ) {
          std::cerr << "nat-agent: not everything is programmed; see  nat-agent " << options.file << '\n';
       }
-      return reportWalk( report, host, options.packet );
+      return reportWalk( report, PacketWalk( host.tables(), host.configuration() ), options.packet );
    } );
 }
 

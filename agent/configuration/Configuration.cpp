@@ -1,18 +1,9 @@
 #include "agent/configuration/Configuration.h"
 
-#include <algorithm>
 #include <utility>
 #include <variant>
 
 namespace Agent {
-
-Connection const * connectionOf( Pfe::IngNatTableKey const & row, Configuration const & configuration ) {
-   auto const found = std::ranges::find_if( configuration.connections, [ & ]( Connection const & connection ) {
-      auto const rows = ingressRowsOf( connection, configuration.settings );
-      return std::find( rows.begin(), rows.end(), row ) != rows.end();
-   } );
-   return found == configuration.connections.end() ? nullptr : &*found;
-}
 
 void add( Configuration & configuration, Connection connection ) {
    auto & rules = *configuration.rules;

@@ -64,9 +64,6 @@ template< class Function > void forEachStaticRule( Configuration const & configu
    }
 }
 
-// Null when no connection derives the row, as for rows of fragments, which connections share.
-Connection const * connectionOf( Pfe::IngNatTableKey const & row, Configuration const & configuration );
-
 // Puts the connection among the rules, and the interface's qualifier to the others.
 void add( Configuration & configuration, Connection connection );
 

@@ -1,6 +1,7 @@
 // How a packet meets the tables.
 #pragma once
 
+#include "agent/configuration/Configuration.h"
 #include "agent/host/NatTables.h"
 
 #include "PfeNat/PfeNatSwTableProgrammerSm.h"
@@ -9,6 +10,7 @@
 #include <Netix/IpAndPort.h>
 #include <Vexa/Types.h>
 
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -34,9 +36,13 @@ struct Packet {
 // The answer to the packet, as its receiver sends it.
 Packet replyTo( Packet const & packet );
 
+// Whether a packet passes what a rule has beside its row: access list and filters.
+enum class Permission : U8 { given, refused, unknown };
+
 struct IngressRow {
    std::string_view table;
    Pfe::IngNatTableKey key;
+   Permission permission = Permission::given;
 };
 
 // A copy of the packet as it leaves, and the row that wrote it.
@@ -52,10 +58,15 @@ struct Passage {
    std::vector< IngressRow > matches;
    // Rows that match, but are not in the hardware since it did not take them.
    std::vector< IngressRow > missing;
-   // Whether the match has an access list or filters, which are not looked into.
-   bool hasConditions = false;
+   // Rows that match, but whose filters do not permit the packet.
+   std::vector< IngressRow > refused;
    // What leaves, when there is one match; several of a multicast packet.
    std::vector< Copy > copies;
+
+   // Whether one row matches, or none, and nothing beside the tables decides about it.
+   bool isCertain() const {
+      return matches.empty() || ( matches.size() == 1 && matches[ 0 ].permission == Permission::given );
+   }
 };
 
 // What the chip knows of the interfaces beside the tables.
@@ -64,13 +75,41 @@ struct Interfaces {
    bool vrfLess = false;                                    // twice and dynamic rows apply in every VRF
 };
 
-// Walks the packet through the tables as the hardware holds them.
+// Walks packets through the tables as the hardware holds them. All rows are looked at once, at the construction; from
+// then on what a packet shows finds them. To be made anew when the tables, or the configuration, have changed.
 //
 // Rows that translate the source apply to packets that leave by the row's interface, rows that translate the
 // destination to packets that enter by it, twice rows by their direction; dynamic rows know the interface by its
 // qualifier; all in the packet's VRF. Twice rows come before static ones, these before dynamic ones with ports, and
 // last those of addresses only; in a table rows with the exact port come before those without. Later fragments match
 // the fragment rows, then rows without ports; other packets never match fragment rows.
-Passage walk( NatTables const & tables, Packet const & packet, Interfaces const & interfaces = {} );
+//
+// A static row with filters applies to packets that one of them permits. They are written for packets that the rule's
+// own target translates; an answer is held against them as the packet that it answers. What an access list permits is
+// not known, nor are the ports of a later fragment.
+class PacketWalk {
+ public:
+   // Of tables alone: what filters permit is not known. The tables must outlive the walk.
+   PacketWalk( NatTables const & tables, Interfaces interfaces );
+   // Of a configuration's tables. Both must outlive the walk.
+   PacketWalk( NatTables const & tables, Configuration const & configuration );
+   ~PacketWalk();
+   PacketWalk( PacketWalk && ) noexcept;
+   PacketWalk & operator=( PacketWalk && ) noexcept;
+
+   Passage passageOf( Packet const & packet ) const;
+
+   // Null when no connection derives the row, as for rows of fragments, which connections share.
+   Connection const * connectionOf( Pfe::IngNatTableKey const & row ) const;
+
+ private:
+   class Impl;
+   std::unique_ptr< Impl const > impl_;
+};
+
+// Of one packet.
+inline Passage walk( NatTables const & tables, Packet const & packet, Interfaces const & interfaces = {} ) {
+   return PacketWalk( tables, interfaces ).passageOf( packet );
+}
 
 }  // namespace Agent

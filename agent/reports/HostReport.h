@@ -33,7 +33,7 @@ void reportSummary( Report & report, Host const & host );
 void reportProgramming( Report & report, Host const & host, Sections const & sections );
 
 // The packet's way through the tables row by row, and that of the reply to it. Returns whether the way is certain: no
-// packet on it matches two rows equally well.
-bool reportWalk( Report & report, Host const & host, Packet const & packet );
+// packet on it matches two rows equally well, or one whose conditions are not known.
+bool reportWalk( Report & report, PacketWalk const & walk, Packet const & packet );
 
 }  // namespace Agent

@@ -18,6 +18,18 @@ std::string packetText( Packet const & packet ) {
           ( packet.vrfId == 0 ? "" : " vrf " + std::to_string( packet.vrfId ) );
 }
 
+// What decides beside the row whether it applies, and is not known.
+std::string conditionText( Pfe::IngNatTableKey const & row, PacketWalk const & walk ) {
+   auto const * const connection = walk.connectionOf( row );
+   auto const * const rule = connection ? std::get_if< StaticRule >( &connection->rule ) : nullptr;
+   if ( !rule ) {
+      return "access list and filters of the connections that share the row permit the packet";
+   }
+   auto const & list = rule->entry->aclName();
+   return list.empty() ? "a filter of the row permits the ports of the packet, which a later fragment does not have"
+                       : "access list " + Vexa::stringOf( list ) + " permits the packet";
+}
+
 // What the packet has become behind the tables; none when that is not certain.
 std::vector< Packet > outcomeOf( Packet const & packet, Passage const & passage ) {
    std::vector< Packet > packets;
@@ -30,7 +42,7 @@ std::vector< Packet > outcomeOf( Packet const & packet, Passage const & passage 
    return packets;
 }
 
-Table stepsOf( Packet const & packet, Passage const & passage, Host const & host ) {
+Table stepsOf( Packet const & packet, Passage const & passage, PacketWalk const & walk ) {
    Table steps(
       { { "step" }, { "what" }, { "table" }, { "entry", Table::Kind::number }, { "line", Table::Kind::number } } );
    auto const add = [ & ]( char const * step, std::string_view what, std::string_view table = {},
@@ -40,7 +52,7 @@ Table stepsOf( Packet const & packet, Passage const & passage, Host const & host
       }
    };
    auto const addRow = [ & ]( char const * step, IngressRow const & row ) {
-      auto const * const connection = connectionOf( row.key, host.configuration() );
+      auto const * const connection = walk.connectionOf( row.key );
       add( step, fieldsOf( row.key ), row.table,
            connection && connection->index ? std::to_string( *connection->index ) : "",
            connection && connection->line != 0 ? std::to_string( connection->line ) : "" );
@@ -49,11 +61,15 @@ Table stepsOf( Packet const & packet, Passage const & passage, Host const & host
    for ( auto const & row : passage.missing ) {
       addRow( "failed", row );
    }
+   for ( auto const & row : passage.refused ) {
+      addRow( "drops out", row );
+      add( "because", "no filter of the row permits the packet" );
+   }
    for ( auto const & row : passage.matches ) {
       addRow( "match", row );
-   }
-   if ( passage.hasConditions ) {
-      add( "only if", "access list and filters of the row permit the packet; not looked into" );
+      if ( row.permission == Permission::unknown ) {
+         add( "only if", conditionText( row.key, walk ) );
+      }
    }
    if ( passage.matches.size() > 1 ) {
       add( "unknown", "these rows match equally well" );
@@ -70,27 +86,31 @@ Table stepsOf( Packet const & packet, Passage const & passage, Host const & host
 
 }  // namespace
 
-bool reportWalk( Report & report, Host const & host, Packet const & packet ) {
-   auto const & configuration = host.configuration();
-   Interfaces const interfaces{ configuration.qualifiers, configuration.settings.vrfLess };
-   auto const passage = walk( host.tables(), packet, interfaces );
+bool reportWalk( Report & report, PacketWalk const & walk, Packet const & packet ) {
+   auto const passage = walk.passageOf( packet );
    auto const outcome = outcomeOf( packet, passage );
-   report.table( "packet", stepsOf( packet, passage, host ) );
+   report.table( "packet", stepsOf( packet, passage, walk ) );
    if ( outcome.size() != 1 || outcome.front().destination.ip.isMulticast() ) {
-      return passage.matches.size() < 2;
+      return passage.isCertain();
    }
    auto const reply = replyTo( outcome.front() );
-   auto const replyPassage = walk( host.tables(), reply, interfaces );
+   auto const replyPassage = walk.passageOf( reply );
    auto const replyOutcome = outcomeOf( reply, replyPassage );
    bool const comesBack = replyOutcome.size() == 1 && replyOutcome.front() == replyTo( packet );
+   bool const isCertain = passage.isCertain() && replyPassage.isCertain();
    report.line( "\nThe reply:" );
-   report.table( "reply", stepsOf( reply, replyPassage, host ) );
-   report.fact( "replyComesBack", comesBack );
-   auto const * const verdict = replyPassage.matches.size() > 1 ? "Where the reply goes is not certain."
-                                : comesBack                     ? "The reply comes back as the answer to the packet."
-                                            : "The reply does not come back as the answer to the packet.";
+   report.table( "reply", stepsOf( reply, replyPassage, walk ) );
+   if ( isCertain ) {
+      report.fact( "replyComesBack", comesBack );
+   }
+   auto const * const verdict =
+      replyPassage.matches.size() > 1 ? "Where the reply goes is not certain."
+      : !isCertain && comesBack
+         ? "The reply comes back as the answer to the packet if both are permitted, which is not certain."
+      : comesBack ? "The reply comes back as the answer to the packet."
+                  : "The reply does not come back as the answer to the packet.";
    report.line( std::string( "\n" ) + verdict );
-   return replyPassage.matches.size() < 2;
+   return isCertain;
 }
 
 }  // namespace Agent

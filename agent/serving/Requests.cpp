@@ -105,7 +105,7 @@ bool explain( Call & call ) {
    } catch ( UnusableInput const & fault ) {
       throw Fault{ invalidParams, fault.what() };
    }
-   return reportWalk( call.report, call.host, packet );
+   return reportWalk( call.report, PacketWalk( call.host.tables(), call.host.configuration() ), packet );
 }
 
 bool reload( Call & call ) {

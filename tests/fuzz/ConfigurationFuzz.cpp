@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
 #include <string_view>
 
 extern "C" int LLVMFuzzerTestOneInput( std::uint8_t const * data, std::size_t size ) {
@@ -25,9 +26,10 @@ extern "C" int LLVMFuzzerTestOneInput( std::uint8_t const * data, std::size_t si
             }
          }
       }
+      std::set< Pfe::IngNatTableKey > rows;
       for ( auto const & connection : configuration.connections ) {
          for ( auto const & row : ingressRowsOf( connection, configuration.settings ) ) {
-            VEXA_ASSERT( connectionOf( row, configuration ) == &connection );
+            VEXA_ASSERT( rows.insert( row ).second );
          }
       }
    } catch ( Agent::UnusableInput const & fault ) {

@@ -16,7 +16,6 @@ WAYS = [
     (2, OUT, "tcp", "10.10.20.10:8080", CLIENT, "198.51.100.7:80", CLIENT),
     (3, OUT, "tcp", "10.10.20.11:25", CLIENT, "198.51.100.7:25", CLIENT),
     (4, OUT, "udp", "10.10.20.12:51820", CLIENT, "198.51.100.7:51820", CLIENT),
-    (5, OUT, "tcp", "10.10.20.13:22", CLIENT, "198.51.100.7:2222", CLIENT),
     (6, OUT, "icmp", "10.10.20.20", PEER, "198.51.100.8", PEER),
     (6, IN, "tcp", CLIENT, "198.51.100.8:80", CLIENT, "10.10.20.20:80"),
     (7, ["--in", "vlan40", "--out", "tunnel1", "--vrf", "7"], "udp", "10.10.40.5:500", PEER + ":500", "192.0.2.5:500", PEER + ":500"),
@@ -47,8 +46,15 @@ def check_other_packets():
     # Three hosts share the public address: which of them a fragment from outside is for, no row can tell.
     told = explained(BRANCH_OFFICE, IN, "tcp", PEER, "198.51.100.7", "--fragment", "later", status=1)
     same("fragments for one of several hosts", [len(steps(told["packet"], step)) for step in ("match", "unknown", "leaves")], [3, 1, 0])
-    told = explained(BRANCH_OFFICE, OUT, "tcp", "10.10.20.13:22", CLIENT)
-    same("access list", steps(told["packet"], "only if"), ["access list and filters of the row permit the packet; not looked into"])
+    told = explained(BRANCH_OFFICE, OUT, "tcp", "10.10.20.13:22", CLIENT, status=1)
+    same("an access list", [steps(told[way], step) for way in ("packet", "reply") for step in ("only if", "leaves")],
+         [["access list 'admins' permits the packet"], [f"tcp 198.51.100.7:2222 -> {CLIENT}"],
+          ["access list 'admins' permits the packet"], [f"tcp {CLIENT} -> 10.10.20.13:22"]])
+    holds("no verdict", "replyComesBack" not in told)
+    for way, source, destination in ((OUT, "10.10.20.13:22", "203.0.114.9:51000"), (IN, "203.0.114.9:51000", "198.51.100.7:2222")):
+        told = explained(BRANCH_OFFICE, way, "tcp", source, destination)
+        same(f"outside the filter, {source}", [[row.get("entry") for row in told["packet"] if row["step"] == "drops out"], steps(told["packet"], "leaves")],
+             [[5], ["as it is: no row matches"]])
 
 
 def ids(told):
