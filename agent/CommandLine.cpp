@@ -1,6 +1,7 @@
 #include "agent/CommandLine.h"
 
 #include "agent/basics/Json.h"
+#include "agent/basics/TextFile.h"
 #include "agent/basics/UnusableInput.h"
 #include "agent/configuration/Configuration.h"
 #include "agent/host/Host.h"
@@ -21,7 +22,10 @@
 #include <CLI/CLI.hpp>
 #include <boost/json/parse.hpp>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <ios>
 #include <iostream>
 #include <optional>
 #include <sstream>
@@ -35,6 +39,12 @@ namespace {
 constexpr int complete = 0;
 constexpr int incomplete = 1;
 constexpr int unusable = 2;
+constexpr int untold = 3;
+
+// What some options must not be.
+std::string refusalOfNothing( std::string const & text ) {
+   return text.empty() ? "\"\"; allowed: a name" : std::string();
+}
 
 struct Options {
    std::string file;
@@ -57,7 +67,7 @@ void addLearningOptions( CLI::App & app, Options & options ) {
    auto * const group = app.add_option_group( "Learned connections" );
    auto * const listing = group->add_option( "--conntrack", options.conntrack,
                                              "Learn what this listing of the Linux tool conntrack translates" );
-   listing->type_name( "FILE" );
+   listing->type_name( "FILE" )->check( refusalOfNothing );
    auto * const intf =
       addInterfaceOption( *group, "--nat-interface", "Interface that it is translated at", options.natInterface.intf );
    listing->needs( intf );
@@ -101,11 +111,13 @@ void addFollowingOptions( CLI::App & app, Options & options ) {
 void addCommonOptions( CLI::App & app, Options & options ) {
    constexpr U64 mostTurns = 1'000'000;
    constexpr U64 largest = 1'000'000'000;
-   app.add_option( "CONFIG", options.file, "Configuration: RFC 8512 in JSON, with pfe-nat.yang" )
+   app.add_option( "CONFIG", options.file, "Configuration: RFC 8512 in JSON, with pfe-nat.yang; - is standard input" )
       ->type_name( "" )
+      ->check( refusalOfNothing )
       ->required();
    app.add_option( "--state", options.state, "Keep the NAT ids in this folder; created when missing" )
-      ->type_name( "DIR" );
+      ->type_name( "DIR" )
+      ->check( refusalOfNothing );
    app.add_option( "--format", options.format, "text (default) or json" )
       ->type_name( "FORMAT" )
       ->check( CLI::IsMember( { "text", "json" } ) );
@@ -125,12 +137,45 @@ void addCommonOptions( CLI::App & app, Options & options ) {
       ->check( CLI::Range( U64{ 0 }, mostTurns ) );
 }
 
-bool isEnabled( Configuration const & configuration ) {
-   if ( !configuration.enabled ) {
-      std::cerr << "nat-agent: " << configuration.file << ": instance " << configuration.instanceId
-                << " is not enabled: nothing is programmed, and no NAT id is given back\n";
+// Names the program in front of every line.
+void complain( std::string const & text ) {
+   std::istringstream lines( text );
+   for ( std::string line; std::getline( lines, line ); ) {
+      std::cerr << "nat-agent: " << line << '\n';
    }
-   return configuration.enabled;
+}
+
+void tellDisabled( Configuration const & configuration ) {
+   std::cerr << "nat-agent: " << configuration.file << ": instance " << configuration.instanceId
+             << " is not enabled: nothing is programmed, and no NAT id is given back\n";
+}
+
+// The same instance without anything to program.
+Configuration emptied( Configuration const & configuration ) {
+   Configuration empty;
+   empty.file = configuration.file;
+   empty.instanceId = configuration.instanceId;
+   empty.instanceName = configuration.instanceName;
+   empty.enabled = false;
+   empty.settings = configuration.settings;
+   empty.rules = Orla::make< Pfe::NatProgrammerConfig >();
+   return empty;
+}
+
+void createFolderOf( std::filesystem::path const & state ) {
+   auto const folder = ( state.has_filename() ? state : state.parent_path() ).parent_path();
+   std::error_code error;
+   if ( !folder.empty() && !std::filesystem::create_directories( folder, error ) && error ) {
+      throw UnusableInput( folder.string() + ": cannot be created: " + error.message() );
+   }
+}
+
+// Where nothing is programmed, people are told so elsewhere.
+void write( Report & report, bool isEnabled = true ) {
+   if ( isEnabled || report.isJson() ) {
+      report.write( std::cout, TextStyle::ofStandardOutput() );
+   }
+   std::cout.flush();
 }
 
 Json factsOf( ConntrackListing const & listing ) {
@@ -143,6 +188,9 @@ Json factsOf( ConntrackListing const & listing ) {
 
 // Of the file that the options name, or of another one, with what is learned.
 Configuration configurationOf( Options const & options, std::optional< ConntrackListing > & listing ) {
+   if ( options.file == standardInput && options.conntrack == standardInput ) {
+      throw UnusableInput( "CONFIG, --conntrack: both are standard input; allowed: one of them" );
+   }
    auto configuration = configurationFrom( options.file );
    if ( !options.conntrack.empty() ) {
       listing = learnFrom( options.conntrack, configuration, options.natInterface );
@@ -152,15 +200,18 @@ Configuration configurationOf( Options const & options, std::optional< Conntrack
 }
 
 // Programs the configuration, with what a kernel tracks when there is a follower, and hands the host to
-// use( host, report ), which returns whether all is well.
+// use( host, report ), which returns whether all is well; then writes the report, unless that has been done.
 template< class Use > int program( Options const & options, ConntrackFollower * follower, Use && use ) {
    std::optional< ConntrackListing > listing;
    auto configuration = configurationOf( options, listing );
-   if ( !isEnabled( configuration ) ) {
-      return complete;
+   bool const isEnabled = configuration.enabled;
+   if ( !isEnabled ) {
+      tellDisabled( configuration );
+      configuration = emptied( configuration );
    }
    std::optional< NatIdStore > store;
-   if ( !options.state.empty() ) {
+   if ( !options.state.empty() && isEnabled ) {
+      createFolderOf( options.state );
       store.emplace( options.state );
    }
    Trace::enabledLevelIs( options.traceLevel );
@@ -170,11 +221,12 @@ template< class Use > int program( Options const & options, ConntrackFollower * 
    Host host( std::move( configuration ), std::make_shared< SimulatedHardware >( options.hardware ),
               store ? &*store : nullptr );
    host.program();
-   Report report( std::cout, options.format == "json", TextStyle::ofStandardOutput() );
+   Report report( options.format == "json" );
    if ( listing ) {
       report.fact( "conntrack", factsOf( *listing ) );
    }
    bool const isWell = use( host, report );
+   write( report, isEnabled );
    return isWell && host.isComplete() ? complete : incomplete;
 }
 
@@ -196,16 +248,19 @@ int programInterfacesAndReport( Options const & options, CLI::App const & app ) 
    }
    std::optional< ConntrackListing > listing;
    auto configuration = configurationOf( options, listing );
-   if ( !isEnabled( configuration ) ) {
-      return complete;
+   bool const isEnabled = configuration.enabled;
+   if ( !isEnabled ) {
+      tellDisabled( configuration );
+      configuration = emptied( configuration );
    }
    Trace::enabledLevelIs( options.traceLevel );
    InterfaceHost const host( std::move( configuration ) );
-   Report report( std::cout, options.format == "json", TextStyle::ofStandardOutput() );
+   Report report( options.format == "json" );
    if ( listing ) {
       report.fact( "conntrack", factsOf( *listing ) );
    }
    reportInterfaceMode( report, host, options.sections.ringLines );
+   write( report, isEnabled );
    return host.isComplete() ? complete : incomplete;
 }
 
@@ -219,14 +274,6 @@ int programAndExplain( Options const & options ) {
    } );
 }
 
-// Names the program in front of every line.
-void complain( std::string const & text ) {
-   std::istringstream lines( text );
-   for ( std::string line; std::getline( lines, line ); ) {
-      std::cerr << "nat-agent: " << line << '\n';
-   }
-}
-
 // Serves until it is told to end, which is success whatever is programmed then.
 int programAndServe( Options options ) {
    std::optional< Server > server;
@@ -238,6 +285,9 @@ int programAndServe( Options options ) {
    auto const read = [ & ]( std::string const & file ) {
       auto next = options;
       next.file = file.empty() ? options.file : file;
+      if ( next.file == standardInput || next.conntrack == standardInput ) {
+         throw UnusableInput( "-: standard input was read at the start; allowed: files, of which reload can name one" );
+      }
       std::optional< ConntrackListing > listing;
       auto configuration = configurationOf( next, listing );
       if ( !configuration.enabled ) {
@@ -250,15 +300,22 @@ int programAndServe( Options options ) {
       }
       return configuration;
    };
+   outliveTerminal();
    program( options, follower, [ & ]( Host & host, Report & report ) {
-      server.emplace( options.state );
+      bool const isEnabled = host.configuration().enabled;
+      if ( isEnabled ) {
+         server.emplace( options.state );
+      }
       reportHeading( report, host.configuration() );
       reportSummary( report, host );
       if ( follower ) {
          report.line( follower->summary( host ) );
       }
       report.line( "Serving at " + socketIn( options.state ) );
-      std::cout.flush();
+      write( report, isEnabled );
+      if ( !isEnabled ) {
+         return true;
+      }
       Requests requests( host, read, follower );
       std::string storeFault;
       auto const turn = [ & ] {
@@ -272,12 +329,16 @@ int programAndServe( Options options ) {
                                          : storeFault + "; what needs them waits" );
          }
       };
-      server->serve(
-         [ & ]( std::string_view request, std::string & answer ) {
-            turn();  // answers speak of what was there when they were asked for
-            return requests.answer( request, answer );
-         },
-         &Requests::refusal, { [ & ] { return follower ? follower->descriptor() : -1; }, turn } );
+      auto const reload = [ & ] {
+         auto const fault = requests.reload();
+         complain( fault.empty() ? "reloaded " + options.file : fault );
+      };
+      auto const answer = [ & ]( std::string_view request ) {
+         turn();  // answers speak of what was there when they were asked for
+         return requests.answer( request );
+      };
+      server->serve( answer, &Requests::refusal,
+                     { [ & ] { return follower ? follower->descriptor() : -1; }, turn, reload } );
       return true;
    } );
    return complete;
@@ -297,7 +358,9 @@ int askServer( Options const & options, std::vector< std::string > const & words
       }
       auto const name = words[ i ].substr( 2 );
       // The server may stand in another folder.
-      params[ name ] = name == "file" ? std::filesystem::absolute( words[ i + 1 ] ).string() : words[ i + 1 ];
+      auto const & value = words[ i + 1 ];
+      bool const isFile = name == "file" && !value.empty() && value != standardInput;
+      params[ name ] = isFile ? std::filesystem::absolute( value ).string() : value;
    }
    params[ "format" ] = options.format;
    Json const request{ { "jsonrpc", "2.0" }, { "id", 1 }, { "method", words.at( 0 ) }, { "params", params } };
@@ -323,21 +386,23 @@ int askServer( Options const & options, std::vector< std::string > const & words
 }
 
 void addControlOptions( CLI::App & app, Options & options ) {
-   app.add_option( "--state", options.state, "State folder of the agent" )->type_name( "DIR" )->required();
+   app.add_option( "--state", options.state, "State folder of the agent" )
+      ->type_name( "DIR" )
+      ->check( refusalOfNothing )
+      ->required();
    app.add_option( "--format", options.format, "text (default) or json" )
       ->type_name( "FORMAT" )
       ->check( CLI::IsMember( { "text", "json" } ) );
    app.prefix_command();
    app.footer(
-      "METHOD is one of show, connections, statuses, rows, ids, traps, profiles, ring [--lines N], summary,\n"
+      "METHOD is one of show, connections, statuses, rows, ids, traps (these with --limit N, and --COLUMN TEXT for\n"
+      "rows that have it there), profiles, ring [--lines N], summary,\n"
       "explain with the options of nat-agent explain, reload [--file CONFIG], delete-all, add-all, retry, following,\n"
       "resync, stop.\n\n"
       "Exit status: 0 everything is programmed, 1 something is not, 2 the request cannot be carried out." );
 }
 
-}  // namespace
-
-int run( int argumentCount, char ** arguments ) {
+int runCommand( int argumentCount, char ** arguments ) {
    Options options;
    CLI::App app( "Programs a NAT configuration into the tables of a simulated forwarding chip.", "nat-agent" );
    addCommonOptions( app, options );
@@ -361,18 +426,20 @@ int run( int argumentCount, char ** arguments ) {
       "     --src 10.10.20.10:8443 --dst 203.0.113.9:51000\n"
       "  nat-agent examples/mixed.json --conntrack examples/conntrack-masquerade.txt --nat-interface ethernet1\n"
       "  nat-agent ctl --state /var/lib/nat reload\n\n"
-      "Exit status: 0 all programmed and every row accepted, 1 something was not, 2 unusable input." );
+      "Exit status: 0 all programmed and every row accepted, 1 something was not, 2 unusable input, 3 standard output\n"
+      "cannot be written." );
    CLI::App explain( "Walks a packet, and the reply to it, through the tables that a configuration is programmed into.",
                      "nat-agent explain" );
    addCommonOptions( explain, options );
    addPacketOptions( explain, options.packet );
-   explain.footer( "Exit status: 1 also when a packet matches two rows equally well; else as without explain." );
+   explain.footer( "Exit status: 1 also when the packet's way is not certain; else as without explain." );
    CLI::App serve( "Programs a configuration and stays, to take requests over a socket in the state folder.",
                    "nat-agent serve" );
    addCommonOptions( serve, options );
    serve.get_option( "--state" )->required();
    addFollowingOptions( serve, options );
-   serve.footer( "SIGTERM ends it; the NAT ids are kept. Exit status: 0 ended as told, 2 unusable input." );
+   serve.footer(
+      "SIGTERM ends it; the NAT ids are kept. SIGHUP reloads. Exit status: 0 ended as told, 2 unusable input." );
    CLI::App ctl( "Asks an agent that serves.", "nat-agent ctl" );
    addControlOptions( ctl, options );
 
@@ -398,6 +465,22 @@ int run( int argumentCount, char ** arguments ) {
       complain( fault.what() );
    }
    return unusable;
+}
+
+}  // namespace
+
+int run( int argumentCount, char ** arguments ) {
+   try {
+      std::cout.exceptions( std::ios::badbit | std::ios::failbit );
+      auto const status = runCommand( argumentCount, arguments );
+      std::cout.flush();
+      return status;
+   } catch ( std::ios_base::failure const & ) {
+      int const error = errno;
+      std::cout.exceptions( std::ios::goodbit );  // standard error is tied to it
+      complain( std::string( "standard output: cannot be written: " ) + std::strerror( error ) );
+      return untold;
+   }
 }
 
 }  // namespace Agent

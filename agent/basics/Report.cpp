@@ -1,161 +1,184 @@
 #include "agent/basics/Report.h"
 
-#include <Vexa/Value.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <sstream>
 #include <utility>
-
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 namespace Agent {
 
 namespace {
 
-constexpr std::size_t gap = 2;
-// ECMA-48, select graphic rendition.
-constexpr char const * green = "\x1b[32m";
-constexpr char const * red = "\x1b[31m";
-constexpr char const * colourEnd = "\x1b[0m";
-
-// Null for what is neither good nor bad.
-char const * colourOf( std::string_view column, std::string_view cell ) {
-   if ( column != "result" && column != "state" ) {
-      return nullptr;
+// All that is left of a source.
+Table tableOf( RowSource & source ) {
+   Table table( source.columns() );
+   while ( source.next( table ) ) {
    }
-   return cell == "programmed" || cell == "settled" ? green : red;
+   return table;
 }
 
-JsonArray numbersIn( std::string_view cell ) {
-   JsonArray numbers;
-   std::istringstream words{ std::string( cell ) };
-   for ( unsigned number = 0; words >> number; ) {
-      numbers.push_back( number );
+JsonArray textsOf( Table const & table ) {
+   JsonArray texts;
+   for ( std::size_t row = 0; row < table.rowCount(); ++row ) {
+      texts.emplace_back( table.cellAt( row, 0 ) );
    }
-   return numbers;
+   return texts;
 }
 
-}  // namespace
-
-TextStyle TextStyle::ofStandardOutput() {
-   if ( isatty( STDOUT_FILENO ) == 0 ) {
-      return {};
-   }
-   winsize size{};
-   bool const isKnown = ioctl( STDOUT_FILENO, TIOCGWINSZ, &size ) == 0;
-   return { .width = isKnown ? size.ws_col : std::size_t{ 0 }, .colours = std::getenv( "NO_COLOR" ) == nullptr };
-}
-
-Table::Table( std::vector< Column > columns ) : columns_( std::move( columns ) ), widths_( columns_.size() ) {}
-
-void Table::endCell() {
-   auto & width = widths_[ ends_.size() % columns_.size() ];
-   width = std::max( width, text_.size() - ( ends_.empty() ? 0 : ends_.back() ) );
-   ends_.push_back( text_.size() );
-}
-
-void Table::number( U64 number ) {
-   Vexa::append( text_, number );
-   endCell();
-}
-
-std::string_view Table::cellAt( std::size_t index ) const {
-   auto const start = index == 0 ? 0 : ends_[ index - 1 ];
-   return std::string_view( text_ ).substr( start, ends_[ index ] - start );
-}
-
-// Groups of columns that have something in them, each as wide as a line at most and beginning with the first column.
-std::vector< std::vector< std::size_t > > Table::columnGroups( std::size_t lineWidth ) const {
-   std::vector< std::vector< std::size_t > > groups( 1 );
-   std::size_t used = 0;
-   for ( std::size_t column = 0; column < columns_.size(); ++column ) {
-      if ( widths_[ column ] == 0 ) {
-         continue;
-      }
-      if ( lineWidth != 0 && used + gap + width( column ) > lineWidth && groups.back().size() > 1 ) {
-         auto const first = groups.front().front();
-         groups.push_back( { first } );
-         used = gap + width( first );
-      }
-      groups.back().push_back( column );
-      used += gap + width( column );
-   }
-   return groups;
-}
-
-std::string Table::lines( TextStyle style ) const {
+std::string indented( Table const & table ) {
    std::string lines;
-   for ( auto const & group : columnGroups( style.width ) ) {
-      auto const addLine = [ & ]( auto const & cellOf, bool isColoured ) {
-         std::size_t padding = gap;
-         for ( auto const column : group ) {
-            std::string_view const cell = cellOf( column );
-            if ( !cell.empty() ) {
-               auto const * const colour = isColoured ? colourOf( columns_[ column ].name, cell ) : nullptr;
-               lines.append( padding, ' ' ).append( colour ? colour : "" ).append( cell );
-               lines.append( colour ? colourEnd : "" );
-               padding = 0;
-            }
-            padding += width( column ) - cell.size() + gap;
-         }
-         lines += '\n';
-      };
-      lines += lines.empty() ? "" : "\n";
-      addLine( [ & ]( std::size_t column ) { return columns_[ column ].name; }, false );
-      for ( std::size_t first = 0; first < ends_.size(); first += columns_.size() ) {
-         addLine( [ & ]( std::size_t column ) { return cellAt( first + column ); }, style.colours );
-      }
+   for ( std::size_t row = 0; row < table.rowCount(); ++row ) {
+      lines.append( "  " ).append( table.cellAt( row, 0 ) ).append( "\n" );
    }
    return lines;
 }
 
-JsonArray Table::json() const {
-   JsonArray rows;
-   rows.reserve( rowCount() );
-   for ( std::size_t i = 0; i < ends_.size(); ++i ) {
-      auto const & column = columns_[ i % columns_.size() ];
-      if ( i % columns_.size() == 0 ) {
-         rows.emplace_back( JsonObject() );
-      }
-      if ( auto const cell = cellAt( i ); !cell.empty() ) {
-         auto & value = rows.back().as_object()[ column.name ];
-         if ( column.kind == Kind::text ) {
-            value = cell;
-         } else {
-            auto numbers = numbersIn( cell );
-            value = column.kind == Kind::number ? numbers.at( 0 ) : Json( std::move( numbers ) );
-         }
-      }
-   }
-   return rows;
+// As it stands inside a JSON text.
+std::string escaped( std::string_view text ) {
+   auto const quoted = lineOf( Json( text ) );
+   return quoted.substr( 1, quoted.size() - 2 );
 }
 
-Report::~Report() {
-   if ( isJson_ && !isTaken_ ) {
-      writeLines( out_, json_ );
-      out_ << '\n';
-   }
-}
+}  // namespace
 
 void Report::line( std::string_view text ) {
    if ( !isJson_ ) {
-      out_ << text << '\n';
+      parts_.push_back( { .name = {}, .content = std::string( text ) + '\n' } );
    }
 }
 
-void Report::fact( char const * name, Json value ) {
+void Report::fact( std::string_view name, Json value ) {
    if ( isJson_ ) {
-      json_[ name ] = std::move( value );
+      parts_.push_back( { .name = std::string( name ), .content = std::move( value ) } );
    }
 }
 
-void Report::table( char const * name, Table const & table ) {
-   if ( isJson_ ) {
-      json_[ name ] = table.json();
+void Report::table( std::string_view name, Table table ) {
+   parts_.push_back( { .name = std::string( name ), .content = std::move( table ) } );
+}
+
+void Report::rows( std::string_view name, std::unique_ptr< RowSource > source ) {
+   parts_.push_back( { .name = std::string( name ), .content = std::move( source ) } );
+}
+
+void Report::texts( std::string_view name, std::unique_ptr< RowSource > source ) {
+   parts_.push_back( { .name = std::string( name ), .content = std::move( source ), .isTexts = true } );
+}
+
+void Report::write( std::ostream & out, TextStyle style ) {
+   if ( isJson_ && !parts_.empty() ) {
+      return writeJson( out );
+   }
+   for ( ; !parts_.empty(); parts_.pop_front() ) {
+      auto & part = parts_.front();
+      if ( auto * const source = std::get_if< std::unique_ptr< RowSource > >( &part.content ) ) {
+         auto const table = tableOf( **source );
+         out << ( part.isTexts ? indented( table ) : table.lines( style ) );
+      } else if ( auto const * const table = std::get_if< Table >( &part.content ) ) {
+         out << table->lines( style );
+      } else {
+         out << std::get< std::string >( part.content );
+      }
+   }
+}
+
+void Report::writeJson( std::ostream & out ) {
+   JsonObject object;
+   for ( ; !parts_.empty(); parts_.pop_front() ) {
+      auto & part = parts_.front();
+      auto & value = object[ part.name ];
+      if ( auto * const source = std::get_if< std::unique_ptr< RowSource > >( &part.content ) ) {
+         auto const table = tableOf( **source );
+         value = part.isTexts ? textsOf( table ) : table.json();
+      } else if ( auto const * const table = std::get_if< Table >( &part.content ) ) {
+         value = table->json();
+      } else {
+         value = std::move( std::get< Json >( part.content ) );
+      }
+   }
+   writeLines( out, object );
+   out << '\n';
+}
+
+// --- By and by -------------------------------------------------------------------------------------------------------
+
+// The rows of one part. As text they are looked at twice, first for the widths of their columns.
+class ReportPieces::Rows {
+ public:
+   Rows( std::unique_ptr< RowSource > source, bool isJson, bool isTexts )
+      : source_( std::move( source ) ),
+        isJson_( isJson ),
+        isTexts_( isTexts ),
+        isMeasuring_( !isJson && !isTexts ),
+        layout_( source_->columns() ) {}
+
+   bool next( std::string & out ) {
+      Table some( source_->columns() );
+      bool const hasMore = source_->next( some );
+      if ( isMeasuring_ ) {
+         layout_.widen( some );
+         if ( !hasMore ) {
+            isMeasuring_ = false;
+            source_->rewind();
+            out += escaped( layout_.lines() );
+         }
+         return true;
+      }
+      if ( !isJson_ ) {
+         some.widen( layout_ );
+         out += escaped( isTexts_ ? indented( some ) : some.lines( {}, false ) );
+         return hasMore;
+      }
+      auto const list = lineOf( Json( isTexts_ ? textsOf( some ) : some.json() ) );
+      if ( some.rowCount() != 0 ) {
+         out += std::exchange( isFirst_, false ) ? "" : ",";
+         out.append( list, 1, list.size() - 2 );
+      }
+      return hasMore;
+   }
+
+ private:
+   std::unique_ptr< RowSource > source_;
+   bool isJson_;
+   bool isTexts_;
+   bool isMeasuring_;
+   Table layout_;
+   bool isFirst_ = true;
+};
+
+ReportPieces::ReportPieces( Report && report ) : report_( std::move( report ) ) {}
+ReportPieces::~ReportPieces() = default;
+
+bool ReportPieces::next( std::string & out ) {
+   if ( std::exchange( isFirst_, false ) && !report_.isJson() ) {
+      out += "\"text\":\"";
+   }
+   if ( rows_ ) {
+      if ( !rows_->next( out ) ) {
+         rows_ = nullptr;
+         out += report_.isJson() ? "]," : "";
+      }
+      return true;
+   }
+   if ( report_.parts_.empty() ) {
+      out += report_.isJson() ? "" : "\",";
+      return false;
+   }
+   take( report_.parts_.front(), out );
+   report_.parts_.pop_front();
+   return true;
+}
+
+void ReportPieces::take( Report::Part & part, std::string & out ) {
+   bool const isJson = report_.isJson();
+   if ( isJson ) {
+      out += lineOf( Json( part.name ) ) + ':';
+   }
+   if ( auto * const source = std::get_if< std::unique_ptr< RowSource > >( &part.content ) ) {
+      rows_ = std::make_unique< Rows >( std::move( *source ), isJson, part.isTexts );
+      out += isJson ? "[" : "";
+   } else if ( auto const * const table = std::get_if< Table >( &part.content ) ) {
+      out += isJson ? lineOf( Json( table->json() ) ) + ',' : escaped( table->lines() );
    } else {
-      out_ << table.lines( style_ );
+      out +=
+         isJson ? lineOf( std::get< Json >( part.content ) ) + ',' : escaped( std::get< std::string >( part.content ) );
    }
 }
 

@@ -1,6 +1,7 @@
 #include "agent/basics/Text.h"
 
 #include <algorithm>
+#include <bit>
 #include <iterator>
 #include <variant>
 
@@ -34,6 +35,12 @@ std::string textOf( Netix::IpAndPort const & pair ) {
       Vexa::append( text, pair.port );
    }
    return text;
+}
+
+std::string textOf( Netix::IpAddrWithFullMask const & prefix ) {
+   return prefix.mask == Netix::IpAddr()
+             ? ""
+             : textOf( { prefix.address, 0 } ) + "/" + std::to_string( std::popcount( prefix.mask.value() ) );
 }
 
 std::string protocolText( U8 protocol ) {

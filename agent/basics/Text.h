@@ -6,6 +6,7 @@
 #include <Asic/EntryState.h>
 #include <IpNat/NatStatic.h>
 #include <Netix/IntfId.h>
+#include <Netix/IpAddrWithFullMask.h>
 #include <Netix/IpAndPort.h>
 #include <Pfe/NatId.h>
 #include <PfeHelper/NatHwResult.h>
@@ -27,6 +28,8 @@ inline constexpr ProtocolName protocolNames[] = { { 0, "any" },  { 1, "icmp" }, 
 
 // "10.0.0.1:80", without the port when it is 0.
 std::string textOf( Netix::IpAndPort const & pair );
+// "10.0.0.0/8", empty for the prefix of all addresses.
+std::string textOf( Netix::IpAddrWithFullMask const & prefix );
 // The name; the number of a protocol that has none here.
 std::string protocolText( U8 protocol );
 std::string_view targetText( Ip::Nat::NatTarget target );

@@ -9,14 +9,18 @@
 #include <filesystem>
 #include <memory>
 
+#include <unistd.h>
+
 namespace Agent {
 
 std::string textOfFile( std::string const & file ) {
    constexpr std::size_t chunk = 1U << 16;
    constexpr std::size_t largest = std::size_t{ 1 } << 30;  // not all that can be named ends
-   std::unique_ptr< std::FILE, int ( * )( std::FILE * ) > const in( std::fopen( file.c_str(), "rb" ), &std::fclose );
+   bool const isStandardInput = file == standardInput;
+   std::unique_ptr< std::FILE, int ( * )( std::FILE * ) > const in(
+      isStandardInput ? fdopen( dup( STDIN_FILENO ), "rb" ) : std::fopen( file.c_str(), "rb" ), &std::fclose );
    std::error_code unknown;  // of what is no regular file
-   auto const size = std::filesystem::file_size( file, unknown );
+   auto const size = isStandardInput ? 0 : std::filesystem::file_size( file, unknown );
    std::string text;
    text.reserve( unknown ? 0 : std::min< std::size_t >( size, largest ) + chunk );
    for ( std::size_t taken = chunk; in && taken == chunk; ) {

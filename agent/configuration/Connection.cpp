@@ -111,6 +111,11 @@ bool isMulticast( StaticRule const & rule ) { return Pfe::staticConnectionIsMult
 
 bool isMulticast( TwiceRule const & rule ) { return Pfe::twiceConnectionIsMulticast( rule.key, rule.entry ); }
 
+bool isTranslatedElsewhere( Connection const & connection, Settings const & settings ) {
+   auto const * const rule = std::get_if< DynamicRule >( &connection.rule );
+   return rule && rule->entry->connection().fullCone && !settings.fullConeProgrammed;
+}
+
 Pfe::IngStaticNatTable::Key ingressRowOf( StaticRule const & rule, NatTarget target ) {
    auto const & connection = rule.entry->connection();
    IpAndPort const inKey{ rule.key.key.ip, rule.key.key.port };

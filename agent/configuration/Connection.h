@@ -60,6 +60,9 @@ bool isMulticast( StaticRule const & rule );
 bool isMulticast( TwiceRule const & rule );
 inline bool isMulticast( DynamicRule const & ) { return false; }
 
+// Whether these tables are not asked for it: a full-cone connection of a chip that has them elsewhere.
+bool isTranslatedElsewhere( Connection const & connection, Settings const & settings );
+
 // The rows that match whole packets: that of the rule's own target or direction, then that of the replies, which
 // multicast lacks.
 using IngressRows = Vexa::InlineList< Pfe::IngNatTableKey, 2 >;

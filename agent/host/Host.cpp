@@ -368,7 +368,8 @@ bool Host::isComplete() const {
    tables_.forEach( [ & ]( auto const & table ) { complete = complete && table.failedRowCount() == 0; } );
    return complete && std::ranges::all_of( configuration_.connections, [ & ]( Connection const & connection ) {
              auto const * const result = resultOf( connection );
-             return result && *result == PfeHelper::NatHwResult::programmed;
+             return ( result && *result == PfeHelper::NatHwResult::programmed ) ||
+                    ( !isDeleted() && isTranslatedElsewhere( connection, configuration_.settings ) );
           } );
 }
 
@@ -376,6 +377,7 @@ bool Host::isComplete() const {
 
 // An id is on disk before any row that uses it can settle.
 bool Host::runUntilAtRest() {
+   ++changes_;
    do {
       if ( store_ && store_->hasNewIds() && !commit() ) {
          return false;

@@ -62,7 +62,7 @@ class Host {
    // Why the store did not take the NAT ids when it was last asked to; empty: it did.
    std::string const & storeFault() const { return storeFault_; }
 
-   // Whether every connection is programmed and every row of every table accepted.
+   // Whether every connection is programmed, or translated elsewhere, and every row of every table accepted.
    bool isComplete() const;
    // Null: no result yet, or none for such a rule.
    PfeHelper::NatHwResult const * resultOf( Connection const & connection ) const;
@@ -72,6 +72,8 @@ class Host {
    Pfe::NatIdInfo const & natIdInfo() const { return *natIdInfo_; }
    Pfe::NatSwTableProgrammerSm const & programmer() const { return *programmer_; }
    NatIdStore const * store() const { return store_; }  // null: none
+   // Another number whenever configuration, tables or results may have changed.
+   U64 changes() const { return changes_; }
    // Settles so far.
    U64 turns() const { return turns_; }
 
@@ -111,6 +113,7 @@ class Host {
    SharedRewrites shared_;               // left by what went in the present operation
    std::optional< TwinSharers > twins_;  // of what is configured; none: not looked for yet
    std::string storeFault_;
+   U64 changes_ = 0;
    U64 turns_ = 0;
 };
 

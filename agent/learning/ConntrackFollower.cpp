@@ -296,7 +296,7 @@ void ConntrackFollower::report( Report & report, Host const & host ) const {
                 " events in one of " + n( c.turns ) + " turns" );
    if ( table.rowCount() != 0 ) {
       report.line( "" );
-      report.table( "passedOver", table );
+      report.table( "passedOver", std::move( table ) );
    }
 }
 

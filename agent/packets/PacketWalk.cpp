@@ -134,36 +134,7 @@ template< class Table > class IngressIndex {
    ByHash byConditions_;
 };
 
-U32 hashOf( Asic::EntryHandle const * handle ) { return Vexa::hash( reinterpret_cast< U64 >( handle ), 0x9B05688C ); }
 U32 hashOf( Pfe::IngNatTableKey const & row ) { return Vexa::hash( row, 0x1F83D9AB ); }
-
-// The rows of an egress table by their handles.
-template< class Table > class EgressIndex {
- public:
-   explicit EgressIndex( Table const & table ) : byHandle_( table.rowCount() ) {
-      rows_.reserve( table.rowCount() );
-      table.forEach( [ & ]( auto const & key, auto const &, Asic::EntryHandle const & handle ) {
-         rows_.push_back( { &handle, &key } );
-         byHandle_.add( hashOf( &handle ) );
-      } );
-   }
-
-   template< class Function > void forEach( Asic::EntryHandle const & handle, Function && function ) const {
-      byHandle_.forEach( hashOf( &handle ), [ & ]( U32 place ) {
-         if ( rows_[ place ].handle == &handle ) {
-            function( *rows_[ place ].key );
-         }
-      } );
-   }
-
- private:
-   struct Row {
-      Asic::EntryHandle const * handle;
-      typename Table::Key const * key;
-   };
-   std::vector< Row > rows_;
-   ByHash byHandle_;
-};
 
 // The connections by the rows that they derive.
 class ConnectionIndex {
@@ -207,10 +178,7 @@ class PacketWalk::Impl {
                   IngressIndex( *tables.of< Pfe::IngDynamicSnaptTable >(), interfaces_.vrfLess ),
                   IngressIndex( *tables.of< Pfe::IngDynamicDnaptTable >(), interfaces_.vrfLess ),
                   IngressIndex( *tables.of< Pfe::IngDynamicSnatAddrOnlyTable >(), interfaces_.vrfLess ),
-                  IngressIndex( *tables.of< Pfe::IngDynamicDnatAddrOnlyTable >(), interfaces_.vrfLess ) ),
-        egress_( EgressIndex( *tables.of< Pfe::EgrSourceNatUcRewriteTable >() ),
-                 EgressIndex( *tables.of< Pfe::EgrDestinationNatUcRewriteTable >() ),
-                 EgressIndex( *tables.of< Pfe::EgrNatMcRewriteTable >() ) ) {}
+                  IngressIndex( *tables.of< Pfe::IngDynamicDnatAddrOnlyTable >(), interfaces_.vrfLess ) ) {}
 
    ConnectionIndex const & connections() const { return connections_; }
 
@@ -296,12 +264,10 @@ class PacketWalk::Impl {
 
    void addCopy( Asic::EntryHandle const & handle, Packet const & packet, std::vector< Copy > & copies ) const {
       tables_.forEachEgress( [ & ]( auto const & table ) {
-         using Table = std::remove_cvref_t< decltype( table ) >;
-         std::get< EgressIndex< Table > >( egress_ ).forEach( handle, [ & ]( auto const & key ) {
-            if ( auto const * const held = table.hardwareEntry( key ) ) {
-               copies.push_back( { table.name(), fieldsOf( key ), rewritten( packet, *held ) } );
-            }
-         } );
+         auto const key = keyOf( table, handle );
+         if ( auto const * const held = key ? table.hardwareEntry( *key ) : nullptr ) {
+            copies.push_back( { table.name(), fieldsOf( *key ), rewritten( packet, *held ) } );
+         }
       } );
    }
 
@@ -312,9 +278,6 @@ class PacketWalk::Impl {
                IngressIndex< Pfe::IngDynamicSnaptTable >, IngressIndex< Pfe::IngDynamicDnaptTable >,
                IngressIndex< Pfe::IngDynamicSnatAddrOnlyTable >, IngressIndex< Pfe::IngDynamicDnatAddrOnlyTable > >
       ingress_;
-   std::tuple< EgressIndex< Pfe::EgrSourceNatUcRewriteTable >, EgressIndex< Pfe::EgrDestinationNatUcRewriteTable >,
-               EgressIndex< Pfe::EgrNatMcRewriteTable > >
-      egress_;
 };
 
 PacketWalk::PacketWalk( NatTables const & tables, Interfaces interfaces )

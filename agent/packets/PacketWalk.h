@@ -9,9 +9,12 @@
 #include <Netix/IntfId.h>
 #include <Netix/IpAndPort.h>
 #include <Vexa/Types.h>
+#include <Vexa/Value.h>
 
 #include <memory>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -106,6 +109,20 @@ class PacketWalk {
    class Impl;
    std::unique_ptr< Impl const > impl_;
 };
+
+// The key of the row whose handle it is; none when the table has no such row.
+template< class Table >
+std::optional< typename Table::Key > keyOf( Table const & table, Asic::EntryHandle const & handle ) {
+   using Key = typename Table::Key;
+   std::ostringstream description;
+   handle.describe( description );
+   auto const text = std::move( description ).str();
+   if ( !text.starts_with( "Value('" + std::string( Key::typeName ) + '\'' ) ) {
+      return std::nullopt;
+   }
+   auto const key = Vexa::parseWhole< Key >( text );
+   return table.entryHandle( key ) == &handle ? std::optional( key ) : std::nullopt;
+}
 
 // Of one packet.
 inline Passage walk( NatTables const & tables, Packet const & packet, Interfaces const & interfaces = {} ) {

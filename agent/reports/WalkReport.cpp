@@ -1,9 +1,14 @@
 #include "agent/basics/Text.h"
 #include "agent/reports/HostReport.h"
 
+#include <ranges>
+
 namespace Agent {
 
 namespace {
+
+// Later fragments may match those of all inside hosts behind a public address.
+constexpr std::size_t mostRowsOfAStep = 64;
 
 // Leaves out interfaces that are not known.
 std::string packetText( Packet const & packet ) {
@@ -58,19 +63,23 @@ Table stepsOf( Packet const & packet, Passage const & passage, PacketWalk const 
            connection && connection->line != 0 ? std::to_string( connection->line ) : "" );
    };
    add( "packet", packetText( packet ) );
-   for ( auto const & row : passage.missing ) {
-      addRow( "failed", row );
-   }
-   for ( auto const & row : passage.refused ) {
-      addRow( "drops out", row );
-      add( "because", "no filter of the row permits the packet" );
-   }
-   for ( auto const & row : passage.matches ) {
-      addRow( "match", row );
+   auto const addRows = [ & ]( char const * step, std::vector< IngressRow > const & rows, auto const & addReason ) {
+      for ( auto const & row : rows | std::views::take( mostRowsOfAStep ) ) {
+         addRow( step, row );
+         addReason( row );
+      }
+      if ( rows.size() > mostRowsOfAStep ) {
+         add( step, "and " + counted( rows.size() - mostRowsOfAStep, "more row" ) );
+      }
+   };
+   addRows( "failed", passage.missing, []( IngressRow const & ) {} );
+   addRows( "drops out", passage.refused,
+            [ & ]( IngressRow const & ) { add( "because", "no filter of the row permits the packet" ); } );
+   addRows( "match", passage.matches, [ & ]( IngressRow const & row ) {
       if ( row.permission == Permission::unknown ) {
          add( "only if", conditionText( row.key, walk ) );
       }
-   }
+   } );
    if ( passage.matches.size() > 1 ) {
       add( "unknown", "these rows match equally well" );
    }

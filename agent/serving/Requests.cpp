@@ -10,9 +10,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <deque>
 #include <iterator>
 #include <map>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -38,7 +38,6 @@ Json errorAnswer( Json const & id, Fault const & fault ) {
 }
 
 constexpr std::size_t mostLevels = 16;
-// Each answer may hold everything that is programmed.
 constexpr std::size_t mostInBatch = 16;
 
 // Throws Fault when the request is no JSON.
@@ -70,111 +69,6 @@ std::string textOf( std::string_view name, Json const & value ) {
    return std::to_string( number );
 }
 
-// What a method is handed: its parameters, and where its answer goes.
-struct Call {
-   Host & host;
-   Requests::Read const & read;
-   ConntrackFollower * follower;
-   std::map< std::string, std::string > params;
-   Report & report;
-   bool & ends;
-
-   std::string param( std::string const & name ) const {
-      auto const found = params.find( name );
-      return found == params.end() ? "" : found->second;
-   }
-};
-
-bool showRing( Call & call ) {
-   constexpr std::size_t usual = 20;
-   auto const text = call.param( "lines" );
-   std::size_t lines = text.empty() ? usual : 0;
-   std::from_chars( text.data(), text.data() + text.size(), lines );
-   if ( lines < 1 || lines > Trace::RingTrace::capacity ) {
-      throw Fault{ invalidParams,
-                   "lines: " + text + "; allowed: 1 to " + std::to_string( Trace::RingTrace::capacity ) };
-   }
-   reportRing( call.report, lines );
-   return true;
-}
-
-bool explain( Call & call ) {
-   Packet packet;
-   try {
-      packet = packetFrom( call.params );
-   } catch ( UnusableInput const & fault ) {
-      throw Fault{ invalidParams, fault.what() };
-   }
-   return reportWalk( call.report, PacketWalk( call.host.tables(), call.host.configuration() ), packet );
-}
-
-bool reload( Call & call ) {
-   Configuration configuration;
-   try {
-      configuration = call.read( call.param( "file" ) );
-   } catch ( UnusableInput const & fault ) {
-      throw Fault{ unusable, fault.what() };
-   }
-   call.host.reload( std::move( configuration ) );
-   reportSummary( call.report, call.host );
-   return true;
-}
-
-ConntrackFollower & followerOf( Call const & call ) {
-   if ( !call.follower ) {
-      throw Fault{ unusable, "no connection tracking is followed; allowed: of an agent with --follow-conntrack" };
-   }
-   return *call.follower;
-}
-
-bool showFollowing( Call & call ) {
-   followerOf( call ).report( call.report, call.host );
-   return followerOf( call ).descriptor() >= 0;
-}
-
-bool resync( Call & call ) {
-   followerOf( call ).resync( call.host );
-   return showFollowing( call );
-}
-
-bool summarize( Call & call ) {
-   reportSummary( call.report, call.host );
-   return true;
-}
-
-template< void ( *show )( Report &, Host const & ) > bool showPart( Call & call ) {
-   show( call.report, call.host );
-   return true;
-}
-
-struct Method {
-   std::string_view name;
-   std::vector< std::string_view > params;
-   bool ( *run )( Call & call );  // whether the answer is certain
-};
-
-std::vector< Method > const & methods() {
-   static std::vector< Method > const all{
-      { "show", {}, []( Call & call ) { return reportProgramming( call.report, call.host, {} ), true; } },
-      { "connections", {}, showPart< reportConnections > },
-      { "statuses", {}, showPart< reportStatuses > },
-      { "rows", {}, showPart< reportRows > },
-      { "ids", {}, showPart< reportNatIds > },
-      { "traps", {}, showPart< reportTraps > },
-      { "profiles", {}, showPart< reportProfiles > },
-      { "ring", { "lines" }, showRing },
-      { "summary", {}, summarize },
-      { "explain", { "in", "out", "vrf", "proto", "src", "dst", "fragment" }, explain },
-      { "reload", { "file" }, reload },
-      { "delete-all", {}, []( Call & call ) { return call.host.deleteAll(), summarize( call ); } },
-      { "add-all", {}, []( Call & call ) { return call.host.addAll(), summarize( call ); } },
-      { "retry", {}, []( Call & call ) { return call.host.retry(), summarize( call ); } },
-      { "following", {}, showFollowing },
-      { "resync", {}, resync },
-      { "stop", {}, []( Call & call ) { return call.ends = true; } } };
-   return all;
-}
-
 std::string listOf( auto const & names ) {
    std::string list;
    for ( auto const & name : names ) {
@@ -183,120 +77,342 @@ std::string listOf( auto const & names ) {
    return list;
 }
 
-Method const & methodOf( std::string_view name ) {
-   auto const found = std::ranges::find( methods(), name, &Method::name );
-   if ( found == methods().end() ) {
-      std::vector< std::string_view > names;
-      std::ranges::transform( methods(), std::back_inserter( names ), &Method::name );
-      throw Fault{ noSuchMethod,
-                   "no such method: " + std::string( name.substr( 0, 60 ) ) + "; allowed: " + listOf( names ) };
+// Of a parameter; `usual` when it is not given.
+std::size_t numberOf( std::map< std::string, std::string > const & params, char const * name, std::size_t usual,
+                      std::size_t most ) {
+   auto const found = params.find( name );
+   if ( found == params.end() ) {
+      return usual;
    }
-   return *found;
+   auto const & text = found->second;
+   std::size_t number = 0;
+   auto const [ end, error ] = std::from_chars( text.data(), text.data() + text.size(), number );
+   if ( error != std::errc{} || end != text.data() + text.size() || number < 1 || number > most ) {
+      throw Fault{ invalidParams,
+                   std::string( name ) + ": " + text.substr( 0, 60 ) + "; allowed: 1 to " + std::to_string( most ) };
+   }
+   return number;
 }
 
 }  // namespace
+
+// --- Methods ---------------------------------------------------------------------------------------------------------
+
+// What a method is handed: its parameters, and where its answer goes.
+struct Requests::Call {
+   Requests & requests;
+   std::map< std::string, std::string > params;
+   Report & report;
+
+   Host & host() const { return requests.host_; }
+
+   ConntrackFollower & follower() const {
+      if ( !requests.follower_ ) {
+         throw Fault{ unusable, "no connection tracking is followed; allowed: of an agent with --follow-conntrack" };
+      }
+      return *requests.follower_;
+   }
+
+   Selection selection() const {
+      constexpr std::size_t most = 1'000'000'000;
+      Selection selection{ .cells = params, .limit = {} };
+      if ( selection.cells.erase( "limit" ) != 0 ) {
+         selection.limit = numberOf( params, "limit", most, most );
+      }
+      return selection;
+   }
+
+   // Each whether the answer is certain.
+   bool summarize() const {
+      reportSummary( report, host() );
+      return true;
+   }
+
+   bool explain() const {
+      Packet packet;
+      try {
+         packet = packetFrom( params );
+      } catch ( UnusableInput const & fault ) {
+         throw Fault{ invalidParams, fault.what() };
+      }
+      return reportWalk( report, requests.walk(), packet );
+   }
+
+   bool reload() const {
+      auto const file = params.find( "file" );
+      if ( file != params.end() && ( file->second.empty() || file->second == "-" ) ) {
+         throw Fault{ invalidParams, "file: \"" + file->second + "\"; allowed: the name of a configuration" };
+      }
+      Configuration configuration;
+      try {
+         configuration = requests.read_( file == params.end() ? "" : file->second );
+      } catch ( UnusableInput const & fault ) {
+         throw Fault{ unusable, fault.what() };
+      }
+      host().reload( std::move( configuration ) );
+      return summarize();
+   }
+
+   bool showFollowing() const {
+      follower().report( report, host() );
+      return follower().descriptor() >= 0;
+   }
+
+   bool resync() const {
+      follower().resync( host() );
+      return showFollowing();
+   }
+
+   bool showRing() const {
+      constexpr std::size_t usual = 20;
+      reportRing( report, numberOf( params, "lines", usual, Trace::RingTrace::capacity ) );
+      return true;
+   }
+};
+
+namespace {
+
+template< void ( *show )( Report &, Host const &, Selection const & ) > bool showSome( auto const & call ) {
+   show( call.report, call.host(), call.selection() );
+   return true;
+}
+
+}  // namespace
+
+struct Requests::Method {
+   std::string_view name;
+   std::vector< std::string_view > params;
+   bool ( *run )( Call const & call );  // whether the answer is certain
+};
+
+std::vector< Requests::Method > const & Requests::methods() {
+   static std::vector< Method > const all{
+      { "show", {}, []( Call const & call ) { return reportProgramming( call.report, call.host(), {} ), true; } },
+      { "connections",
+        { "entry", "line", "kind", "interface", "vrf", "vlan", "accessList", "target", "protocol", "local", "global",
+          "peer", "natIds", "fragmentIds", "result", "limit" },
+        showSome< reportConnections > },
+      { "statuses", { "entry", "line", "result", "limit" }, showSome< reportStatuses > },
+      { "rows", { "table", "row", "action", "state", "limit" }, showSome< reportRows > },
+      { "ids", { "natId", "holder", "limit" }, showSome< reportNatIds > },
+      { "traps", { "acl", "trap", "limit" }, showSome< reportTraps > },
+      { "profiles", {}, []( Call const & call ) { return reportProfiles( call.report, call.host() ), true; } },
+      { "ring", { "lines" }, []( Call const & call ) { return call.showRing(); } },
+      { "summary", {}, []( Call const & call ) { return call.summarize(); } },
+      { "explain",
+        { "in", "out", "vrf", "proto", "src", "dst", "fragment" },
+        []( Call const & call ) { return call.explain(); } },
+      { "reload", { "file" }, []( Call const & call ) { return call.reload(); } },
+      { "delete-all", {}, []( Call const & call ) { return call.host().deleteAll(), call.summarize(); } },
+      { "add-all", {}, []( Call const & call ) { return call.host().addAll(), call.summarize(); } },
+      { "retry", {}, []( Call const & call ) { return call.host().retry(), call.summarize(); } },
+      { "following", {}, []( Call const & call ) { return call.showFollowing(); } },
+      { "resync", {}, []( Call const & call ) { return call.resync(); } },
+      { "stop", {}, []( Call const & call ) { return call.requests.ends_ = true; } } };
+   return all;
+}
+
+// --- Answers ---------------------------------------------------------------------------------------------------------
+
+class Requests::AnswerToAll final : public Answer {
+ public:
+   AnswerToAll( Requests & requests, std::string_view message ) : requests_( requests ) {
+      try {
+         take( parsed( message ) );
+      } catch ( Fault const & fault ) {
+         isBatch_ = false;
+         waiting_.clear();
+         waiting_.push_back( { .fault = fault } );
+      }
+   }
+
+   bool next( std::string & text ) override {
+      if ( current_ ) {
+         tell( text );
+      } else if ( !waiting_.empty() ) {
+         auto request = std::move( waiting_.front() );
+         waiting_.pop_front();
+         start( request, text );
+      }
+      bool const hasMore = current_ || !waiting_.empty();
+      if ( !hasMore && hasTold_ ) {
+         text += isBatch_ ? "]\n" : "\n";
+      }
+      return hasMore;
+   }
+
+   bool endsServing() const override { return requests_.ends_; }
+
+ private:
+   // One request, as far as it is needed.
+   struct Request {
+      Json id = nullptr;
+      bool isNotification = false;
+      std::optional< Fault > fault = {};
+      Method const * method = nullptr;
+      std::map< std::string, std::string > params = {};
+      bool isText = false;
+   };
+
+   // The request that is being answered.
+   struct Current {
+      Current( Report && report, Json requestId, bool certain, U64 changesBefore )
+         : pieces( std::move( report ) ),
+           id( std::move( requestId ) ),
+           isCertain( certain ),
+           changes( changesBefore ) {}
+      ReportPieces pieces;
+      Json id;
+      bool isCertain;
+      U64 changes;  // when it was begun
+   };
+
+   void take( Json const & message ) {
+      auto const * const batch = message.if_array();
+      if ( !batch || batch->empty() ) {
+         waiting_.push_back( requestFrom( message ) );
+         return;
+      }
+      if ( batch->size() > mostInBatch ) {
+         throw Fault{ invalidRequest, "too many requests in a batch; allowed: " + std::to_string( mostInBatch ) };
+      }
+      isBatch_ = true;
+      std::ranges::transform( *batch, std::back_inserter( waiting_ ), &AnswerToAll::requestFrom );
+   }
+
+   static Request requestFrom( Json const & json ) {
+      Request request{ .isNotification = !memberOf( json, "id" ) };
+      auto const * const id = memberOf( json, "id" );
+      bool const isId = !id || ( !id->is_structured() && !id->is_bool() );
+      if ( id && isId ) {
+         request.id = *id;
+      }
+      auto const * const version = memberOf( json, "jsonrpc" );
+      auto const * const method = memberOf( json, "method" );
+      auto const * const params = memberOf( json, "params" );
+      try {
+         if ( !isId || !version || *version != "2.0" || !method || !method->is_string() ) {
+            throw Fault{ invalidRequest,
+                         "no request of JSON-RPC 2.0; allowed: an object with jsonrpc, method, and id" };
+         }
+         if ( params && !params->is_null() && !params->is_object() ) {
+            throw Fault{ invalidParams, "parameters go by name" };
+         }
+         request.method = &methodOf( method->get_string() );
+         takeParams( request, params ? params->if_object() : nullptr );
+      } catch ( Fault const & fault ) {
+         request.fault = fault;
+      }
+      return request;
+   }
+
+   static Method const & methodOf( std::string_view name ) {
+      auto const found = std::ranges::find( methods(), name, &Method::name );
+      if ( found == methods().end() ) {
+         std::vector< std::string_view > names;
+         std::ranges::transform( methods(), std::back_inserter( names ), &Method::name );
+         throw Fault{ noSuchMethod,
+                      "no such method: " + std::string( name.substr( 0, 60 ) ) + "; allowed: " + listOf( names ) };
+      }
+      return *found;
+   }
+
+   static void takeParams( Request & request, JsonObject const * params ) {
+      std::string format = "json";
+      auto const & known = request.method->params;
+      for ( auto const & [ name, value ] : params ? *params : JsonObject() ) {
+         std::string_view const param = name;
+         if ( param == "format" ) {
+            format = textOf( param, value );
+         } else if ( std::ranges::find( known, param ) != known.end() ) {
+            request.params[ std::string( param ) ] = textOf( param, value );
+         } else {
+            auto const allowed = listOf( known );
+            throw Fault{ invalidParams, "no such parameter: " + std::string( param.substr( 0, 60 ) ) +
+                                           "; allowed: format" + ( allowed.empty() ? "" : ", " + allowed ) };
+         }
+      }
+      if ( format != "json" && format != "text" ) {
+         throw Fault{ invalidParams, "format: " + format.substr( 0, 60 ) + "; allowed: json, text" };
+      }
+      request.isText = format == "text";
+   }
+
+   void start( Request & request, std::string & text ) {
+      Report report( !request.isText );
+      bool isCertain = false;
+      auto fault = std::move( request.fault );
+      try {
+         isCertain = !fault && request.method->run( { requests_, std::move( request.params ), report } );
+      } catch ( Fault const & ofMethod ) {
+         fault = ofMethod;
+      } catch ( UnusableInput const & ofStore ) {
+         fault = Fault{ unusable, ofStore.what() };
+      }
+      if ( fault ) {
+         if ( !request.isNotification || fault->code == invalidRequest ) {
+            begin( text );
+            text += lineOf( errorAnswer( request.id, *fault ) );
+         }
+         return;
+      }
+      if ( !request.isNotification ) {
+         begin( text );
+         text += R"({"jsonrpc":"2.0","result":{)";
+         current_.emplace( std::move( report ), std::move( request.id ), isCertain, requests_.host_.changes() );
+      }
+   }
+
+   void begin( std::string & text ) { text += std::exchange( hasTold_, true ) ? "," : isBatch_ ? "[" : ""; }
+
+   void tell( std::string & text ) {
+      if ( current_->pieces.next( text ) ) {
+         return;
+      }
+      text += current_->changes == requests_.host_.changes() ? "" : R"("changed":true,)";
+      text += R"("status":)";
+      text += current_->isCertain && requests_.isComplete() ? "0" : "1";
+      text += R"(},"id":)" + lineOf( current_->id ) + '}';
+      current_.reset();
+   }
+
+   Requests & requests_;
+   bool isBatch_ = false;
+   bool hasTold_ = false;
+   std::deque< Request > waiting_;
+   std::optional< Current > current_;
+};
 
 std::string Requests::refusal( std::string_view why ) {
    return lineOf( errorAnswer( nullptr, { invalidRequest, std::string( why ) } ) );
 }
 
-bool Requests::answer( std::string_view request, std::string & answer ) {
-   Json told;
-   try {
-      told = answerToAll( parsed( request ) );
-   } catch ( Fault const & fault ) {
-      told = errorAnswer( nullptr, fault );
-   }
-   answer = told.is_null() ? "" : lineOf( told );
-   return !ends_;
+std::unique_ptr< Answer > Requests::answer( std::string_view request ) {
+   return std::make_unique< AnswerToAll >( *this, request );
 }
 
-Json Requests::answerToAll( Json const & json ) {
-   Json told;
-   auto const * const batch = json.if_array();
-   if ( batch && !batch->empty() ) {
-      if ( batch->size() > mostInBatch ) {
-         throw Fault{ invalidRequest, "too many requests in a batch; allowed: " + std::to_string( mostInBatch ) };
-      }
-      JsonArray answers;
-      for ( auto const & one : *batch ) {
-         if ( auto answerToOne = answerTo( one ); !answerToOne.is_null() ) {
-            answers.push_back( std::move( answerToOne ) );
-         }
-      }
-      if ( !answers.empty() ) {
-         told = std::move( answers );
-      }
-   } else {
-      told = answerTo( json );
-   }
-   return told;
-}
-
-// Null for a notification, which has no answer.
-Json Requests::answerTo( Json const & request ) {
-   auto const member = [ & ]( char const * name ) {
-      auto const * const found = memberOf( request, name );
-      return found ? *found : Json();
-   };
-   bool const isNotification = !memberOf( request, "id" );
-   auto id = member( "id" );
-   bool const isId = !id.is_structured() && !id.is_bool();
-   if ( !isId ) {
-      id = nullptr;
-   }
-   auto const method = member( "method" );
-   auto const params = member( "params" );
+std::string Requests::reload() {
    try {
-      if ( !isId || member( "jsonrpc" ) != "2.0" || !method.is_string() ) {
-         throw Fault{ invalidRequest, "no request of JSON-RPC 2.0; allowed: an object with jsonrpc, method, and id" };
-      }
-      if ( !params.is_null() && !params.is_object() ) {
-         throw Fault{ invalidParams, "parameters go by name" };
-      }
-      auto result = resultOf( method.get_string(), params );
-      return isNotification ? Json() : Json{ { "jsonrpc", "2.0" }, { "result", std::move( result ) }, { "id", id } };
-   } catch ( Fault const & fault ) {
-      return isNotification && fault.code != invalidRequest ? Json() : errorAnswer( id, fault );
+      host_.reload( read_( "" ) );
    } catch ( UnusableInput const & fault ) {
-      return isNotification ? Json() : errorAnswer( id, { unusable, fault.what() } );  // of the store
+      return fault.what();
    }
+   return "";
 }
 
-JsonObject Requests::resultOf( std::string_view methodName, Json const & params ) {
-   auto const & method = methodOf( methodName );
-   std::map< std::string, std::string > given;
-   std::string format = "json";
-   for ( auto const & [ name, value ] : params.is_null() ? JsonObject() : params.get_object() ) {
-      std::string_view const param = name;
-      if ( param == "format" ) {
-         format = textOf( param, value );
-      } else if ( std::ranges::find( method.params, param ) != method.params.end() ) {
-         given[ std::string( param ) ] = textOf( param, value );
-      } else {
-         auto const allowed = listOf( method.params );
-         throw Fault{ invalidParams, "no such parameter: " + std::string( param.substr( 0, 60 ) ) +
-                                        "; allowed: format" + ( allowed.empty() ? "" : ", " + allowed ) };
-      }
+bool Requests::isComplete() {
+   if ( !complete_ || complete_->first != host_.changes() ) {
+      complete_ = { host_.changes(), host_.isComplete() };
    }
-   if ( format != "json" && format != "text" ) {
-      throw Fault{ invalidParams, "format: " + format.substr( 0, 60 ) + "; allowed: json, text" };
+   return complete_->second;
+}
+
+PacketWalk const & Requests::walk() {
+   if ( !walk_ || walk_->first != host_.changes() ) {
+      walk_.reset();
+      walk_.emplace( host_.changes(), PacketWalk( host_.tables(), host_.configuration() ) );
    }
-   std::ostringstream text;
-   Report report( text, format == "json" );
-   Call call{ .host = host_,
-              .read = read_,
-              .follower = follower_,
-              .params = std::move( given ),
-              .report = report,
-              .ends = ends_ };
-   bool const isCertain = method.run( call );
-   auto result = report.takeJson();
-   if ( format == "text" ) {
-      result[ "text" ] = std::move( text ).str();
-   }
-   result[ "status" ] = isCertain && host_.isComplete() ? 0 : 1;
-   return result;
+   return walk_->second;
 }
 
 }  // namespace Agent

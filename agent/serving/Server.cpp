@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -21,6 +22,12 @@ namespace {
 
 constexpr std::size_t mostClients = 64;
 constexpr std::time_t mostSilence = 60;  // seconds
+// Of an answer, made before its client has taken what was made before. The kernel holds some more.
+constexpr std::size_t mostWaiting = std::size_t{ 32 } << 10;
+// Then signals, new clients and what else is awaited have their turn.
+constexpr std::chrono::milliseconds longestRound{ 10 };
+// Of one client: short answers are made at once, long ones in turn.
+constexpr std::chrono::milliseconds longestStep{ 1 };
 
 std::time_t now() {
    timespec time{};
@@ -43,11 +50,12 @@ sockaddr_un addressOf( std::string const & path ) {
    throw UnusableInput( path + ": " + what + ": " + std::strerror( errno ) );
 }
 
-Descriptor signalsToEndWith() {
+Descriptor signalsToTake() {
    sigset_t signals;
    sigemptyset( &signals );
    sigaddset( &signals, SIGTERM );
    sigaddset( &signals, SIGINT );
+   sigaddset( &signals, SIGHUP );
    sigprocmask( SIG_BLOCK, &signals, nullptr );
    return Descriptor( signalfd( -1, &signals, SFD_CLOEXEC | SFD_NONBLOCK ) );
 }
@@ -72,63 +80,130 @@ Descriptor listenerAt( std::string const & path ) {
 
 std::string socketIn( std::string const & stateFolder ) { return stateFolder + "/agent.sock"; }
 
+void outliveTerminal() {
+   sigset_t hangUp;
+   sigemptyset( &hangUp );
+   sigaddset( &hangUp, SIGHUP );
+   sigprocmask( SIG_BLOCK, &hangUp, nullptr );
+   std::signal( SIGPIPE, SIG_IGN );
+}
+
 struct Server::Client {
    Descriptor connection;
-   std::time_t lastHeard = now();  // or taking an answer
-   std::string received;           // up to the next line end
-   std::string answers;            // not sent yet
-   bool hasEnded = false;          // it sends nothing more
-   bool isAnswered = false;        // nothing more is answered
+   std::time_t lastHeard = now();     // or taking an answer
+   std::string received;              // up to the next line end
+   bool hasLine = false;              // perhaps
+   std::unique_ptr< Answer > answer;  // that is being told; null: none
+   std::string told;                  // not sent yet
+   bool hasEnded = false;             // it sends nothing more
+   bool isAnswered = false;           // nothing more is answered
    bool isGone = false;
 
-   bool isOver() const { return isGone || ( isAnswered && answers.empty() ); }
-   void refuse( std::string const & answer ) {
-      answers += answer + '\n';
+   bool isIdle() const { return !answer && told.empty(); }
+   bool isHeard() const { return isIdle() && !hasLine; }
+   bool isOver() const { return isGone || ( isAnswered && isIdle() ); }
+   bool hasWork() const {
+      return !isGone && told.size() < mostWaiting && ( answer || ( hasLine && told.empty() && !isAnswered ) );
+   }
+   void refuse( std::string const & why ) {
+      answer = nullptr;
+      told += why + '\n';
       isAnswered = true;
    }
 };
 
 Server::Server( std::string const & stateFolder )
-   : path_( socketIn( stateFolder ) ), signals_( signalsToEndWith() ), listener_( listenerAt( path_ ) ) {}
+   : path_( socketIn( stateFolder ) ), signals_( signalsToTake() ), listener_( listenerAt( path_ ) ) {}
 
 Server::~Server() { unlink( path_.c_str() ); }
 
-void Server::serve( Answer const & answer, Refusal const & refusal, Awaited const & other ) {
+void Server::serve( Answerer const & answerer, Refusal const & refusal, Awaited const & other ) {
    while ( !ends_ ) {
       std::vector< pollfd > awaited{
          { signals_.number(), POLLIN, 0 }, { listener_.number(), POLLIN, 0 }, { other.descriptor(), POLLIN, 0 } };
       auto const firstClient = awaited.size();
       for ( auto const & client : clients_ ) {
-         short const events = client->answers.empty() ? POLLIN : POLLOUT;
+         short const events = !client->told.empty() ? POLLOUT : client->isHeard() ? POLLIN : 0;
          awaited.push_back( { client->connection.number(), events, 0 } );
       }
       constexpr int halfOfSilence = static_cast< int >( mostSilence ) * 500;
-      if ( poll( awaited.data(), awaited.size(), clients_.empty() ? -1 : halfOfSilence ) < 0 && errno != EINTR ) {
+      bool const hasWork = std::ranges::any_of( clients_, []( auto const & client ) { return client->hasWork(); } );
+      if ( poll( awaited.data(), awaited.size(),
+                 hasWork            ? 0
+                 : clients_.empty() ? -1
+                                    : halfOfSilence ) < 0 &&
+           errno != EINTR ) {
          refuse( path_, "cannot be waited for" );
       }
-      ends_ = awaited[ 0 ].revents != 0;
+      if ( awaited[ 0 ].revents != 0 ) {
+         takeSignal( other );
+      }
       if ( awaited[ 2 ].revents != 0 && !ends_ ) {
          other.turn();
       }
-      auto const present = clients_.size();
-      for ( std::size_t i = 0; i < present && !ends_; ++i ) {
+      for ( std::size_t i = 0; i < clients_.size() && !ends_; ++i ) {
          auto & client = *clients_[ i ];
-         if ( awaited[ firstClient + i ].revents != 0 && client.answers.empty() ) {
+         if ( awaited[ firstClient + i ].revents != 0 && client.isHeard() ) {
             receive( client );
          } else if ( now() - client.lastHeard > mostSilence ) {
-            client.isGone = !client.answers.empty();  // it does not take them
+            client.isGone = !client.isIdle();  // it does not take them
             client.refuse( refusal( "nothing was heard for " + std::to_string( mostSilence ) + " seconds" ) );
          }
          send( client );
-         while ( client.answers.empty() && !client.isOver() && !ends_ && answerNext( client, answer, refusal ) ) {
-            send( client );
-         }
       }
       if ( awaited[ 1 ].revents != 0 ) {
          accept( refusal );
       }
+      answerAll( answerer, refusal );
       std::erase_if( clients_, []( auto const & client ) { return client->isOver(); } );
    }
+}
+
+void Server::takeSignal( Awaited const & other ) {
+   signalfd_siginfo signal{};
+   while ( read( signals_.number(), &signal, sizeof( signal ) ) == sizeof( signal ) ) {
+      if ( signal.ssi_signo == SIGHUP ) {
+         other.reload();
+      } else {
+         ends_ = true;
+      }
+   }
+}
+
+void Server::answerAll( Answerer const & answerer, Refusal const & refusal ) {
+   auto const start = std::chrono::steady_clock::now();
+   for ( bool hasWork = true; hasWork && !ends_; ) {
+      hasWork = false;
+      for ( std::size_t i = 0; i < clients_.size() && !ends_; ++i ) {
+         if ( std::chrono::steady_clock::now() - start > longestRound ) {
+            return;
+         }
+         auto & client = *clients_[ firstServed_++ % clients_.size() ];
+         if ( client.hasWork() ) {
+            step( client, answerer, refusal );
+            hasWork = true;
+         }
+      }
+   }
+}
+
+void Server::step( Client & client, Answerer const & answerer, Refusal const & refusal ) {
+   if ( !client.answer ) {
+      takeLine( client, answerer, refusal );
+   }
+   if ( !client.answer ) {
+      return send( client );
+   }
+   auto const start = std::chrono::steady_clock::now();
+   auto const isInTime = [ & ] { return std::chrono::steady_clock::now() - start < longestStep; };
+   do {
+      bool const hasMore = client.answer->next( client.told );
+      ends_ = client.answer->endsServing();
+      if ( !hasMore ) {
+         client.answer = nullptr;
+      }
+      send( client );
+   } while ( client.answer && !client.isGone && client.told.size() < mostWaiting && ( ends_ || isInTime() ) );
 }
 
 void Server::accept( Refusal const & refusal ) {
@@ -156,38 +231,39 @@ void Server::receive( Client & client ) {
    client.lastHeard = now();
    client.received.append( part, static_cast< std::size_t >( count ) );
    client.hasEnded = count == 0;
+   client.hasLine = true;
 }
 
-bool Server::answerNext( Client & client, Answer const & answer, Refusal const & refusal ) {
+void Server::takeLine( Client & client, Answerer const & answerer, Refusal const & refusal ) {
    auto const end = client.received.find( '\n' );
    if ( std::min( end, client.received.size() ) >= longestRequest ) {
       client.refuse( refusal( "the message is too long; allowed: " + std::to_string( longestRequest ) +
                               " bytes with the line end" ) );
-   } else if ( end == client.received.npos ) {
+   } else if ( end != client.received.npos ) {
+      client.answer = answerer( std::string_view( client.received ).substr( 0, end ) );
+      client.received.erase( 0, end + 1 );
+   } else {
+      client.hasLine = false;
       if ( client.hasEnded && !client.received.empty() ) {
          client.refuse( refusal( "the message has no line end" ) );
       }
       client.isAnswered = client.hasEnded;
-      return !client.answers.empty();
-   } else {
-      std::string told;
-      ends_ = !answer( std::string_view( client.received ).substr( 0, end ), told );
-      client.answers += told.empty() ? "" : told + '\n';
-      client.received.erase( 0, end + 1 );
    }
-   return true;
 }
 
 void Server::send( Client & client ) {
-   while ( !client.answers.empty() && !client.isGone ) {
-      auto const sent =
-         ::send( client.connection.number(), client.answers.data(), client.answers.size(), MSG_NOSIGNAL );
+   while ( !client.told.empty() && !client.isGone ) {
+      auto const sent = ::send( client.connection.number(), client.told.data(), client.told.size(), MSG_NOSIGNAL );
       if ( sent < 0 ) {
          client.isGone = errno != EAGAIN && errno != EINTR;
          return;
       }
       client.lastHeard = now();
-      client.answers.erase( 0, static_cast< std::size_t >( sent ) );
+      client.told.erase( 0, static_cast< std::size_t >( sent ) );
+   }
+   if ( client.isIdle() ) {
+      client.told = {};
+      client.received.shrink_to_fit();
    }
 }
 

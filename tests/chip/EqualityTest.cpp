@@ -62,7 +62,7 @@ class Oracle {
       if ( passage.matches.empty() ) {
          return {};
       }
-      if ( passage.matches.size() > 1 || ( passage.hasConditions && !conditionsHold( passage, packet ) ) ) {
+      if ( passage.matches.size() > 1 || ( !passage.isCertain() && !conditionsHold( passage, packet ) ) ) {
          return { Expected::unknown, {} };  // of a row whose filters do not match the next one applies, or none
       }
       Answer answer{ Expected::translated, {}, nextHopOf( passage.matches[ 0 ].key ) };

@@ -1,6 +1,10 @@
 """Options that cannot be used are refused with status 2, the option, its value and what is allowed."""
 
-from _agent import BRANCH_OFFICE, finish, holds, run, same
+import json
+import os
+import subprocess
+
+from _agent import AGENT, BRANCH_OFFICE, FOLDER, entry, finish, holds, instance, run, same, write
 
 PACKET = {"--in": "vlan20", "--out": "ethernet1", "--proto": "tcp", "--src": "10.0.0.1:80", "--dst": "192.0.2.1:80"}
 INTERFACE = "an interface, such as ethernet1, vlan20, port-channel3, loopback0, tunnel1"
@@ -11,6 +15,7 @@ OPTIONS = [
     (["--format", "xml"], "--format: xml not in {text,json}; see  nat-agent --help"),
     (["--fail", "0"], "--fail: Value 0 not in range 1 to 1000000000; see  nat-agent --help"),
     (["--delay", "1000001"], "--delay: Value 1000001 not in range 0 to 1000000; see  nat-agent --help"),
+    (["--state", ""], '--state: ""; allowed: a name; see  nat-agent --help'),
     (["--stats"], "The following argument was not expected: --stats; see  nat-agent --help"),
 ]
 
@@ -35,7 +40,27 @@ def check(arguments, line):
     same(f"{arguments}: standard error", err, f"nat-agent: {line}\n")
 
 
+def check_output():
+    """What cannot be written is a failure, and does not land in files of the agent's own."""
+    for option, more, fault in (("stdout", {"stdout": open("/dev/full", "w")}, "No space left on device"), ("closed", {"preexec_fn": lambda: os.close(1)}, "Bad file descriptor")):
+        for command in ([BRANCH_OFFICE, "--state", "out"], ["serve", BRANCH_OFFICE, "--state", "out"], ["--help"]):
+            done = subprocess.run([AGENT, *command], cwd=FOLDER, stderr=subprocess.PIPE, text=True, timeout=600, **more)
+            same(f"{option}: {command}", (done.returncode, done.stderr), (3, f"nat-agent: standard output: cannot be written: {fault}\n"))
+    same("the store is as it was", run(BRANCH_OFFICE, "--state", "out")[0], 0)
+
+
+def check_input():
+    done = subprocess.run([AGENT, "-", "--state", "a/b/c"], cwd=FOLDER, stdin=BRANCH_OFFICE.open(), capture_output=True, text=True, timeout=600)
+    same("standard input, and a state folder in new ones", (done.returncode, done.stdout.splitlines()[0], done.stderr), (0, "-, instance 1 'branch office'", ""))
+    for arguments, part in (([], "connections"), (["--mode", "interface"], "connections"), (["explain", *(text for item in PACKET.items() for text in item)], "packet")):
+        file = write("off.json", instance(entry(), enable=False))
+        told = run(*arguments[:1], file, *arguments[1:], "--format", "json") if arguments[:1] == ["explain"] else run(file, *arguments, "--format", "json")
+        same(f"a disabled instance {arguments[:1]}", (told[0], part in json.loads(told[1])), (0, True))
+
+
 def main():
+    check_output()
+    check_input()
     check([], "CONFIG is required; see  nat-agent --help")
     for options, line in OPTIONS:
         check([BRANCH_OFFICE, *options], line)

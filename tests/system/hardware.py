@@ -21,6 +21,8 @@ def check_capacity():
     same("no room for the fourth row", full, [("ingStaticNatTable", "no space")])
     same("the reason", [r for r in results(told).values() if r[0] != "programmed"],
          [("failed", full and told["failedRows"][0]["row"].split()[1] + " row no space")])
+    told = run_json(BRANCH_OFFICE, "--capacity", "3", status=1)
+    same("no room for rewrites", {(results(told)[entry] if entry != 10 else None) for entry in (3, 10)}, {None, ("failed", "source rewrite no space, destination rewrite no space")})
     told = run_json("two.json", "--capacity", "0", status=1)
     same("no room at all", told["summary"], told["summary"] | {"programmed": 0, "rows": 8, "failedRows": 8})
     same("rewrites are full, rows that need them are not sent",

@@ -62,10 +62,11 @@ def in_terminal(width, *arguments, **environment):
 def check_terminal():
     _, piped, _ = run(MIXED, "--fail", 9)
     holds("a pipe gets no colours", "\x1b" not in piped)
-    wide = in_terminal(300, MIXED, "--fail", 9)
+    wide = in_terminal(300, MIXED, "--fail", 9, TERM="xterm")
     results = [re.search(r"\x1b\[(3\d)m(programmed|failed)\x1b\[0m", line) for line in wide]
     same("colours", {(found[1], found[2]) for found in results if found}, {("32", "programmed"), ("31", "failed")})
     plain = in_terminal(300, MIXED, "--fail", 9, NO_COLOR="1")
+    same("nor has a dumb one", in_terminal(300, MIXED, "--fail", 9, TERM="dumb"), plain)
     same("a wide terminal without colours gets what a pipe gets", plain, piped.split("\n"))
     narrow = in_terminal(80, MIXED, NO_COLOR="1")
     holds("a narrow one gets lines that fit it", max(map(len, narrow)) <= 80)

@@ -1,17 +1,20 @@
 """An agent that stays: what it answers, how it goes over to another configuration, how it ends, and that no client harms
 another one."""
 
+import contextlib
 import json
+import pathlib
 import signal
 import socket
 import stat
 
-from _agent import BRANCH_OFFICE, FOLDER, SOURCE, both, entry, finish, holds, instance, run, same, write
+from _agent import AGENT, BRANCH_OFFICE, FOLDER, SOURCE, both, entry, finish, holds, instance, run, same, write
 from _serving import Serving, lines_of, said
 
 MIXED = SOURCE / "examples" / "mixed.json"
 METHODS = "show, connections, statuses, rows, ids, traps, profiles, ring, summary, explain, reload, delete-all, add-all, retry, following, resync, stop"
 TEXT = "allowed: a text without a NUL character, or a number"
+SANITIZED = b"__asan_init" in AGENT.read_bytes()
 TOO_LONG = "the message is too long; allowed: 65536 bytes with the line end"
 
 
@@ -114,6 +117,45 @@ def check_retry():
     same("it ends", serving.end(), 0)
 
 
+def check_slow_readers():
+    """Answers are made as they are read, and what stays meanwhile is told once; none of them costs others time or memory."""
+    many = [entry(i, f"10.0.{i >> 8}.{i & 255}", f"192.0.{i >> 8}.{i & 255}") for i in range(1, 4001)]
+    serving = Serving(write("many.json", instance(*many)), state="slow")
+    status = pathlib.Path(f"/proc/{serving.process.pid}/status")
+
+    def memory():
+        return int(status.read_text().split("VmRSS:")[1].split()[0])
+
+    rows = {"jsonrpc": "2.0", "id": 1, "method": "rows", "params": {}}
+    with contextlib.ExitStack() as all_of_them:
+        serving.result("rows")
+        before = memory()
+        slow = [all_of_them.enter_context(serving.connected()) for _ in range(40)]
+        for client in slow:
+            client.sendall((json.dumps([rows] * 16) + "\n").encode())
+        slow[0].recv(1)  # the others are served in turn with it
+        write("many.json", instance(*many[:2000], entry(5000, "10.1.0.1", "192.1.0.1")))
+        same("a change meanwhile", counts(serving.result("reload")), (2001, 2001, 4002))
+        if not SANITIZED:
+            holds("memory of 40 answers that nobody reads", memory() - before < 16 * 1024)
+        told = json.loads(b"[" + slow[0].makefile("rb").readline())
+        stays = [row for row in told[0]["result"]["rows"] if "10.0.0.1 " in row["row"] or "10.0.7.208 " in row["row"]]
+        same("what stays comes once", ([row["row"].split()[1] for row in stays], len({row["row"] for row in stays})), (["source"] * 2 + ["destination"] * 2, 4))
+        same("the reader knows", [(a["result"].get("changed"), len(a["result"]["rows"]) == 4 * 2001) for a in told[-2:]], [(None, True)] * 2)
+        holds("of the first answer", told[0]["result"]["changed"])
+        same("order", [row["table"] for row in told[0]["result"]["rows"]], sorted((row["table"] for row in told[0]["result"]["rows"]), key=(
+            "ingStaticNatTable", "egrSourceNatUcRewriteTable", "egrDestinationNatUcRewriteTable").index))
+    some = serving.result("connections", **{"global": "192.0.0.77"})["connections"]
+    same("a filter", [(c["entry"], c["vrf"], c["vlan"], c["accessList"]) for c in some], [(77, 0, 0, "")])
+    same("filters and a limit", [row["row"] for row in serving.result("rows", table="ingStaticNatTable", row="source", limit=2)["rows"]],
+         ["ethernet1 source 10.0.0.1 -> 192.0.0.1 any", "ethernet1 source 10.0.0.2 -> 192.0.0.2 any"])
+    write("many.json", instance(*many[:3]))
+    serving.process.send_signal(signal.SIGHUP)
+    while counts(serving.result("summary")) != (3, 3, 6):
+        pass
+    same("it ends", serving.end(), 0)
+
+
 def check_bad_requests():
     serving = Serving(BRANCH_OFFICE, state="bad")
     call = {"jsonrpc": "2.0", "id": 7, "method": "summary"}
@@ -133,6 +175,8 @@ def check_bad_requests():
         ("ring", call | {"method": "ring", "params": {"lines": 0}}, -32602, 7, "lines: 0; allowed: 1 to 2048"),
         ("nothing to follow", call | {"method": "following"}, -32000, 7,
          "no connection tracking is followed; allowed: of an agent with --follow-conntrack"),
+        ("a limit", call | {"method": "rows", "params": {"limit": "3x"}}, -32602, 7, "limit: 3x; allowed: 1 to 1000000000"),
+        ("no file", call | {"method": "reload", "params": {"file": ""}}, -32602, 7, 'file: ""; allowed: the name of a configuration'),
         ("packet", call | {"method": "explain", "params": {"proto": "tcp", "src": "10.0.0.1:5"}}, -32602, 7, "--dst is required"),
         ("too deep", b'{"id": ' + b"[" * 30000 + b"]" * 30000 + b"}\n", -32600, None, "the message is nested too deeply; allowed: 16 levels"),
         ("too many at once", [call] * 17, -32600, None, "too many requests in a batch; allowed: 16"),
@@ -176,6 +220,7 @@ def main():
     check_reload()
     check_bulk()
     check_retry()
+    check_slow_readers()
     check_bad_requests()
     for arguments, line in ((["serve", MIXED], "--state is required; see  nat-agent serve --help"),
                             (["ctl", "summary"], "--state is required; see  nat-agent ctl --help"),

@@ -66,7 +66,7 @@ def check_damage():
 
 
 def check_unusable():
-    refused("no such place", "missing/state: cannot be created: No such file or directory", "missing/state")
+    refused("no such place", "/dev/null/a: cannot be created: Not a directory", "/dev/null/a/b")
     STATE.chmod(0o775)
     refused("others' folder as well", "state: others may write there; allowed: a folder that its owner alone may write to")
     STATE.chmod(0o750)  # they may look
