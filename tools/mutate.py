@@ -93,9 +93,13 @@ def configure():
         sys.exit(done.stdout)
 
 
+def programs():
+    return [program for program in PROGRAMS if program in (arguments.programs or PROGRAMS)]
+
+
 def build():
     """Empty, or what the compiler says."""
-    built = run("ninja", "-C", BUILD, f"-j{arguments.jobs}", *PROGRAMS, "nat-agent")
+    built = run("ninja", "-C", BUILD, f"-j{arguments.jobs}", *programs(), *(["nat-agent"] if any(map(chosen, SCRIPTS)) else []))
     return built.stdout if built.returncode else ""
 
 
@@ -158,7 +162,7 @@ def seen_by_script(script, seconds):
 
 def seen(limits):
     """Every test that fails."""
-    jobs = {program: lambda p=program: seen_by_program(p, limits(p))[0] for program in PROGRAMS}
+    jobs = {program: lambda p=program: seen_by_program(p, limits(p))[0] for program in programs()}
     jobs |= {script: lambda s=script: seen_by_script(s, limits(s)) for script in SCRIPTS if chosen(script)}
     with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
         return sorted(set(sum(pool.map(lambda job: job(), jobs.values()), [])))
@@ -188,7 +192,7 @@ def look_without_faults():
     if said := build():
         sys.exit(said)
     failed = []
-    for program in PROGRAMS:
+    for program in programs():
         tests, SECONDS[program] = seen_by_program(program, 1200)
         failed += tests
     failed += sum((seen_by_script(script, 300) for script in SCRIPTS if chosen(script)), [])
@@ -240,9 +244,10 @@ def write_page(known):
 
 def read_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--only", default="", help="faults whose names contain this text")
+    parser.add_argument("--only", default="", help="faults whose names contain this text, or one of several divided by |")
     parser.add_argument("--in", dest="within", default="", help="faults of files whose paths contain this text")
     parser.add_argument("--with", dest="tests", default="", help="only tests whose names contain one of these texts, divided by commas")
+    parser.add_argument("--programs", nargs="*", help=f"only these of {', '.join(PROGRAMS)}, with --with")
     parser.add_argument("--missing", action="store_true", help="faults of which nothing is known, or that nothing saw")
     parser.add_argument("--matrix", action="store_true", help="only print what is known")
     parser.add_argument("--markdown", action="store_true", help="write what is known into docs/testing.md")
@@ -254,7 +259,7 @@ def read_arguments():
 def main():
     known = json.loads(KNOWN.read_text()) if KNOWN.exists() else {}
     known = {name_of(fault): known[name_of(fault)] for fault in FAULTS if name_of(fault) in known}
-    faults = [fault for fault in FAULTS if arguments.only in fault.name and arguments.within in fault.file
+    faults = [fault for fault in FAULTS if any(text in fault.name for text in arguments.only.split("|")) and arguments.within in fault.file
               and not (arguments.missing and known.get(name_of(fault)))]
     lost = [fault for fault in faults if read(fault).count(fault.old) != 1]
     for fault in lost:
@@ -264,7 +269,7 @@ def main():
         sys.exit(bool(lost))
     unbuilt = 0
     if not arguments.matrix:
-        os.nice(10)
+        os.nice(3)
         copy_tree()
         configure()
         look_without_faults()

@@ -2,16 +2,20 @@
 // makes one.
 #pragma once
 
-#include "Rules.h"
+#include <tests/support/AnyRule.h>
 
 #include <random>
 
 namespace Model {
 
+using Support::AnyKey;
+using Support::AnyRule;
+
 class Choices {
  public:
-   explicit Choices( U32 seed ) : random_( seed ) {}
-   U32 below( U32 count ) { return random_() % count; }
+   explicit Choices( U32 seed = 1 ) : random_( seed ) {}
+   virtual ~Choices() = default;
+   virtual U32 below( U32 count ) { return random_() % count; }
    bool oneIn( U32 count ) { return below( count ) == 0; }
    template< class T > T of( std::initializer_list< T > values ) {
       return *( values.begin() + below( static_cast< U32 >( values.size() ) ) );

@@ -1,6 +1,7 @@
 // Churn without end: what was there once is forgotten. SOAK_OPERATIONS=20000000 makes a long run of it.
 #include "RandomRules.h"
-#include "World.h"
+
+#include <tests/support/Programmer.h>
 
 #include <gtest/gtest.h>
 
