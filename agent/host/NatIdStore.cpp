@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <random>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -130,9 +131,18 @@ int whyPartial( MDB_env * environment, int error ) {
    return ftruncate( file, found.st_size ) == 0 ? error : errno;
 }
 
-void putVersion( MDB_txn * transaction, MDB_dbi database, std::string const & folder ) {
+std::string newIdentity() {
+   std::random_device random;
+   std::string text;
+   for ( int i = 0; i < 16; ++i ) {
+      text += "0123456789abcdef"[ random() & 0xF ];
+   }
+   return text;
+}
+
+void putVersion( MDB_txn * transaction, MDB_dbi database, std::string const & identity, std::string const & folder ) {
    auto bytes = bytesOf( 0 );
-   auto text = std::to_string( formatVersion );
+   auto text = std::to_string( formatVersion ) + ' ' + identity;
    MDB_val key{ bytes.size(), bytes.data() };
    MDB_val value{ text.size(), text.data() };
    require( mdb_put( transaction, database, &key, &value, 0 ), folder, notTaken );
@@ -147,7 +157,7 @@ void createStore( std::string const & folder ) {
       auto const environment = environmentAt( unfinished, MDB_NOSUBDIR, folder );
       MDB_dbi database = 0;
       auto transaction = begin( environment.get(), 0, database, folder );
-      putVersion( transaction.get(), database, folder );
+      putVersion( transaction.get(), database, newIdentity(), folder );
       require( whyPartial( environment.get(), mdb_txn_commit( transaction.release() ) ), folder, "cannot be created" );
       require( std::rename( unfinished.c_str(), file.c_str() ) == 0 ? 0 : errno, folder, "cannot be created" );
    } catch ( UnusableInput const & ) {
@@ -159,14 +169,30 @@ void createStore( std::string const & folder ) {
 
 void requireVersion( std::string_view text, std::string const & folder ) {
    U64 version = 0;
-   auto const [ end, error ] = std::from_chars( text.data(), text.data() + text.size(), version );
-   if ( error != std::errc{} || end != text.data() + text.size() || version < 1 ) {
+   auto const number = text.substr( 0, text.find( ' ' ) );
+   auto const [ end, error ] = std::from_chars( number.data(), number.data() + number.size(), version );
+   if ( error != std::errc{} || end != number.data() + number.size() || version < 1 ) {
       throw Vexa::ParseException( "it is no version of the format" );
    }
    if ( version > formatVersion ) {
       refuse( folder, "has format " + std::to_string( version ) + ", which is newer; allowed: up to " +
                          std::to_string( formatVersion ) );
    }
+}
+
+// Empty when the store does not say.
+std::string identityIn( MDB_env * environment, std::string const & folder ) {
+   MDB_dbi database = 0;
+   auto const transaction = begin( environment, MDB_RDONLY, database, folder );
+   auto bytes = bytesOf( 0 );
+   MDB_val key{ bytes.size(), bytes.data() };
+   MDB_val value{};
+   if ( mdb_get( transaction.get(), database, &key, &value ) != 0 ) {
+      return {};
+   }
+   std::string_view const text( static_cast< char const * >( value.mv_data ), value.mv_size );
+   auto const blank = text.find( ' ' );
+   return blank == text.npos ? std::string() : std::string( text.substr( blank + 1 ) );
 }
 
 Descriptor lockIn( std::string const & folder ) {
@@ -206,6 +232,9 @@ NatIdStore::NatIdStore( std::string folder ) : folder_( std::move( folder ) ), e
       refuse( folder_, "is damaged: reading it fails half-way" );
    }
    environment_ = environmentIn( folder_, 0 );
+   identity_ = identityIn( environment_.get(), folder_ );
+   hasVersion_ = !identity_.empty();
+   identity_ = hasVersion_ ? identity_ : newIdentity();
 }
 
 NatIdStore::~NatIdStore() {
@@ -234,7 +263,6 @@ void NatIdStore::natIdInfoIs( Pfe::NatIdInfo::Ptr natIdInfo ) {
          auto const id = U64{ byte( 0 ) } << 8 | byte( 1 );
          if ( id == 0 ) {
             requireVersion( text, folder_ );
-            hasVersion_ = true;
             return;
          }
          natIdInfo_->matchKeyToNatIdIs( Vexa::parseWhole< Pfe::NatMatchKey >( text ), Pfe::NatId( id ) );
@@ -274,7 +302,7 @@ void NatIdStore::write() {
    MDB_dbi database = 0;
    auto transaction = begin( environment_.get(), 0, database, folder_ );
    if ( !hasVersion_ ) {
-      putVersion( transaction.get(), database, folder_ );
+      putVersion( transaction.get(), database, identity_, folder_ );
    }
    auto cursor = cursorOn( transaction.get(), database, folder_ );
    std::string text;

@@ -17,7 +17,7 @@ struct MDB_env;
 namespace Agent {
 
 // One folder per configuration: an LMDB environment whose records are id (16 bits, most significant byte first) to the
-// text of its match key, and under 0, which is no id, the version of this format; and a file that the process using the
+// text of its match key, and under 0, which is no id, the version of this format and, behind a blank, the store's identity; and a file that the process using the
 // folder has locked.
 //
 // What changed since the last commit reaches the disk in one transaction, or not at all if the process dies before. An
@@ -45,6 +45,8 @@ class NatIdStore final : private Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
    // Ids that the store held at the start.
    std::size_t restoredCount() const { return restoredCount_; }
    std::string const & folder() const { return folder_; }
+   // Drawn at random when the store was made: what the ids mean is known under it alone.
+   std::string const & identity() const { return identity_; }
 
  private:
    struct Change {
@@ -58,13 +60,14 @@ class NatIdStore final : private Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
    void write();
 
    std::string folder_;
+   std::string identity_;
    Descriptor lock_;  // while the folder is in use; the kernel gives it back however the process ends
    std::unique_ptr< MDB_env, void ( * )( MDB_env * ) > environment_;
    Pfe::NatIdInfo::Ptr natIdInfo_;
    std::size_t restoredCount_ = 0;
    std::vector< Change > changes_;  // since the last commit
    bool hasNewIds_ = false;
-   bool hasVersion_ = false;  // the store says which format it has
+   bool hasVersion_ = false;  // and the identity: the store says them
 };
 
 }  // namespace Agent
