@@ -1,5 +1,6 @@
 #include "agent/CommandLine.h"
 
+#include "agent/ChipOptions.h"
 #include "agent/basics/Json.h"
 #include "agent/basics/TextFile.h"
 #include "agent/basics/UnusableInput.h"
@@ -7,7 +8,6 @@
 #include "agent/host/Host.h"
 #include "agent/host/InterfaceHost.h"
 #include "agent/host/NatIdStore.h"
-#include "agent/host/SimulatedHardware.h"
 #include "agent/learning/ConntrackFollower.h"
 #include "agent/learning/ConntrackListing.h"
 #include "agent/packets/PacketOptions.h"
@@ -22,6 +22,7 @@
 #include <CLI/CLI.hpp>
 #include <boost/json/parse.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -52,10 +53,9 @@ struct Options {
    std::string format = "text";
    std::string mode = "table";
    U8 traceLevel = 0;
-   SimulatedHardware::Settings hardware;
+   ChipOptions chip;
    std::string conntrack;  // empty: nothing is learned
    bool follows = false;
-   std::string netns;            // empty: that of this process
    std::size_t mostPerHost = 0;  // learned connections of an inside host; 0: no limit
    NatInterface natInterface;
    Sections sections;
@@ -90,9 +90,6 @@ void addFollowingOptions( CLI::App & app, Options & options ) {
       group->add_flag( "--follow-conntrack", options.follows,
                        "Learn what this machine's connection tracking translates, as it comes and goes" );
    follow->needs( intf )->excludes( listing );
-   group->add_option( "--netns", options.netns, "Network namespace of it, as ip netns names it" )
-      ->type_name( "NAME" )
-      ->needs( follow );
    group
       ->add_option( "--connections-per-host", options.mostPerHost,
                     "Learn at most N connections of one inside host (default: no limit)" )
@@ -109,8 +106,6 @@ void addFollowingOptions( CLI::App & app, Options & options ) {
 
 // What every command that programs a configuration takes.
 void addCommonOptions( CLI::App & app, Options & options ) {
-   constexpr U64 mostTurns = 1'000'000;
-   constexpr U64 largest = 1'000'000'000;
    app.add_option( "CONFIG", options.file, "Configuration: RFC 8512 in JSON, with pfe-nat.yang; - is standard input" )
       ->type_name( "" )
       ->check( refusalOfNothing )
@@ -125,16 +120,7 @@ void addCommonOptions( CLI::App & app, Options & options ) {
       ->type_name( "LEVEL" )
       ->check( CLI::Range( 0, 9 ) );
    addLearningOptions( app, options );
-   auto * const hardware = app.add_option_group( "Simulated hardware" );
-   hardware->add_option( "--fail", options.hardware.failEvery, "Every N-th write fails" )
-      ->type_name( "N" )
-      ->check( CLI::Range( U64{ 1 }, largest ) );
-   hardware->add_option( "--capacity", options.hardware.capacity, "Each table has room for N rows" )
-      ->type_name( "N" )
-      ->check( CLI::Range( U64{ 0 }, largest ) );
-   hardware->add_option( "--delay", options.hardware.delay, "A write settles N turns after it was asked for" )
-      ->type_name( "N" )
-      ->check( CLI::Range( U64{ 0 }, mostTurns ) );
+   addChipOptions( app, options.chip );
 }
 
 // Names the program in front of every line.
@@ -217,13 +203,20 @@ template< class Use > int program( Options const & options, ConntrackFollower * 
    Trace::enabledLevelIs( options.traceLevel );
    if ( follower ) {
       follower->learnInto( configuration );
+      configuration.qualifiers.emplace( options.natInterface.intf, options.natInterface.qualifier );
    }
-   Host host( std::move( configuration ), std::make_shared< SimulatedHardware >( options.hardware ),
-              store ? &*store : nullptr );
+   ChosenChip const chip( options.chip, store ? &*store : nullptr, configuration );
+   Host host( std::move( configuration ), chip.chip(), store ? &*store : nullptr, chip.kernelChip() );
    host.program();
    Report report( options.format == "json" );
    if ( listing ) {
       report.fact( "conntrack", factsOf( *listing ) );
+   }
+   if ( auto const * const kernelChip = chip.kernelChip() ) {
+      report.fact( "chip",
+                   JsonObject{ { "found", kernelChip->found() }, { "rowsWritten", kernelChip->rowsWritten() } } );
+      report.line( "The chip in the kernel: " + std::string( kernelChip->found() ) +
+                   "; rows written: " + std::to_string( kernelChip->rowsWritten() ) );
    }
    bool const isWell = use( host, report );
    write( report, isEnabled );
@@ -279,7 +272,7 @@ int programAndServe( Options options ) {
    std::optional< Server > server;
    std::optional< ConntrackFollower > following;
    if ( options.follows ) {
-      following.emplace( options.netns, options.natInterface, options.mostPerHost );
+      following.emplace( options.chip.kernel.networkNamespace, options.natInterface, options.mostPerHost );
    }
    auto * const follower = following ? &*following : nullptr;
    auto const read = [ & ]( std::string const & file ) {
@@ -301,6 +294,7 @@ int programAndServe( Options options ) {
       return configuration;
    };
    outliveTerminal();
+   options.chip.end = ChipOptions::End::kept;  // unless it is told to end
    program( options, follower, [ & ]( Host & host, Report & report ) {
       bool const isEnabled = host.configuration().enabled;
       if ( isEnabled ) {
@@ -337,8 +331,10 @@ int programAndServe( Options options ) {
          turn();  // answers speak of what was there when they were asked for
          return requests.answer( request );
       };
+      options.chip.end = ChipOptions::End::removed;
       server->serve( answer, &Requests::refusal,
                      { [ & ] { return follower ? follower->descriptor() : -1; }, turn, reload } );
+      options.chip.end = requests.keepsChip() ? ChipOptions::End::kept : options.chip.end;
       return true;
    } );
    return complete;
@@ -353,10 +349,15 @@ std::string textIn( Json const & object, std::string_view member ) {
 int askServer( Options const & options, std::vector< std::string > const & words ) {
    JsonObject params;
    for ( std::size_t i = 1; i < words.size(); i += 2 ) {
+      auto const name = words[ i ].substr( std::min< std::size_t >( words[ i ].size(), 2 ) );
+      if ( words[ i ] == "--keep" ) {
+         params[ name ] = "true";
+         --i;  // it has no value
+         continue;
+      }
       if ( !words[ i ].starts_with( "--" ) || i + 1 == words.size() ) {
          throw UnusableInput( words[ i ] + "; allowed: parameters of the method, as --NAME VALUE" );
       }
-      auto const name = words[ i ].substr( 2 );
       // The server may stand in another folder.
       auto const & value = words[ i + 1 ];
       bool const isFile = name == "file" && !value.empty() && value != standardInput;
@@ -398,13 +399,13 @@ void addControlOptions( CLI::App & app, Options & options ) {
       "METHOD is one of show, connections, statuses, rows, ids, traps (these with --limit N, and --COLUMN TEXT for\n"
       "rows that have it there), profiles, ring [--lines N], summary,\n"
       "explain with the options of nat-agent explain, reload [--file CONFIG], delete-all, add-all, retry, following,\n"
-      "resync, stop.\n\n"
+      "resync, stop [--keep: leave a chip in the kernel forwarding].\n\n"
       "Exit status: 0 everything is programmed, 1 something is not, 2 the request cannot be carried out." );
 }
 
 int runCommand( int argumentCount, char ** arguments ) {
    Options options;
-   CLI::App app( "Programs a NAT configuration into the tables of a simulated forwarding chip.", "nat-agent" );
+   CLI::App app( "Programs a NAT configuration into the tables of a forwarding chip.", "nat-agent" );
    addCommonOptions( app, options );
    app.add_option( "--mode", options.mode, "table (default), or interface: rules as entries that interfaces share" )
       ->type_name( "MODE" )
@@ -419,6 +420,7 @@ int runCommand( int argumentCount, char ** arguments ) {
       "nat-agent explain CONFIG ... walks a packet, and the reply to it, through the tables.\n"
       "nat-agent serve CONFIG --state DIR ... stays, and takes requests.\n"
       "nat-agent ctl --state DIR METHOD ... sends it one.\n"
+      "nat-agent chip --state DIR ... shows the chip in the kernel, or takes it away.\n"
       "Each tells more with --help.\n\n"
       "Examples:\n"
       "  nat-agent examples/branch-office.json --state /var/lib/nat --rows\n"
@@ -440,11 +442,18 @@ int runCommand( int argumentCount, char ** arguments ) {
    addFollowingOptions( serve, options );
    serve.footer(
       "SIGTERM ends it; the NAT ids are kept. SIGHUP reloads. Exit status: 0 ended as told, 2 unusable input." );
+   CLI::App chip( "Shows a chip in the kernel, or takes it away.", "nat-agent chip" );
+   ChipCommand chipCommand;
+   addChipCommand( chip, chipCommand );
    CLI::App ctl( "Asks an agent that serves.", "nat-agent ctl" );
    addControlOptions( ctl, options );
 
    std::string_view const first = argumentCount > 1 ? arguments[ 1 ] : "";
-   auto & command = first == "explain" ? explain : first == "serve" ? serve : first == "ctl" ? ctl : app;
+   auto & command = first == "explain" ? explain
+                    : first == "serve" ? serve
+                    : first == "ctl"   ? ctl
+                    : first == "chip"  ? chip
+                                       : app;
    bool const isNamed = &command != &app;
    try {
       command.parse( argumentCount - isNamed, arguments + isNamed );
@@ -453,6 +462,7 @@ int runCommand( int argumentCount, char ** arguments ) {
       }
       return &command == &explain          ? programAndExplain( options )
              : &command == &serve          ? programAndServe( options )
+             : &command == &chip           ? runChipCommand( chipCommand )
              : &command == &ctl            ? askServer( options, ctl.remaining() )
              : options.mode == "interface" ? programInterfacesAndReport( options, app )
                                            : programAndReport( options );

@@ -7,7 +7,7 @@ run_packages=(g++ cmake ninja-build libboost1.81-dev libcli11-dev liblmdb-dev li
    clang-16 bpftool libbpf-dev)
 test_packages=("${run_packages[@]}" clang-16 clang-format-16 doxygen libclang-rt-16-dev llvm-16
    libgtest-dev libgmock-dev librapidcheck-dev libbenchmark-dev nlohmann-json3-dev pkgconf python3 python3-jsonschema
-   conntrack iproute2 nftables)
+   conntrack curl iproute2 nftables)
 bench_packages=("${run_packages[@]}" libbenchmark-dev nlohmann-json3-dev)
 tidy_packages=("${run_packages[@]}" nlohmann-json3-dev clang-16 clang-tidy-16 cppcheck)
 

@@ -24,9 +24,12 @@ class Host::L4Detection final : public Pfe::DynamicNatProgrammerHelper {
    std::bitset< 256 > detected;
 };
 
-Host::Host( Configuration configuration, std::shared_ptr< Asic::Chip > chip, NatIdStore * store )
+Host::Host( Configuration configuration, std::shared_ptr< Asic::Chip > chip, NatIdStore * store,
+            KernelChip * kernelChip )
    : configuration_( std::move( configuration ) ),
      store_( store ),
+     chip_( std::move( chip ) ),
+     kernelChip_( kernelChip ),
      hardware_( Orla::make< Asic::Hardware >() ),
      tables_( hardware_ ),
      status_( Orla::make< Pfe::NatProgrammerStatus >() ),
@@ -36,7 +39,7 @@ Host::Host( Configuration configuration, std::shared_ptr< Asic::Chip > chip, Nat
      needs_( std::make_shared< NatIdNeeds >( replications_ ) ),
      detection_( Orla::make< L4Detection >() ),
      profiles_( Orla::make< Pfe::NatVlanProfileConfig >() ) {
-   hardware_->chipIs( std::move( chip ) );
+   hardware_->chipIs( chip_ );
    if ( store_ ) {
       store_->natIdInfoIs( natIdInfo_ );
    }
@@ -72,6 +75,9 @@ void Host::program() {
    programmer_->initializedIs( true );
    replay();
    conclude();
+   if ( chip_ ) {
+      chip_->sweep();
+   }
 }
 
 void Host::replay() {
@@ -152,6 +158,9 @@ Configuration copyOf( Configuration const & configuration ) {
 }  // namespace
 
 void Host::reload( Configuration next ) {
+   if ( kernelChip_ ) {
+      kernelChip_->portsOf( next );
+   }
    if ( isDeleted() ) {
       kept_ = std::move( next );
       return;
@@ -266,6 +275,9 @@ void Host::take( Configuration next ) {
 void Host::settingsAre( Settings const & settings ) {
    configuration_.rules->fragmentationEnabledIs( settings.fragmentation );
    configuration_.rules->vrfLessIs( settings.vrfLess );
+   if ( kernelChip_ && settings.vrfLess != configuration_.settings.vrfLess ) {
+      kernelChip_->vrfLessIs( settings.vrfLess );
+   }
    capabilities_->fullConeProgrammedIs( settings.fullConeProgrammed );
    detection_->detected = settings.l4Detected;
    needs_->settingsAre( settings );
@@ -346,6 +358,9 @@ void Host::putBack() {
 void Host::retry() {
    resume();
    requireStore();
+   if ( kernelChip_ ) {
+      kernelChip_->repair();
+   }
    hardware_->retryFailed();
    finish();
    conclude();
@@ -400,6 +415,9 @@ bool Host::commit() {
 }
 
 void Host::conclude() {
+   if ( kernelChip_ ) {
+      kernelChip_->trapsAre( *programmer_->natTrapConfig() );
+   }
    if ( store_ && !store_->hasNewIds() ) {
       commit();
    }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "agent/configuration/Configuration.h"
+#include "agent/host/KernelChip.h"
 #include "agent/host/McastReplications.h"
 #include "agent/host/NatIdNeeds.h"
 #include "agent/host/NatIdStore.h"
@@ -28,8 +29,10 @@ namespace Agent {
 // anything, or with the change made and waiting.
 class Host {
  public:
-   // `store` may be null: the NAT ids last as long as the host. Else it must outlive the host.
-   Host( Configuration configuration, std::shared_ptr< Asic::Chip > chip, NatIdStore * store );
+   // `chip` may be null: everything settles. `store` may be null: the NAT ids last as long as the host. Else it must
+   // outlive the host. `kernelChip`: the same chip where it is one in the kernel, which is told of settings and traps.
+   Host( Configuration configuration, std::shared_ptr< Asic::Chip > chip, NatIdStore * store,
+         KernelChip * kernelChip = nullptr );
    // Drops the tables; the NAT ids stay in the store.
    ~Host();
    Host( Host const & ) = delete;
@@ -74,6 +77,10 @@ class Host {
    NatIdStore const * store() const { return store_; }  // null: none
    // Another number whenever configuration, tables or results may have changed.
    U64 changes() const { return changes_; }
+   // What the chip counted of the packets that it rewrote under the id; absent: it does not count.
+   std::optional< Asic::ChipHits > hitsOf( Pfe::NatId id ) const {
+      return chip_ ? chip_->hitsOf( id.value() ) : std::nullopt;
+   }
    // Settles so far.
    U64 turns() const { return turns_; }
 
@@ -100,6 +107,8 @@ class Host {
    Configuration configuration_;
    std::optional< Configuration > kept_;  // to be taken when rules come back
    NatIdStore * store_;
+   std::shared_ptr< Asic::Chip > chip_;
+   KernelChip * kernelChip_;
    Asic::Hardware::Ptr hardware_;
    NatTables tables_;
    Pfe::NatProgrammerStatus::Ptr status_;

@@ -17,8 +17,8 @@ struct MDB_env;
 namespace Agent {
 
 // One folder per configuration: an LMDB environment whose records are id (16 bits, most significant byte first) to the
-// text of its match key, and under 0, which is no id, the version of this format and, behind a blank, the store's identity; and a file that the process using the
-// folder has locked.
+// text of its match key, and under 0, which is no id, the version of this format and, behind a blank, the store's
+// identity; and a file that the process using the folder has locked.
 //
 // What changed since the last commit reaches the disk in one transaction, or not at all if the process dies before. An
 // id that came and went between two commits is not written. Whatever throws, throws UnusableInput and has changed

@@ -4,7 +4,11 @@
 
 #include <Vexa/Value.h>
 
+#include <algorithm>
+#include <ctime>
 #include <limits>
+#include <optional>
+#include <string>
 #include <tuple>
 #include <utility>
 #include <variant>
@@ -45,14 +49,41 @@ template< class Tag > Pfe::NatMatchKey matchKeyOf( Pfe::IngDynamicAddrOnlyKey< T
    return Pfe::DynamicNatMatchKey{ .vrfId = row.vrfId, .first = { row.ip, 0 }, .second = {}, .protocol = 0 };
 }
 
-void appendId( std::string & ids, Host const & host, Pfe::IngNatTableKey const & row ) {
+// Of the row; absent when it holds none.
+std::optional< Pfe::NatId > natIdOf( Host const & host, Pfe::IngNatTableKey const & row ) {
    auto const matchKey = std::visit( []( auto const & key ) { return matchKeyOf( key ); }, row.storage() );
    auto const * const holders = host.programmer().natIdManager()->matchKeyToIngKeySet().find( matchKey );
    auto const * const id = host.natIdInfo().matchKeyToNatId().find( matchKey );
-   if ( holders && id && holders->entryHas( row ) ) {
+   return holders && id && holders->entryHas( row ) ? std::optional( *id ) : std::nullopt;
+}
+
+void appendId( std::string & ids, std::optional< Pfe::NatId > id ) {
+   if ( id ) {
       ids += ids.empty() ? "" : " ";
       Vexa::append( ids, *id );
    }
+}
+
+// Adds what the chip counted under the id, if it counts.
+void addHits( std::optional< Asic::ChipHits > & sum, Host const & host, std::optional< Pfe::NatId > id ) {
+   auto const hits = id ? host.hitsOf( *id ) : std::nullopt;
+   if ( hits ) {
+      auto & total = sum ? *sum : sum.emplace();
+      total.packets += hits->packets;
+      total.bytes += hits->bytes;
+      total.lastPacketNanoseconds = std::max( total.lastPacketNanoseconds, hits->lastPacketNanoseconds );
+   }
+}
+
+// "2026-11-23T20:15:04Z" (RFC 3339); empty: never.
+std::string timeText( U64 nanosecondsSinceEpoch ) {
+   auto const seconds = static_cast< std::time_t >( nanosecondsSinceEpoch / 1'000'000'000 );
+   std::tm utc{};
+   std::string text( sizeof "0000-00-00T00:00:00Z", '\0' );
+   text.resize( seconds == 0 || !gmtime_r( &seconds, &utc )
+                   ? 0
+                   : std::strftime( text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc ) );
+   return text;
 }
 
 // --- What became of a connection -------------------------------------------------------------------------------------
@@ -255,6 +286,9 @@ class Connections final : public ConnectionSource {
                { "peer" },
                { "natIds", Kind::numbers },
                { "fragmentIds", Kind::numbers },
+               { "packets", Kind::number },
+               { "bytes", Kind::number },
+               { "lastPacket" },
                { "filters", Kind::json },
                { "filtersDisabled", Kind::json },
                { "result" },
@@ -280,14 +314,20 @@ class Connections final : public ConnectionSource {
       // Of the connection's own target, then of the replies; those of later fragments others may share.
       std::string natIds;
       std::string fragmentNatIds;
+      std::optional< Asic::ChipHits > hits;
       for ( auto const & ingressRow : ingressRowsOf( connection, settings ) ) {
-         appendId( natIds, host(), ingressRow );
+         auto const natId = natIdOf( host(), ingressRow );
+         appendId( natIds, natId );
+         addHits( hits, host(), natId );
          if ( settings.fragmentation && !ignoresPorts( ingressRow ) ) {
-            appendId( fragmentNatIds, host(), fragmentRowOf( ingressRow ) );
+            appendId( fragmentNatIds, natIdOf( host(), fragmentRowOf( ingressRow ) ) );
          }
       }
       row.cell( natIds );
       row.cell( fragmentNatIds );
+      hits ? row.number( hits->packets ) : row.cell( "" );
+      hits ? row.number( hits->bytes ) : row.cell( "" );
+      row.cell( hits ? timeText( hits->lastPacketNanoseconds ) : "" );
       row.cell( conditions.filters.empty() ? "" : lineOf( conditions.filters ) );
       row.cell( conditions.hasFiltersDisabled ? "true" : "" );
       auto const state = stateOf( connection, host() );

@@ -158,6 +158,16 @@ struct Requests::Call {
       return follower().descriptor() >= 0;
    }
 
+   // What it was told, for the one who ends the process.
+   bool stop() const {
+      auto const keep = params.find( "keep" );
+      if ( keep != params.end() && keep->second != "true" && keep->second != "false" ) {
+         throw Fault{ invalidParams, "keep: \"" + keep->second + "\"; allowed: true, false" };
+      }
+      requests.keepsChip_ = keep != params.end() && keep->second == "true";
+      return requests.ends_ = true;
+   }
+
    bool resync() const {
       follower().resync( host() );
       return showFollowing();
@@ -208,7 +218,7 @@ std::vector< Requests::Method > const & Requests::methods() {
       { "retry", {}, []( Call const & call ) { return call.host().retry(), call.summarize(); } },
       { "following", {}, []( Call const & call ) { return call.showFollowing(); } },
       { "resync", {}, []( Call const & call ) { return call.resync(); } },
-      { "stop", {}, []( Call const & call ) { return call.requests.ends_ = true; } } };
+      { "stop", { "keep" }, []( Call const & call ) { return call.stop(); } } };
    return all;
 }
 

@@ -39,6 +39,9 @@ class Requests {
    // Goes over to the configuration as its file is now. Returns why that cannot be used; empty: it has been done.
    std::string reload();
 
+   // Whether "stop" asked that the chip goes on forwarding.
+   bool keepsChip() const { return keepsChip_; }
+
    // The answer to a message that is no request.
    static std::string refusal( std::string_view why );
 
@@ -57,6 +60,7 @@ class Requests {
    Read read_;
    ConntrackFollower * follower_;
    bool ends_ = false;
+   bool keepsChip_ = false;
    // What was found out about the host after that many changes.
    std::optional< std::pair< U64, bool > > complete_;
    std::optional< std::pair< U64, PacketWalk > > walk_;

@@ -48,7 +48,7 @@ def check_damage():
     cases = [
         ("no store at all", b"something else altogether" * 1000, "cannot be opened: MDB_INVALID: File is not an LMDB file"),
         ("empty", b"", "is damaged: it is empty"),
-        ("of a newer agent", good.replace(b"\1\0\0\0\0\0\2\0\0\0" b"1", b"\1\0\0\0\0\0\2\0\0\0" b"9"),
+        ("of a newer agent", good.replace(b"\0\0\2\0\0\0" b"1 ", b"\0\0\2\0\0\0" b"9 "),
          "has format 9, which is newer; allowed: up to 1"),
         ("cut short", good[: 2 * os.sysconf("SC_PAGESIZE")], "is damaged: reading it fails half-way"),
         ("another type", good.replace(b"Value('Pfe::NatMatchKey", b"Value('Pfe::NatMismatch"),
