@@ -1,9 +1,9 @@
 // Which forwarding chip a host has, as the command line says.
 #pragma once
 
-#include "agent/host/KernelChip.h"
+#include "agent/chips/KernelChip.h"
+#include "agent/chips/SimulatedHardware.h"
 #include "agent/host/NatIdStore.h"
-#include "agent/host/SimulatedHardware.h"
 
 #include <memory>
 #include <string>

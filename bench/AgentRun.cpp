@@ -9,10 +9,10 @@
 #include "System.h"
 
 #include "agent/basics/Heap.h"
+#include "agent/chips/SimulatedHardware.h"
 #include "agent/configuration/Configuration.h"
 #include "agent/host/Host.h"
 #include "agent/host/NatIdStore.h"
-#include "agent/host/SimulatedHardware.h"
 
 #include <lmdb.h>
 #include <nlohmann/json.hpp>

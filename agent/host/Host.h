@@ -2,8 +2,8 @@
 // activity.
 #pragma once
 
+#include "agent/chips/KernelChip.h"
 #include "agent/configuration/Configuration.h"
-#include "agent/host/KernelChip.h"
 #include "agent/host/McastReplications.h"
 #include "agent/host/NatIdNeeds.h"
 #include "agent/host/NatIdStore.h"

@@ -2,7 +2,7 @@
 
 #include "agent/basics/Text.h"
 #include "agent/basics/UnusableInput.h"
-#include "agent/host/KernelChip.h"
+#include "agent/chips/KernelChip.h"
 
 #ifdef PFENAT_EBPF_CHIP
 

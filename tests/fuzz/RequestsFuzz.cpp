@@ -3,9 +3,9 @@
 #include "agent/serving/Requests.h"
 
 #include "agent/basics/UnusableInput.h"
+#include "agent/chips/SimulatedHardware.h"
 #include "agent/configuration/Configuration.h"
 #include "agent/host/Host.h"
-#include "agent/host/SimulatedHardware.h"
 #include "agent/serving/Server.h"
 
 #include <Vexa/Assert.h>

@@ -46,7 +46,7 @@ MAY_INCLUDE = {
 }
 
 # The rooms of agent/, each may include itself and those before it. The files that stand in agent/ itself may include all.
-ROOMS = ["basics", "configuration", "host", "packets", "reports", "learning", "serving"]
+ROOMS = ["basics", "configuration", "chips", "host", "packets", "reports", "learning", "serving"]
 
 INCLUDE = re.compile(r"^\s*#\s*include\b\s*(.*)$")
 NAMED = re.compile(r'[<"]([^>"]+)[>"]')

@@ -1,4 +1,4 @@
-#include "agent/host/KernelChip.h"
+#include "agent/chips/KernelChip.h"
 
 #include "agent/basics/UnusableInput.h"
 
