@@ -1,14 +1,13 @@
 #include <IpNat/NatDynamic.h>
 
-#include <sstream>
-
 namespace [[gnu::visibility( "default" )]] Ip {
 namespace Nat {
 
 std::string DynamicKey::stringValue() const {
-   std::ostringstream out;
-   out << "acl " << aclName << " pool " << poolId;
-   return std::move( out ).str();
+   std::string text = "acl ";
+   Vexa::append( text, aclName );
+   Vexa::append( text.append( " pool " ), poolId );
+   return text;
 }
 
 }  // namespace Nat

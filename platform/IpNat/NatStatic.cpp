@@ -1,24 +1,27 @@
 #include <IpNat/NatStatic.h>
 
-#include <sstream>
-
 namespace [[gnu::visibility( "default" )]] Ip {
 namespace Nat {
 
-std::string StaticKey::stringValue() const {
-   std::ostringstream out;
-   out << ip << ':' << port;
-   if ( !aclName.empty() ) {
-      out << " acl " << aclName;
-   }
-   return std::move( out ).str();
+namespace {
+
+std::string textOf( Netix::IpAndPort const & pair ) {
+   auto text = Vexa::stringOf( pair.ip ) + ':';
+   Vexa::append( text, pair.port );
+   return text;
 }
 
-std::string TwiceKey::stringValue() const {
-   std::ostringstream out;
-   out << source.ip << ':' << source.port << " -> " << destination.ip << ':' << destination.port;
-   return std::move( out ).str();
+}  // namespace
+
+std::string StaticKey::stringValue() const {
+   auto text = textOf( { ip, port } );
+   if ( !aclName.empty() ) {
+      Vexa::append( text.append( " acl " ), aclName );
+   }
+   return text;
 }
+
+std::string TwiceKey::stringValue() const { return textOf( source ) + " -> " + textOf( destination ); }
 
 NatTargets getStaticConnectionTargets( NatTarget target, bool isMulticast ) {
    NatTargets targets;

@@ -1,9 +1,8 @@
 #include <Netix/IntfId.h>
 
-#include <Vexa/HashMap.h>
-
 #include <algorithm>
 #include <array>
+#include <vector>
 
 namespace [[gnu::visibility( "default" )]] Netix {
 
@@ -26,10 +25,34 @@ constexpr std::string_view nameCharacters = "abcdefghijklmnopqrstuvwxyz-01234567
 
 KindName const & nameOf( IntfKind kind ) { return kindNames[ static_cast< std::size_t >( kind ) ]; }
 
-std::ostream & write( std::ostream & out, IntfId intf, std::string_view kindName ) {
-   out << kindName;
-   return intf.kind() == IntfKind::none ? out : out << intf.number();
+std::string textOf( IntfId intf, std::string_view kindName ) {
+   std::string text( kindName );
+   if ( intf.kind() != IntfKind::none ) {
+      Vexa::append( text, intf.number() );
+   }
+   return text;
 }
+
+// Every rule asks for names, and a switch has few interfaces: the names of one kind, each in the place that its number
+// leaves it. Numbers that are a whole block apart take turns, so that what is kept has a bound.
+class KeptNames {
+ public:
+   Orla::String const & of( IntfId intf ) {
+      auto & kept = names_[ intf.number() % block ];
+      if ( kept.text.empty() || kept.number != intf.number() ) {
+         kept = { .number = intf.number(), .text = Orla::String( textOf( intf, nameOf( intf.kind() ).name ) ) };
+      }
+      return kept.text;
+   }
+
+ private:
+   static constexpr U32 block = 4096;  // as many as there are VLANs
+   struct Kept {
+      U32 number = 0;
+      Orla::String text;
+   };
+   std::vector< Kept > names_ = std::vector< Kept >( block );
+};
 
 }  // namespace
 
@@ -67,19 +90,16 @@ std::optional< IntfId > IntfId::fromValue( U32 value ) {
 }
 
 Orla::String IntfId::name() const {
-   // Every rule asks for it; a switch has few interfaces. Never destroyed, as strings may be asked for at exit.
-   static auto * const names = new Vexa::HashMap< IntfId, Orla::String, 0x6C9E0E8B >;
-   auto const [ text, isNew ] = names->refOrEmplace( *this );
-   if ( isNew ) {
-      text = Orla::String( Vexa::stringOf( *this ) );
-   }
-   return text;
+   // Never destroyed, as names may be asked for at exit.
+   static auto * const kept = new std::array< std::optional< KeptNames >, kindNames.size() >;
+   auto & ofKind = ( *kept )[ static_cast< std::size_t >( kind() ) ];
+   return ( ofKind ? *ofKind : ofKind.emplace() ).of( *this );
 }
 
-std::ostream & operator<<( std::ostream & out, IntfId intf ) { return write( out, intf, nameOf( intf.kind() ).name ); }
+std::ostream & operator<<( std::ostream & out, IntfId intf ) { return out << intf.name().text(); }
 
 std::ostream & operator<<( std::ostream & out, ShortName name ) {
-   return write( out, name.intf, nameOf( name.intf.kind() ).shortName );
+   return out << textOf( name.intf, nameOf( name.intf.kind() ).shortName );
 }
 
 }  // namespace Netix

@@ -5,8 +5,9 @@
 namespace [[gnu::visibility( "default" )]] Pfe {
 
 std::ostream & operator<<( std::ostream & out, IngStaticNatEntry const & entry ) {
-   out << "egrHdl=" << entry.egrHdl << ", fragHdl=" << entry.fragHdl << ", nextHopId=" << entry.nextHopId
-       << ", aclId=" << entry.aclId << ", filters=[";
+   out << "egrHdl=" << entry.egrHdl << ", fragHdl=" << entry.fragHdl
+       << ", nextHopId=" << Vexa::stringOf( entry.nextHopId ) << ", aclId=" << Vexa::stringOf( entry.aclId )
+       << ", filters=[";
    for ( auto const & filter : entry.filters ) {
       out << ' ' << filter;
    }
@@ -14,12 +15,13 @@ std::ostream & operator<<( std::ostream & out, IngStaticNatEntry const & entry )
 }
 
 std::ostream & operator<<( std::ostream & out, IngTwiceNatEntry const & entry ) {
-   return out << "egrHdl=" << entry.egrHdl << ", fragHdl=" << entry.fragHdl << ", nextHopId=" << entry.nextHopId;
+   return out << "egrHdl=" << entry.egrHdl << ", fragHdl=" << entry.fragHdl
+              << ", nextHopId=" << Vexa::stringOf( entry.nextHopId );
 }
 
 std::ostream & operator<<( std::ostream & out, IngDynamicNatEntry const & entry ) {
-   return out << "natId=" << entry.natId << ", egrHdl=" << entry.egrHdl << ", fragHdl=" << entry.fragHdl
-              << ", nextHopId=" << entry.nextHopId;
+   return out << "natId=" << Vexa::stringOf( entry.natId ) << ", egrHdl=" << entry.egrHdl
+              << ", fragHdl=" << entry.fragHdl << ", nextHopId=" << Vexa::stringOf( entry.nextHopId );
 }
 
 }  // namespace Pfe

@@ -18,14 +18,17 @@ class NatIdInfo final : public Orla::Entity {
    using PtrConst = Orla::Ptr< NatIdInfo const >;
    using MatchKeyToNatId = Vexa::HashMap< NatMatchKey, NatId, 0x540EAFC5 >;
 
-   // The id under a key: matchKeyToNatId().find( key ), null when there is none.
    MatchKeyToNatId const & matchKeyToNatId() const { return matchKeyToNatId_; }
+   // Null when the key has none.
+   NatId const * matchKeyToNatId( NatMatchKey const & matchKey ) const { return matchKeyToNatId_.find( matchKey ); }
+   bool matchKeyToNatIdHas( NatMatchKey const & matchKey ) const { return matchKeyToNatId_.has( matchKey ); }
    void matchKeyToNatIdIs( NatMatchKey const & matchKey, NatId natId ) { matchKeyToNatId_.is( matchKey, natId ); }
    // The id under a key; when there is none yet, make() from now on.
    template< class Make > NatId matchKeyToNatIdFindOrInsert( NatMatchKey const & matchKey, Make && make ) {
       return matchKeyToNatId_.findOrInsert( matchKey, std::forward< Make >( make ) );
    }
    void matchKeyToNatIdDel( NatMatchKey const & matchKey ) { matchKeyToNatId_.del( matchKey ); }
+   void matchKeyToNatIdDelAll() { matchKeyToNatId_.delAll(); }
 
    Vexa::TypeData const & typeData() const override;
 

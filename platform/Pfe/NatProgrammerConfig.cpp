@@ -12,21 +12,15 @@ Vexa::TypeData const & NatProgrammerConfig::typeData() const {
                        &NatProgrammerConfig::fragmentationEnabledIs >( "fragmentationEnabled" ),
       Vexa::attribute< Entity, &NatProgrammerConfig::vrfLess, &NatProgrammerConfig::vrfLessIs >( "vrfLess" ),
       Vexa::mapAttribute< Entity,
-                          static_cast< NatProgrammerConfig::StaticEntries const & (NatProgrammerConfig::*)() const >(
-                             &NatProgrammerConfig::staticEntry ),
+                          Vexa::MapOf< NatProgrammerConfig, StaticEntries >( &NatProgrammerConfig::staticEntry ),
                           &NatProgrammerConfig::staticEntryIs, &NatProgrammerConfig::staticEntryDel >( "staticEntry" ),
-      Vexa::mapAttribute< Entity,
-                          static_cast< NatProgrammerConfig::TwiceEntries const & (NatProgrammerConfig::*)() const >(
-                             &NatProgrammerConfig::twiceEntry ),
+      Vexa::mapAttribute< Entity, Vexa::MapOf< NatProgrammerConfig, TwiceEntries >( &NatProgrammerConfig::twiceEntry ),
                           &NatProgrammerConfig::twiceEntryIs, &NatProgrammerConfig::twiceEntryDel >( "twiceEntry" ),
       Vexa::mapAttribute< Entity,
-                          static_cast< NatProgrammerConfig::DynamicEntries const & (NatProgrammerConfig::*)() const >(
-                             &NatProgrammerConfig::dynamicEntry ),
+                          Vexa::MapOf< NatProgrammerConfig, DynamicEntries >( &NatProgrammerConfig::dynamicEntry ),
                           &NatProgrammerConfig::dynamicEntryIs, &NatProgrammerConfig::dynamicEntryDel >(
          "dynamicEntry" ),
-      Vexa::mapAttribute< Entity,
-                          static_cast< NatProgrammerConfig::TrapEntries const & (NatProgrammerConfig::*)() const >(
-                             &NatProgrammerConfig::trapEntry ),
+      Vexa::mapAttribute< Entity, Vexa::MapOf< NatProgrammerConfig, TrapEntries >( &NatProgrammerConfig::trapEntry ),
                           &NatProgrammerConfig::trapEntryIs, &NatProgrammerConfig::trapEntryDel >( "trapEntry" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatProgrammerConfig", .attributes = attributes };
    return type;
@@ -44,12 +38,16 @@ Vexa::TypeData const & NatVlanProfileConfig::typeData() const {
 Vexa::TypeData const & NatProgrammerStatus::typeData() const {
    using Entity = Orla::Entity;
    static constexpr Vexa::Attribute< Entity > attributes[] = {
-      Vexa::mapAttribute< Entity, &NatProgrammerStatus::staticStatus, &NatProgrammerStatus::staticStatusIs,
-                          &NatProgrammerStatus::staticStatusDel >( "staticStatus" ),
-      Vexa::mapAttribute< Entity, &NatProgrammerStatus::twiceStatus, &NatProgrammerStatus::twiceStatusIs,
-                          &NatProgrammerStatus::twiceStatusDel >( "twiceStatus" ),
-      Vexa::mapAttribute< Entity, &NatProgrammerStatus::dynamicStatus, &NatProgrammerStatus::dynamicStatusIs,
-                          &NatProgrammerStatus::dynamicStatusDel >( "dynamicStatus" ) };
+      Vexa::mapAttribute< Entity,
+                          Vexa::MapOf< NatProgrammerStatus, StaticStatus >( &NatProgrammerStatus::staticStatus ),
+                          &NatProgrammerStatus::staticStatusIs, &NatProgrammerStatus::staticStatusDel >(
+         "staticStatus" ),
+      Vexa::mapAttribute< Entity, Vexa::MapOf< NatProgrammerStatus, TwiceStatus >( &NatProgrammerStatus::twiceStatus ),
+                          &NatProgrammerStatus::twiceStatusIs, &NatProgrammerStatus::twiceStatusDel >( "twiceStatus" ),
+      Vexa::mapAttribute< Entity,
+                          Vexa::MapOf< NatProgrammerStatus, DynamicStatus >( &NatProgrammerStatus::dynamicStatus ),
+                          &NatProgrammerStatus::dynamicStatusIs, &NatProgrammerStatus::dynamicStatusDel >(
+         "dynamicStatus" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatProgrammerStatus", .attributes = attributes };
    return type;
 }

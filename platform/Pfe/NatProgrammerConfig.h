@@ -30,37 +30,45 @@ class NatProgrammerConfig final : public Orla::Entity {
    NatProgrammerStaticEntry::PtrConst staticEntry( NatProgrammerStaticKey const & key ) const {
       return staticEntry_.valueOr( key );
    }
+   bool staticEntryHas( NatProgrammerStaticKey const & key ) const { return staticEntry_.has( key ); }
    void staticEntryIs( NatProgrammerStaticKey const & key, NatProgrammerStaticEntry::PtrConst entry ) {
       staticEntry_.is( key, std::move( entry ) );
    }
    void staticEntryDel( NatProgrammerStaticKey const & key ) { staticEntry_.del( key ); }
+   void staticEntryDelAll() { staticEntry_.delAll(); }
 
    TwiceEntries const & twiceEntry() const { return twiceEntry_; }
    NatProgrammerTwiceEntry::PtrConst twiceEntry( NatProgrammerTwiceKey const & key ) const {
       return twiceEntry_.valueOr( key );
    }
+   bool twiceEntryHas( NatProgrammerTwiceKey const & key ) const { return twiceEntry_.has( key ); }
    void twiceEntryIs( NatProgrammerTwiceKey const & key, NatProgrammerTwiceEntry::PtrConst entry ) {
       twiceEntry_.is( key, std::move( entry ) );
    }
    void twiceEntryDel( NatProgrammerTwiceKey const & key ) { twiceEntry_.del( key ); }
+   void twiceEntryDelAll() { twiceEntry_.delAll(); }
 
    DynamicEntries const & dynamicEntry() const { return dynamicEntry_; }
    NatProgrammerDynamicEntry::PtrConst dynamicEntry( NatProgrammerDynamicKey const & key ) const {
       return dynamicEntry_.valueOr( key );
    }
+   bool dynamicEntryHas( NatProgrammerDynamicKey const & key ) const { return dynamicEntry_.has( key ); }
    void dynamicEntryIs( NatProgrammerDynamicKey const & key, NatProgrammerDynamicEntry::PtrConst entry ) {
       dynamicEntry_.is( key, std::move( entry ) );
    }
    void dynamicEntryDel( NatProgrammerDynamicKey const & key ) { dynamicEntry_.del( key ); }
+   void dynamicEntryDelAll() { dynamicEntry_.delAll(); }
 
    TrapEntries const & trapEntry() const { return trapEntry_; }
    NatProgrammerTrapEntry::PtrConst trapEntry( NatProgrammerTrapKey const & key ) const {
       return trapEntry_.valueOr( key );
    }
+   bool trapEntryHas( NatProgrammerTrapKey const & key ) const { return trapEntry_.has( key ); }
    void trapEntryIs( NatProgrammerTrapKey const & key, NatProgrammerTrapEntry::PtrConst entry ) {
       trapEntry_.is( key, std::move( entry ) );
    }
    void trapEntryDel( NatProgrammerTrapKey const & key ) { trapEntry_.del( key ); }
+   void trapEntryDelAll() { trapEntry_.delAll(); }
 
    Vexa::TypeData const & typeData() const override;
 

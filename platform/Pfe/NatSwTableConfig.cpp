@@ -18,9 +18,8 @@ Vexa::TypeData const & NatSwTableStaticEntry::typeData() const {
 
 Vexa::TypeData const & NatSwTableConfig::typeData() const {
    using Entity = Orla::Entity;
-   using Entries = StaticEntries const & (NatSwTableConfig::*)() const;
    static constexpr Vexa::Attribute< Entity > attributes[] = {
-      Vexa::mapAttribute< Entity, static_cast< Entries >( &NatSwTableConfig::staticEntry ),
+      Vexa::mapAttribute< Entity, Vexa::MapOf< NatSwTableConfig, StaticEntries >( &NatSwTableConfig::staticEntry ),
                           &NatSwTableConfig::staticEntryIs, &NatSwTableConfig::staticEntryDel >( "staticEntry" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatSwTableConfig", .attributes = attributes };
    return type;
@@ -29,8 +28,8 @@ Vexa::TypeData const & NatSwTableConfig::typeData() const {
 Vexa::TypeData const & NatSwTableStatus::typeData() const {
    using Entity = Orla::Entity;
    static constexpr Vexa::Attribute< Entity > attributes[] = {
-      Vexa::mapAttribute< Entity, &NatSwTableStatus::staticEntry, &NatSwTableStatus::staticEntryIs,
-                          &NatSwTableStatus::staticEntryDel >( "staticEntry" ) };
+      Vexa::mapAttribute< Entity, Vexa::MapOf< NatSwTableStatus, StaticEntries >( &NatSwTableStatus::staticEntry ),
+                          &NatSwTableStatus::staticEntryIs, &NatSwTableStatus::staticEntryDel >( "staticEntry" ) };
    static constexpr Vexa::TypeData type{ .name = "Pfe::NatSwTableStatus", .attributes = attributes };
    return type;
 }

@@ -62,6 +62,7 @@ class NatSwTableStaticEntry final : public Orla::Entity {
    void vlanIdsAre( Bridging::VlanIdSet vlanIds ) { vlanId_ = std::move( vlanIds ); }
    void vlanIdIs( Bridging::VlanId vlanId ) { vlanId_.is( vlanId ); }
    void vlanIdDel( Bridging::VlanId vlanId ) { vlanId_.del( vlanId ); }
+   void vlanIdDelAll() { vlanId_ = {}; }
    bool vlanIdHas( Bridging::VlanId vlanId ) const { return vlanId_.has( vlanId ); }
 
    Vexa::TypeData const & typeData() const override;
@@ -83,11 +84,13 @@ class NatSwTableConfig final : public Orla::Entity {
    NatSwTableStaticEntry::PtrConst staticEntry( NatSwTableStaticKey const & key ) const {
       return staticEntry_.valueOr( key );
    }
+   bool staticEntryHas( NatSwTableStaticKey const & key ) const { return staticEntry_.has( key ); }
    // Inserts or replaces.
    void staticEntryIs( NatSwTableStaticKey const & key, NatSwTableStaticEntry::PtrConst entry ) {
       staticEntry_.is( key, std::move( entry ) );
    }
    void staticEntryDel( NatSwTableStaticKey const & key ) { staticEntry_.del( key ); }
+   void staticEntryDelAll() { staticEntry_.delAll(); }
 
    Vexa::TypeData const & typeData() const override;
 

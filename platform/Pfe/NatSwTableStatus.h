@@ -25,13 +25,18 @@ class NatSwTableStatus final : public Orla::Entity {
    using PtrConst = Orla::Ptr< NatSwTableStatus const >;
    using StaticEntries = Vexa::HashMap< NatSwTableStaticKey, NatSwTableStatusEntry, 0x9C30D539 >;
 
-   // The entry under a key: staticEntry().find( key ), null when there is none.
    StaticEntries const & staticEntry() const { return staticEntry_; }
+   // Null when the key is absent.
+   NatSwTableStatusEntry const * staticEntry( NatSwTableStaticKey const & key ) const {
+      return staticEntry_.find( key );
+   }
+   bool staticEntryHas( NatSwTableStaticKey const & key ) const { return staticEntry_.has( key ); }
    // Inserts or replaces.
    void staticEntryIs( NatSwTableStaticKey const & key, NatSwTableStatusEntry const & entry ) {
       staticEntry_.is( key, entry );
    }
    void staticEntryDel( NatSwTableStaticKey const & key ) { staticEntry_.del( key ); }
+   void staticEntryDelAll() { staticEntry_.delAll(); }
 
    Vexa::TypeData const & typeData() const override;
 

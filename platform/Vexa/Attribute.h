@@ -129,6 +129,9 @@ constexpr Attribute< Object > collectionAttribute( std::string_view name ) {
             .del = &detail::callThunk< del, Object > };
 }
 
+// The type of the accessor of a whole map; picks it among the look-ups of the same name.
+template< class Object, class Map > using MapOf = Map const & (Object::*)() const;
+
 // A collection whose accessor returns its HashMap: the value under a key, an empty std::any when there is none.
 template< class Object, auto map, auto insert, auto del >
 constexpr Attribute< Object > mapAttribute( std::string_view name ) {

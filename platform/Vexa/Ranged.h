@@ -26,7 +26,10 @@ template< class Traits > class Ranged {
    friend constexpr auto operator<=>( Ranged const &, Ranged const & ) = default;
    friend constexpr bool operator==( Ranged const &, Ranged const & ) = default;
    friend constexpr bool operator==( Ranged a, U64 b ) { return a.value_ == b; }
-   friend std::ostream & operator<<( std::ostream & out, Ranged number ) { return out << +number.value_; }
+   friend std::ostream & operator<<( std::ostream & out, Ranged number ) {
+      write( out, number.value_ );
+      return out;
+   }
 
  private:
    static constexpr Raw checked( U64 value ) {

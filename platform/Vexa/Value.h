@@ -192,12 +192,13 @@ template< class T > void append( std::string & text, T const & value ) {
    }
 }
 
-// Writes a part of a text: flags, enumerations and 8-bit values as decimal numbers, all else by its own operator.
+// Writes a part of a text: flags, enumerations and 8-bit values as decimal numbers, all else by its own operator. What
+// the locale of the stream does to numbers is kept out of every text.
 template< class T > void write( std::ostream & out, T const & value ) {
-   if constexpr ( std::is_enum_v< T > ) {
-      write( out, static_cast< std::underlying_type_t< T > >( value ) );
-   } else if constexpr ( std::integral< T > ) {
-      out << +value;
+   if constexpr ( Scalar< T > ) {
+      std::string digits;
+      append( digits, value );
+      out << digits;
    } else {
       out << value;
    }
@@ -210,9 +211,15 @@ template< Described T > std::ostream & operator<<( std::ostream & out, T const &
 }
 
 template< class T > std::string stringOf( T const & value ) {
-   std::ostringstream out;
-   write( out, value );
-   return std::move( out ).str();
+   if constexpr ( Scalar< T > || Described< T > || AppendsItself< T > ) {
+      std::string text;
+      append( text, value );
+      return text;
+   } else {
+      std::ostringstream out;
+      write( out, value );
+      return std::move( out ).str();
+   }
 }
 
 // Takes one value of type T from the front of `text`.

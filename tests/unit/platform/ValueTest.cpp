@@ -72,7 +72,21 @@ Netix::IpAddr ip( char const * text ) { return Netix::IpAddr::fromText( text ).v
 
 Netix::IntfId intf( char const * name ) { return Netix::IntfId::fromName( name ).value(); }
 
+// Of a process that groups digits by twos, which reaches every stream made from here on.
+class GroupingLocale {
+ public:
+   GroupingLocale() : before_( std::locale::global( std::locale( std::locale::classic(), new Grouping ) ) ) {}
+   ~GroupingLocale() { std::locale::global( before_ ); }
+
+ private:
+   struct Grouping final : std::numpunct< char > {
+      std::string do_grouping() const override { return "\2"; }
+   };
+   std::locale before_;
+};
+
 TEST( ValueText, IsTheSameEverywhereAndForEver ) {  // it is the form of persisted keys
+   GroupingLocale const anywhere;
    Pfe::StaticNatMatchKey const staticKey{ .natIntf = "ethernet5",
                                            .vrfId = 7,
                                            .ipAndPortOld = { ip( "10.0.0.1" ), 80 },
@@ -217,6 +231,7 @@ TEST( Ranged, TakesBothBoundsAndRefusesWhatLiesBeyondWithItsText ) {
 }
 
 TEST( IntfId, FollowsFromTheNameAlone ) {
+   GroupingLocale const anywhere;
    struct {
       char const *name, *shortName;
       U32 value;
@@ -230,6 +245,9 @@ TEST( IntfId, FollowsFromTheNameAlone ) {
       EXPECT_EQ( id.value(), row.value );
       EXPECT_EQ( Vexa::stringOf( id ), row.name );
       EXPECT_EQ( Vexa::stringOf( Netix::ShortName{ id } ), row.shortName );
+   }
+   for ( auto const * name : { "vlan10", "vlan4106", "vlan10", "tunnel10" } ) {
+      EXPECT_EQ( intf( name ).name(), name ) << "names that are kept in one place";
    }
    EXPECT_EQ( Vexa::stringOf( Netix::IntfId() ) + Vexa::stringOf( Netix::ShortName{} ), "nonenone" );
    for ( auto const * refused : { "", "ethernet", "5", "none", "none1", "eth5", "Ethernet5", "ethernet05", "ethernet-5",
