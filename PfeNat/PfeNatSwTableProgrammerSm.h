@@ -101,7 +101,8 @@ class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
 
    /// Null until `initialized`, and without NAT ids.
    NatIdManager::Ptr const & natIdManager() const { return natIdManager_; }
-   /// The manager for that NAT id state: the present one if it was built on it, else a new one.
+   /// The manager for that NAT id state: the present one if it was built on it, else a new one. Replaced only while
+   /// nothing is outstanding and no row has failed, with a replay in the same turn unless the tables are empty.
    NatIdManager::Ptr natIdManagerIs( NatIdInfo::Ptr const & natIdInfo );
    /// Takes the manager away and returns it.
    NatIdManager::Ptr natIdManagerDel();
@@ -172,6 +173,7 @@ class NatSwTableProgrammerSm : public NatBaseProgrammerSm {
    // --- All at once --------------------------------------------------------------------------------------------------
 
    /// Takes every configured rule out of the tables; the configuration stays. Range errors are traced, per rule.
+   /// Whoever watches the status may take rules away meanwhile; what is added meanwhile stays in the tables.
    void deleteAllConnections();
    /// Hands over every configured rule; per key the base programmer decides which operation to call.
    void addAllConnections();

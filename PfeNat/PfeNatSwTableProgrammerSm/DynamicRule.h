@@ -52,12 +52,23 @@ template< class IngTable, class OtherTable > struct DynamicRule {
    }
 };
 
-// What both kinds of dynamic entries begin with: a NAT id of the match key, and the rewrite of this side under it.
+// What both kinds of dynamic entries begin with: what their response must know, a NAT id of the match key, and the
+// rewrite of this side under it.
 template< class Rule >
-void takeDynamicEgress( RuleContext< Rule > const & rule, IngNatTableKey const & ingNatTableKey,
-                        typename Rule::Table::Entry & ingEntry, Ip::Nat::NatTarget target, U16 intfQualifier,
-                        Netix::IpAndPort const & ipAndPort ) {
-   auto const natId = rule.programmer->natIdManager()->allocateNatId( ingNatTableKey, rule.matchKey );
+RuleContext< Rule >
+beginDynamicEntry( NatSwTableProgrammerSm & sm, typename Rule::ProgrammerKey const & progKey,
+                   typename Rule::ProgrammerEntry::PtrConst const & progEntry, typename Rule::Table::Key const & key,
+                   typename Rule::DependentTable::Key const & dependentKey, IngNatTableKey const & ingNatTableKey,
+                   DynamicNatMatchKey const & dynamicNatMatchKey, typename Rule::Table::Entry & ingEntry,
+                   Ip::Nat::NatTarget target, U16 intfQualifier, Netix::IpAndPort const & ipAndPort ) {
+   RuleContext< Rule > rule{ .programmer = NatSwTableProgrammerSm::Ptr( &sm ),
+                             .entry = progEntry,
+                             .key = progKey,
+                             .ingKey = key,
+                             .matchKey = dynamicNatMatchKey,
+                             .dependentKeys = {} };
+   rule.dependentKeys.push( dependentKey );
+   auto const natId = sm.natIdManager()->allocateNatId( ingNatTableKey, rule.matchKey );
    EgrNatUcRewriteEntry rewrite;
    if ( target == Ip::Nat::NatTarget::destination ) {
       rewrite.dstIp = ipAndPort.ip;
@@ -66,8 +77,9 @@ void takeDynamicEgress( RuleContext< Rule > const & rule, IngNatTableKey const &
       rewrite.srcIp = ipAndPort.ip;
       rewrite.srcPort = ipAndPort.port;
    }
-   egressRewriteIs( *rule.programmer, ingEntry, target, { natId, intfQualifier }, rewrite );
+   egressRewriteIs( sm, ingEntry, target, { natId, intfQualifier }, rewrite );
    ingEntry.natId = natId.value();
+   return rule;
 }
 
 // Programs one NAPT entry, normal or fragment, of one side (`target`). `entry` comes with its next hop. Returns the
@@ -81,14 +93,8 @@ programDynamicRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget target, U16 
                     NatProgrammerDynamicEntry::PtrConst const & progEntry,
                     Asic::EntryHandle::PtrConst const & fragHdl ) {
    using Rule = DynamicRule< Table, DependentTable >;
-   RuleContext< Rule > rule{ .programmer = NatSwTableProgrammerSm::Ptr( &sm ),
-                             .entry = progEntry,
-                             .key = progKey,
-                             .ingKey = key,
-                             .matchKey = dynamicNatMatchKey,
-                             .dependentKeys = {} };
-   rule.dependentKeys.push( dependentKey );
-   takeDynamicEgress( rule, ingNatTableKey, entry, target, intfQualifier, ipAndPort );
+   auto rule = beginDynamicEntry< Rule >( sm, progKey, progEntry, key, dependentKey, ingNatTableKey, dynamicNatMatchKey,
+                                          entry, target, intfQualifier, ipAndPort );
 
    bool const fragmentationEnabled = sm.natProgrammerConfig()->fragmentationEnabled();
    if ( key.fragment ) {
@@ -116,14 +122,8 @@ void programDynamicAoRule( NatSwTableProgrammerSm & sm, Ip::Nat::NatTarget targe
                            U64 /* u64 */, Netix::IpAndPort const & ipAndPort, NatProgrammerDynamicKey const & progKey,
                            NatProgrammerDynamicEntry::PtrConst const & progEntry ) {
    using Rule = DynamicRule< Table, DependentTable >;
-   RuleContext< Rule > rule{ .programmer = NatSwTableProgrammerSm::Ptr( &sm ),
-                             .entry = progEntry,
-                             .key = progKey,
-                             .ingKey = key,
-                             .matchKey = dynamicNatMatchKey,
-                             .dependentKeys = {} };
-   rule.dependentKeys.push( dependentKey );
-   takeDynamicEgress( rule, ingNatTableKey, entry, target, intfQualifier, ipAndPort );
+   auto rule = beginDynamicEntry< Rule >( sm, progKey, progEntry, key, dependentKey, ingNatTableKey, dynamicNatMatchKey,
+                                          entry, target, intfQualifier, ipAndPort );
    entry.fragHdl = dontCareHandle;
    entry.writeResponse = responseOf< NormalEntryResponse< Rule > >( std::move( rule ) );
    table.entryCommit( key, std::move( entry ) );

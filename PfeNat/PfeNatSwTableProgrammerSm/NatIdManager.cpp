@@ -4,7 +4,10 @@
 
 #include <Trace/RingTrace.h>
 #include <Vexa/Assert.h>
+#include <Vexa/KeysOf.h>
 #include <Vexa/Type.h>
+
+#include <cstddef>
 
 namespace [[gnu::visibility( "default" )]] Pfe {
 
@@ -59,22 +62,25 @@ NatId NatIdManager::allocateNatId( IngNatTableKey const & ingKey, NatMatchKey co
       return natId;
    };
    auto const natId = natIdInfo_->matchKeyToNatIdFindOrInsert( matchKey, takeFreeId );
-   if ( isNew ) {
-      TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " newly assigned to natId: ", natId );
-   }
-
+   bool wasCached = false;
+   std::size_t refCount = 0;
    matchKeyToIngKeySet_.change( matchKey, [ & ]( IngKeySet & ingKeySet ) {
       if ( isNew ) {
          ingKeySet.entryDelAll();
-      } else if ( ingKeySet ) {
-         TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " already assigned to natId: ", natId );
-      } else {
-         TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " has cached natId: ", natId, ".",
-                " Rebuilding natId->IngKey map for restart" );
       }
+      wasCached = !isNew && !ingKeySet;
       ingKeySet.entryIs( ingKey );
-      TRACE( traceHandle(), 8, "matchKey ", matchKey, ", natId: ", natId, ", new refCount: ", ingKeySet.entrys() );
+      refCount = ingKeySet.entrys();
    } );
+   // Told when all is done: a sink that throws leaves an id that is held.
+   if ( wasCached ) {
+      TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, " has cached natId: ", natId, ".",
+             " Rebuilding natId->IngKey map for restart" );
+   } else {
+      TRACE( traceHandle(), 8, "allocateNatId", " matchKey ", matchKey, isNew ? " newly" : " already",
+             " assigned to natId: ", natId );
+   }
+   TRACE( traceHandle(), 8, "matchKey ", matchKey, ", natId: ", natId, ", new refCount: ", refCount );
    return natId;
 }
 
@@ -100,11 +106,13 @@ void NatIdManager::freeNatId( IngNatTableKey const & ingKey, NatMatchKey const &
       matchKeyToIngKeySet_.change( matchKey, [ & ]( IngKeySet & set ) { set.entryDel( ingKey ); } );
       return;
    }
-   // The last holder stays in the set until the set goes, so that a set is never empty.
+   // The last holder stays in the set until the set goes, so that a set is never empty. What the caller calls the key
+   // by may be the one in a map.
+   auto const gone = matchKey;  // NOLINT(performance-unnecessary-copy-initialization)
    natIdBitmap_->clearBit( natId.value() );
-   natIdInfo_->matchKeyToNatIdDel( matchKey );
-   matchKeyToIngKeySetDel( matchKey );
-   TRACE( traceHandle(), 8, "freeNatId", " matchKey ", matchKey, " freeing natId: ", natId );
+   natIdInfo_->matchKeyToNatIdDel( gone );
+   matchKeyToIngKeySetDel( gone );
+   TRACE( traceHandle(), 8, "freeNatId", " matchKey ", gone, " freeing natId: ", natId );
 }
 
 void NatIdManager::sweepAndCleanupNatIds() {
@@ -113,15 +121,17 @@ void NatIdManager::sweepAndCleanupNatIds() {
    if ( !natIdInfo_ ) {
       return;
    }
-   natIdInfo_->matchKeyToNatId().forEach( [ & ]( NatMatchKey const & key, NatId natId ) {
-      if ( matchKeyToIngKeySetHas( key ) ) {
-         return;
+   // Whoever watches the ids may claim or give back others meanwhile: each is looked up at its turn.
+   for ( auto const & matchKey : Vexa::keysOf( natIdInfo_->matchKeyToNatId() ) ) {
+      auto const * const persisted = persistedId( matchKey );
+      if ( !persisted || matchKeyToIngKeySetHas( matchKey ) ) {
+         continue;
       }
-      auto const matchKey = key;  // the entry goes  NOLINT(performance-unnecessary-copy-initialization)
+      auto const natId = *persisted;
       natIdBitmap_->clearBit( natId.value() );
       natIdInfo_->matchKeyToNatIdDel( matchKey );
       TRACE( traceHandle(), 8, "sweepAndCleanupNatIds", " matchKey ", matchKey, " cleaning up natId: ", natId );
-   } );
+   }
 }
 
 Vexa::TypeData const & NatIdManager::classType() {

@@ -69,9 +69,9 @@ Host::~Host() {
 }
 
 void Host::program() {
-   // The id manager, which is made here, knows of what is in the tables by the replay alone.
-   VEXA_ASSERT( hardware_->outstanding() == 0 );
+   // A new NAT id manager gives away what the replay does not claim: also ids of rows that a failed rewrite keeps.
    tables_.forEach( []( auto const & table ) { VEXA_ASSERT( table.failedRowCount() == 0 ); } );
+   VEXA_ASSERT( hardware_->outstanding() == 0 );
    programmer_->initializedIs( true );
    replay();
    conclude();

@@ -97,6 +97,34 @@ TEST_F( NatIdManagerTest, HandsOutTheLowestIdThatIsNeitherZeroNorPersisted ) {
    EXPECT_EQ( manager->getNatId( matchKey( 99 ) ), 1 ) << "the default of a key that has no id";
 }
 
+// The store writes ids back when they change; any other watcher may do more.
+TEST_F( NatIdManagerTest, IdsMayGoWhileTheirMapsAreRead ) {
+   struct Watcher final : Pfe::NatIdInfo::MatchKeyToNatId::Watcher {
+      void onKey( Pfe::NatMatchKey const &, Pfe::NatId const *, Pfe::NatId const * current ) override {
+         for ( U16 port = 1; !current && port <= 100; ++port ) {
+            port % 2 == 0 ? info->matchKeyToNatIdDel( matchKey( port ) )
+                          : info->matchKeyToNatIdIs( matchKey( 100 + port ), Pfe::NatId( 100 + port ) );
+         }
+      }
+      Pfe::NatIdInfo * info;
+   } watcher;
+   watcher.info = info.ptr();
+   for ( U16 port = 1; port <= 100; ++port ) {
+      info->matchKeyToNatIdIs( matchKey( port ), Pfe::NatId( port ) );
+   }
+   start();
+   info->matchKeyToNatId().watcherIs( watcher );
+   manager->sweepAndCleanupNatIds();
+   info->matchKeyToNatId().watcherDel( watcher );
+   EXPECT_EQ( info->matchKeyToNatId().count(), 50U ) << "those that came meanwhile";
+   manager->sweepAndCleanupNatIds();
+   manager->allocateNatId( first, matchKey( 80 ) );
+   manager->allocateNatId( first, matchKey( 81 ) );
+   info->matchKeyToNatId().forEach(
+      [ & ]( Pfe::NatMatchKey const & key, Pfe::NatId ) { manager->freeNatId( first, key ); } );
+   EXPECT_EQ( info->matchKeyToNatId().count() + manager->matchKeyToIngKeySet().count(), 0U );
+}
+
 TEST_F( NatIdManagerTest, ThrowsWhenThePoolIsEmptyAndChangesNothing ) {
    start();
    for ( U32 id = 1; id < Pfe::NatId::max; ++id ) {
