@@ -44,7 +44,8 @@ Orla::Ptr< Orla::Entity > constructed( std::string_view name, std::vector< std::
 TEST( Plugin, IsDrivenFromLoadingToAProgrammedRuleByNamesAlone ) {
    setenv( "AGENT_PROCESS_NAME", "forwarding-agent", 1 );
    ASSERT_EQ( Vexa::typeOf( "Pfe::NatSwTableProgrammerSm" ), nullptr ) << "the library is linked already";
-   ASSERT_NE( dlopen( PFENAT_LIBRARY, RTLD_NOW | RTLD_LOCAL ), nullptr ) << dlerror();
+   auto * const library = dlopen( PFENAT_LIBRARY, RTLD_NOW | RTLD_LOCAL );
+   ASSERT_NE( library, nullptr ) << dlerror();
    EXPECT_NE( Vexa::moduleOf( "PfeNatSwTableProgrammerSm" ), nullptr );
    EXPECT_EQ( Vexa::memoryManagerAgentName(), "forwarding-agent" );
 
@@ -78,6 +79,7 @@ TEST( Plugin, IsDrivenFromLoadingToAProgrammedRuleByNamesAlone ) {
    EXPECT_EQ( status->staticStatus().find( key )->result, PfeHelper::NatHwResult::programmed );
    EXPECT_EQ( ingress->rowCount(), 2U );
    ingress->clear();
+   EXPECT_EQ( dlclose( library ), 0 );  // what it registered stays valid
 }
 
 TEST( Plugin, OffersInterfaceModeByNames ) {
