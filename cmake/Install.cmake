@@ -1,5 +1,6 @@
-# What an installation holds, in two components: `runtime` (libraries, agent) and `development` (headers, CMake package,
-# pkg-config file). `cpack` in the build folder makes a Debian package of each.
+# What an installation holds, in two components: `runtime` (libraries, agent, documentation, configurations to try) and
+# `development` (headers, CMake package, pkg-config file, the embedding project). `cpack` makes a Debian package of each in
+# `packages` of the build folder, wherever it is called.
 
 include( CMakePackageConfigHelpers )
 
@@ -42,6 +43,15 @@ write_basic_package_version_file( PfeNatConfigVersion.cmake COMPATIBILITY SameMi
 install( FILES ${PROJECT_BINARY_DIR}/PfeNatConfig.cmake ${PROJECT_BINARY_DIR}/PfeNatConfigVersion.cmake
    DESTINATION ${package_folder} COMPONENT development )
 
+set( doc_root ${CMAKE_INSTALL_DATAROOTDIR}/doc )
+file( GLOB guides CONFIGURE_DEPENDS docs/*.md docs/*.svg )
+install( FILES README.md DESTINATION ${doc_root}/pfe-nat COMPONENT runtime )
+install( FILES ${guides} DESTINATION ${doc_root}/pfe-nat/docs COMPONENT runtime )
+install( DIRECTORY examples/ DESTINATION ${doc_root}/pfe-nat/examples COMPONENT runtime PATTERN embedding EXCLUDE )
+install( DIRECTORY examples/embedding DESTINATION ${doc_root}/pfe-nat-dev/examples COMPONENT development )
+install( FILES cmake/copyright DESTINATION ${doc_root}/pfe-nat COMPONENT runtime )
+install( FILES cmake/copyright DESTINATION ${doc_root}/pfe-nat-dev COMPONENT development )
+
 file( RELATIVE_PATH prefix_from_pkgconfig /${CMAKE_INSTALL_LIBDIR}/pkgconfig / )
 configure_file( cmake/pfe-nat.pc.in pfe-nat.pc @ONLY )
 install( FILES ${PROJECT_BINARY_DIR}/pfe-nat.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development )
@@ -51,13 +61,22 @@ set( CPACK_PACKAGE_NAME pfe-nat )
 set( CPACK_PACKAGE_CONTACT "PfeNat maintainers <pfe-nat@localhost>" )
 set( CPACK_PACKAGE_DESCRIPTION_SUMMARY "NAT table programmer of a network switch" )
 set( CPACK_PACKAGING_INSTALL_PREFIX /usr )
+set( CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages )
+set( CPACK_STRIP_FILES ON )
 set( CPACK_DEB_COMPONENT_INSTALL ON )
 set( CPACK_DEBIAN_FILE_NAME DEB-DEFAULT )
 set( CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON )
 # The libraries lie in the package itself.
 set( CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/PfeNat ${PROJECT_BINARY_DIR}/platform ${PROJECT_BINARY_DIR}/chip )
 set( CPACK_DEBIAN_RUNTIME_PACKAGE_NAME pfe-nat )
+set( CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION net )
+set( CPACK_COMPONENT_RUNTIME_DESCRIPTION "Libraries that turn NAT rules into rows of a switch, and nat-agent, which hosts them." )
+# The maintainer scripts of the package, as they are added.
+file( GLOB runtime_scripts CONFIGURE_DEPENDS cmake/debian/* )
+set( CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${runtime_scripts}" )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME pfe-nat-dev )
+set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel )
+set( CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers of the NAT table programmer and its platform, and a project that embeds them." )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "pfe-nat (= ${PROJECT_VERSION}), libboost1.81-dev" )
 set( CPACK_COMPONENTS_ALL runtime development )
 include( CPack )
