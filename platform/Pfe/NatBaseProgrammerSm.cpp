@@ -8,97 +8,55 @@ namespace [[gnu::visibility( "default" )]] Pfe {
 
 namespace {
 
-struct StaticRule {
+// One description per kind of rules: what it is keyed by, where it is configured, the operations that take it, where
+// its results are, and the hash constants of what is remembered of it.
+
+struct StaticKind {
    using Key = NatProgrammerStaticKey;
    using Entry = NatProgrammerStaticEntry;
-   using Status = NatProgrammerStaticStatusEntry;
+   static constexpr Vexa::MapOf< NatProgrammerConfig, NatProgrammerConfig::StaticEntries > configured =
+      &NatProgrammerConfig::staticEntry;
+   static constexpr auto add = &NatBaseProgrammerSm::addStaticConnection;
+   static constexpr auto update = &NatBaseProgrammerSm::updateStaticConnection;
+   static constexpr auto del = &NatBaseProgrammerSm::deleteStaticConnection;
+   static constexpr Vexa::MapOf< NatProgrammerStatus, NatProgrammerStatus::StaticStatus > status =
+      &NatProgrammerStatus::staticStatus;
+   static constexpr auto statusIs = &NatProgrammerStatus::staticStatusIs;
+   static constexpr auto statusDel = &NatProgrammerStatus::staticStatusDel;
    static constexpr U32 rememberedConstant = 0xB5470917;
    static constexpr U32 refusedConstant = 0x9216D5D9;
-
-   static Entry::PtrConst configured( NatBaseProgrammerSm const & sm, Key const & key ) {
-      return sm.natProgrammerConfig()->staticEntry( key );
-   }
-   static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.addStaticConnection( key, entry );
-   }
-   static void update( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.updateStaticConnection( key, entry );
-   }
-   static void del( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.deleteStaticConnection( key, entry );
-   }
-   static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->staticStatus(); }
-   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) {
-      return allStatus( sm ).find( key );
-   }
-   static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
-      sm.natProgrammerStatus()->staticStatusIs( key, status );
-   }
-   static void statusDel( NatBaseProgrammerSm & sm, Key const & key ) {
-      sm.natProgrammerStatus()->staticStatusDel( key );
-   }
 };
 
-struct TwiceRule {
+struct TwiceKind {
    using Key = NatProgrammerTwiceKey;
    using Entry = NatProgrammerTwiceEntry;
-   using Status = NatProgrammerTwiceStatusEntry;
+   static constexpr Vexa::MapOf< NatProgrammerConfig, NatProgrammerConfig::TwiceEntries > configured =
+      &NatProgrammerConfig::twiceEntry;
+   static constexpr auto add = &NatBaseProgrammerSm::addTwiceConnection;
+   static constexpr auto update = &NatBaseProgrammerSm::updateTwiceConnection;
+   static constexpr auto del = &NatBaseProgrammerSm::deleteTwiceConnection;
+   static constexpr Vexa::MapOf< NatProgrammerStatus, NatProgrammerStatus::TwiceStatus > status =
+      &NatProgrammerStatus::twiceStatus;
+   static constexpr auto statusIs = &NatProgrammerStatus::twiceStatusIs;
+   static constexpr auto statusDel = &NatProgrammerStatus::twiceStatusDel;
    static constexpr U32 rememberedConstant = 0x8979FB1B;
    static constexpr U32 refusedConstant = 0xD1310BA6;
-
-   static Entry::PtrConst configured( NatBaseProgrammerSm const & sm, Key const & key ) {
-      return sm.natProgrammerConfig()->twiceEntry( key );
-   }
-   static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.addTwiceConnection( key, entry );
-   }
-   static void update( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.updateTwiceConnection( key, entry );
-   }
-   static void del( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.deleteTwiceConnection( key, entry );
-   }
-   static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->twiceStatus(); }
-   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) {
-      return allStatus( sm ).find( key );
-   }
-   static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
-      sm.natProgrammerStatus()->twiceStatusIs( key, status );
-   }
-   static void statusDel( NatBaseProgrammerSm & sm, Key const & key ) {
-      sm.natProgrammerStatus()->twiceStatusDel( key );
-   }
 };
 
-struct DynamicRule {
+struct DynamicKind {
    using Key = NatProgrammerDynamicKey;
    using Entry = NatProgrammerDynamicEntry;
-   using Status = NatProgrammerDynamicStatusEntry;
+   static constexpr Vexa::MapOf< NatProgrammerConfig, NatProgrammerConfig::DynamicEntries > configured =
+      &NatProgrammerConfig::dynamicEntry;
+   static constexpr auto add = &NatBaseProgrammerSm::addDynamicConnection;
+   static constexpr auto update = &NatBaseProgrammerSm::updateDynamicConnection;
+   static constexpr auto del = &NatBaseProgrammerSm::deleteDynamicConnection;
+   static constexpr Vexa::MapOf< NatProgrammerStatus, NatProgrammerStatus::DynamicStatus > status =
+      &NatProgrammerStatus::dynamicStatus;
+   static constexpr auto statusIs = &NatProgrammerStatus::dynamicStatusIs;
+   static constexpr auto statusDel = &NatProgrammerStatus::dynamicStatusDel;
    static constexpr U32 rememberedConstant = 0x98DFB5AC;
    static constexpr U32 refusedConstant = 0x2FFD72DB;
-
-   static Entry::PtrConst configured( NatBaseProgrammerSm const & sm, Key const & key ) {
-      return sm.natProgrammerConfig()->dynamicEntry( key );
-   }
-   static void add( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.addDynamicConnection( key, entry );
-   }
-   static void update( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.updateDynamicConnection( key, entry );
-   }
-   static void del( NatBaseProgrammerSm & sm, Key const & key, Entry::PtrConst const & entry ) {
-      sm.deleteDynamicConnection( key, entry );
-   }
-   static auto const & allStatus( NatBaseProgrammerSm const & sm ) { return sm.natProgrammerStatus()->dynamicStatus(); }
-   static Status const * status( NatBaseProgrammerSm const & sm, Key const & key ) {
-      return allStatus( sm ).find( key );
-   }
-   static void statusIs( NatBaseProgrammerSm & sm, Key const & key, Status const & status ) {
-      sm.natProgrammerStatus()->dynamicStatusIs( key, status );
-   }
-   static void statusDel( NatBaseProgrammerSm & sm, Key const & key ) {
-      sm.natProgrammerStatus()->dynamicStatusDel( key );
-   }
 };
 
 template< class Pointer > Pointer valueOrNull( Pointer const * pointer ) { return pointer ? *pointer : Pointer(); }
@@ -113,10 +71,21 @@ struct NatBaseProgrammerSm::Memory {
    explicit Memory( NatBaseProgrammerSm & programmer )
       : staticRules( programmer, refusals ), twiceRules( programmer, refusals ), dynamicRules( programmer, refusals ) {}
 
+   auto & of( NatProgrammerStaticKey const & ) { return staticRules; }
+   auto & of( NatProgrammerTwiceKey const & ) { return twiceRules; }
+   auto & of( NatProgrammerDynamicKey const & ) { return dynamicRules; }
+
+   // Calls function( rules ) for each kind, in the order in which they are handed over.
+   template< class Function > void forEachKind( Function && function ) {
+      function( staticRules );
+      function( twiceRules );
+      function( dynamicRules );
+   }
+
    Refusals refusals;
-   RuleMemory< StaticRule > staticRules;
-   RuleMemory< TwiceRule > twiceRules;
-   RuleMemory< DynamicRule > dynamicRules;
+   RuleMemory< StaticKind > staticRules;
+   RuleMemory< TwiceKind > twiceRules;
+   RuleMemory< DynamicKind > dynamicRules;
    Vexa::HashMap< NatProgrammerTrapKey, NatProgrammerTrapEntry::PtrConst, 0xD01ADFB7 > traps;
 };
 
@@ -160,31 +129,22 @@ void NatBaseProgrammerSm::replay() {
 
 // Whoever watches the status may change rules meanwhile: each is looked up at its turn.
 void NatBaseProgrammerSm::handleAllConfig() {
-   auto const & config = *natProgrammerConfig_;
-   for ( auto const & key : Vexa::keysOf( config.staticEntry() ) ) {
-      handleProgrammerStaticConfig( key );
-   }
-   for ( auto const & key : Vexa::keysOf( config.twiceEntry() ) ) {
-      handleProgrammerTwiceConfig( key );
-   }
-   for ( auto const & key : Vexa::keysOf( config.dynamicEntry() ) ) {
-      handleProgrammerDynamicConfig( key );
-   }
-   for ( auto const & key : Vexa::keysOf( config.trapEntry() ) ) {
+   memory_->forEachKind( []( auto & rules ) { rules.handleAll(); } );
+   for ( auto const & key : Vexa::keysOf( natProgrammerConfig_->trapEntry() ) ) {
       handleProgrammerTrapConfig( key );
    }
 }
 
 void NatBaseProgrammerSm::handleProgrammerStaticConfig( NatProgrammerStaticKey const & key ) {
-   memory_->staticRules.handle( key, natProgrammerConfig_->staticEntry( key ) );
+   memory_->staticRules.handleConfigured( key );
 }
 
 void NatBaseProgrammerSm::handleProgrammerTwiceConfig( NatProgrammerTwiceKey const & key ) {
-   memory_->twiceRules.handle( key, natProgrammerConfig_->twiceEntry( key ) );
+   memory_->twiceRules.handleConfigured( key );
 }
 
 void NatBaseProgrammerSm::handleProgrammerDynamicConfig( NatProgrammerDynamicKey const & key ) {
-   memory_->dynamicRules.handle( key, natProgrammerConfig_->dynamicEntry( key ) );
+   memory_->dynamicRules.handleConfigured( key );
 }
 
 void NatBaseProgrammerSm::handleProgrammerTrapConfig( NatProgrammerTrapKey const & key ) {
@@ -270,18 +230,6 @@ void NatBaseProgrammerSm::natIdDemandIs( std::shared_ptr< NatIdDemand const > de
 
 std::size_t NatBaseProgrammerSm::retryRefused() {
    auto const last = memory_->refusals.refused;  // what is refused again from here on has its turn next time
-   struct Retry {
-      NatBaseProgrammerSm & sm;
-      bool operator()( NatProgrammerStaticKey const & key ) const {
-         return sm.memory_->staticRules.retry( key, sm.natProgrammerConfig_->staticEntry( key ) );
-      }
-      bool operator()( NatProgrammerTwiceKey const & key ) const {
-         return sm.memory_->twiceRules.retry( key, sm.natProgrammerConfig_->twiceEntry( key ) );
-      }
-      bool operator()( NatProgrammerDynamicKey const & key ) const {
-         return sm.memory_->dynamicRules.retry( key, sm.natProgrammerConfig_->dynamicEntry( key ) );
-      }
-   };
    std::size_t handedOver = 0;
    for ( bool accepted = true; accepted; ) {
       auto const key = memory_->refusals.waiting.next( last );
@@ -289,28 +237,25 @@ std::size_t NatBaseProgrammerSm::retryRefused() {
          break;
       }
       ++handedOver;
-      accepted = std::visit( Retry{ *this }, *key );
+      accepted = std::visit( [ & ]( auto const & ofKind ) { return memory_->of( ofKind ).retry( ofKind ); }, *key );
    }
    return handedOver;
 }
 
 void NatBaseProgrammerSm::atRest() {
-   memory_->staticRules.dropStaleStatus();
-   memory_->twiceRules.dropStaleStatus();
-   memory_->dynamicRules.dropStaleStatus();
+   memory_->forEachKind( []( auto & rules ) { rules.dropStaleStatus(); } );
 }
 
 std::vector< std::string > NatBaseProgrammerSm::checkStaleStatus() const {
    std::vector< std::string > names;
-   memory_->staticRules.nameStaleStatus( names );
-   memory_->twiceRules.nameStaleStatus( names );
-   memory_->dynamicRules.nameStaleStatus( names );
+   memory_->forEachKind( [ & ]( auto const & rules ) { rules.nameStaleStatus( names ); } );
    return names;
 }
 
 std::size_t NatBaseProgrammerSm::refusedCount() const {
-   return memory_->staticRules.refusedCount() + memory_->twiceRules.refusedCount() +
-          memory_->dynamicRules.refusedCount();
+   std::size_t count = 0;
+   memory_->forEachKind( [ & ]( auto const & rules ) { count += rules.refusedCount(); } );
+   return count;
 }
 
 U64 NatBaseProgrammerSm::rangeErrorCount() const { return memory_->refusals.rangeErrors; }

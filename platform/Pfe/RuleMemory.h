@@ -6,6 +6,7 @@
 #include <Trace/Trace.h>
 #include <Vexa/Exception.h>
 #include <Vexa/HashMap.h>
+#include <Vexa/KeysOf.h>
 
 #include <algorithm>
 #include <memory>
@@ -45,18 +46,28 @@ struct Refusals {
    std::shared_ptr< NatIdDemand const > demand;  // null: unknown
 };
 
-// `Rule` gives Key, Entry, two hash constants, what is configured, the operations (add, update, del), and of the status
-// find, set and drop.
-template< class Rule > class RuleMemory {
+// `Kind` gives Key, Entry, two hash constants, and as pointers to members: what is configured, the operations (add,
+// update, del), and of the status all of it, set and drop.
+template< class Kind > class RuleMemory {
  public:
-   using Key = typename Rule::Key;
-   using EntryPtr = typename Rule::Entry::PtrConst;
+   using Key = typename Kind::Key;
+   using EntryPtr = typename Kind::Entry::PtrConst;
+   using StatusEntry = NatProgrammerStatusEntry< typename Kind::Entry >;
    using Mode = NatBaseProgrammerSm::Mode;
 
    RuleMemory( NatBaseProgrammerSm & programmer, Refusals & refusals )
       : programmer_( programmer ), refusals_( refusals ) {}
 
    std::size_t refusedCount() const { return refused_.count(); }
+
+   void handleConfigured( Key const & key ) { handle( key, configured( key ) ); }
+
+   // Whoever watches the status may change rules meanwhile: each is looked up at its turn.
+   void handleAll() {
+      for ( auto const & key : Vexa::keysOf( ( *programmer_.natProgrammerConfig().*Kind::configured )() ) ) {
+         handleConfigured( key );
+      }
+   }
 
    // Hands over what `key` is configured as; null: it is not configured any more.
    void handle( Key const & key, EntryPtr const & configured ) {
@@ -71,7 +82,7 @@ template< class Rule > class RuleMemory {
       auto const [ known, isNew ] = remembered_.refOrEmplace( key );
       if ( isNew ) {
          known = configured;
-         run( &Rule::add, key, configured );
+         run( Change::add, key, configured );
          return;
       }
       auto const previous = known;
@@ -80,19 +91,19 @@ template< class Rule > class RuleMemory {
       }
       if ( previous->derivesSameRows( *configured ) ) {
          known = configured;
-         run( &Rule::update, key, configured );
+         run( Change::update, key, configured );
          return;
       }
-      takeBack( key, previous );  // while it is the one remembered
-      if ( isStillConfigured( key, configured ) ) {
-         remembered_.refOrEmplace( key ).first = configured;
-         run( &Rule::add, key, configured );
+      takeBack( key, previous );
+      if ( isStillToHandOver( key, configured ) ) {
+         remembered_.is( key, configured );
+         run( Change::add, key, configured );
       }
    }
 
    // Hands a refused key over again; false when it is refused again.
-   bool retry( Key const & key, EntryPtr const & configured ) {
-      handle( key, configured );
+   bool retry( Key const & key ) {
+      handleConfigured( key );
       return !refused_.has( key );
    }
 
@@ -102,7 +113,7 @@ template< class Rule > class RuleMemory {
       }
       auto const * const known = remembered_.find( key );
       if ( !known || *known == entry ) {
-         Rule::statusIs( programmer_, key, { result, entry } );
+         statusIs( key, entry, result );
       }
    }
 
@@ -112,12 +123,12 @@ template< class Rule > class RuleMemory {
       }
       auto const * const known = remembered_.find( key );
       if ( known && *known != entry ) {
-         auto const * const status = Rule::status( programmer_, key );
+         auto const * const status = allStatus().find( key );
          if ( status && status->entry == *known ) {
             return;
          }
       }
-      Rule::statusDel( programmer_, key );
+      dropStatus( key );
    }
 
    // Whoever watches the status may change rules meanwhile; these have their turn at the next rest.
@@ -125,7 +136,7 @@ template< class Rule > class RuleMemory {
       auto changed = std::exchange( changed_, {} );
       for ( auto const & key : changed ) {
          if ( hasStaleStatus( key ) ) {
-            Rule::statusDel( programmer_, key );
+            dropStatus( key );
          }
       }
       changed.clear();
@@ -135,7 +146,7 @@ template< class Rule > class RuleMemory {
    }
 
    void nameStaleStatus( std::vector< std::string > & names ) const {
-      for ( auto const & [ key, status ] : Rule::allStatus( programmer_ ) ) {
+      for ( auto const & [ key, status ] : allStatus() ) {
          if ( isStale( key, status ) ) {
             names.push_back( Vexa::stringOf( key ) );
          }
@@ -143,17 +154,26 @@ template< class Rule > class RuleMemory {
    }
 
  private:
-   using Operation = void ( * )( NatBaseProgrammerSm &, Key const &, EntryPtr const & );
+   enum class Change : U8 { add, update };
+
+   EntryPtr configured( Key const & key ) const {
+      return ( *programmer_.natProgrammerConfig().*Kind::configured )().valueOr( key );
+   }
+   auto const & allStatus() const { return ( *programmer_.natProgrammerStatus().*Kind::status )(); }
+   void statusIs( Key const & key, EntryPtr const & entry, PfeHelper::NatHwResult result ) {
+      ( *programmer_.natProgrammerStatus().*Kind::statusIs )( key, { result, entry } );
+   }
+   void dropStatus( Key const & key ) { ( *programmer_.natProgrammerStatus().*Kind::statusDel )( key ); }
 
    bool isRefused( Key const & key ) const { return refused_.count() != 0 && refused_.has( key ); }
 
-   bool isStale( Key const & key, typename Rule::Status const & status ) const {
+   bool isStale( Key const & key, StatusEntry const & status ) const {
       auto const * const known = remembered_.find( key );
       return !isRefused( key ) && ( !known || *known != status.entry );
    }
 
    bool hasStaleStatus( Key const & key ) const {
-      auto const * const status = Rule::status( programmer_, key );
+      auto const * const status = allStatus().find( key );
       return status && isStale( key, *status );
    }
 
@@ -170,9 +190,10 @@ template< class Rule > class RuleMemory {
       }
    }
 
-   // Whoever watches the status may have changed the rule while an operation ran; that change was handed over then.
-   bool isStillConfigured( Key const & key, EntryPtr const & entry ) const {
-      return Rule::configured( programmer_, key ) == entry;
+   // What is taken back or undone is forgotten first, so that whoever watches the status may change the rule inside:
+   // such a change finds nothing to take back, and is handed over by itself. False when that has happened.
+   bool isStillToHandOver( Key const & key, EntryPtr const & entry ) const {
+      return !remembered_.has( key ) && !isRefused( key ) && configured( key ) == entry;
    }
 
    // Removes the mark of a refused key; false when it has none.
@@ -192,11 +213,11 @@ template< class Rule > class RuleMemory {
       if ( configured ) {
          mayBeStale( key );
          remembered_.is( key, configured );
-         run( &Rule::add, key, configured );
+         run( Change::add, key, configured );
       }
-      auto const * const status = Rule::status( programmer_, key );
+      auto const * const status = allStatus().find( key );
       if ( status && status->result == PfeHelper::NatHwResult::failed && !isRefused( key ) ) {
-         Rule::statusDel( programmer_, key );
+         dropStatus( key );
       }
    }
 
@@ -205,36 +226,37 @@ template< class Rule > class RuleMemory {
          EntryPtr const previous = *known;
          mayBeStale( key );
          takeBack( key, previous );
-         if ( isStillConfigured( key, nullptr ) ) {
-            remembered_.del( key );
-         }
       }
    }
 
    // Hands over an entry that is remembered already. An add that the id pool cannot hold is refused without being
    // tried: what it took by then would be out of the pool, and on disk, until its undo has settled.
-   void run( Operation operation, Key const & key, EntryPtr const & entry ) {
+   void run( Change change, Key const & key, EntryPtr const & entry ) {
       try {
-         if ( operation == &Rule::add && programmer_.programmerMode() == Mode::tables &&
-              refusals_.lacksIds( key, entry ) ) {
+         if ( change == Change::update ) {
+            ( programmer_.*Kind::update )( key, entry );
+         } else if ( programmer_.programmerMode() == Mode::tables && refusals_.lacksIds( key, entry ) ) {
             TRACE( Refusals::traceHandle(), 2, "not tried for want of NAT ids, rule: ", Vexa::stringOf( key ) );
-            mark( key, entry, true );
-            return;
+            mayBeStale( key );
+            remembered_.del( key );
+            mark( ++refusals_.refused, key, entry, true );
+         } else {
+            ( programmer_.*Kind::add )( key, entry );
          }
-         operation( programmer_, key, entry );
       } catch ( Vexa::RangeException const & error ) {
          refusals_.countRangeError( Vexa::stringOf( key ), error );
          if ( programmer_.programmerMode() == Mode::tables ) {
             refuse( key, entry, error );
-         } else if ( operation == &Rule::add ) {
+         } else if ( change == Change::add && remembered_.valueOr( key ) == entry ) {
             remembered_.del( key );
          }
       }
    }
 
    void takeBack( Key const & key, EntryPtr const & entry ) {
+      remembered_.del( key );
       try {
-         Rule::del( programmer_, key, entry );
+         ( programmer_.*Kind::del )( key, entry );
       } catch ( Vexa::RangeException const & error ) {
          refusals_.countRangeError( Vexa::stringOf( key ), error );
       }
@@ -242,30 +264,32 @@ template< class Rule > class RuleMemory {
 
    // Undoes what a raised add or update left, and marks the key.
    void refuse( Key const & key, EntryPtr const & entry, Vexa::RangeException const & error ) {
+      auto const number = ++refusals_.refused;  // its place, whatever is refused while it is undone
+      mayBeStale( key );
+      remembered_.del( key );
       try {
-         Rule::del( programmer_, key, entry );
+         ( programmer_.*Kind::del )( key, entry );
       } catch ( Vexa::RangeException const & ) {
          // Raised for the same reason; there is nothing to undo from there on.
       }
-      mark( key, entry, error.what() == std::string_view( NatId::rangeError ) );
+      if ( isStillToHandOver( key, entry ) ) {
+         mark( number, key, entry, error.what() == std::string_view( NatId::rangeError ) );
+      }
    }
 
    // From here on the status says failed.
-   void mark( Key const & key, EntryPtr const & entry, bool byPool ) {
-      remembered_.del( key );
-      mayBeStale( key );
-      auto const number = ++refusals_.refused;
+   void mark( U64 number, Key const & key, EntryPtr const & entry, bool byPool ) {
       refused_.is( key, number );
       if ( byPool ) {
          refusals_.wait( number, key, entry );
       }
-      Rule::statusIs( programmer_, key, { PfeHelper::NatHwResult::failed, entry } );
+      statusIs( key, entry, PfeHelper::NatHwResult::failed );
    }
 
    NatBaseProgrammerSm & programmer_;
    Refusals & refusals_;
-   Vexa::HashMap< Key, EntryPtr, Rule::rememberedConstant > remembered_;
-   Vexa::HashMap< Key, U64, Rule::refusedConstant > refused_;  // with the number of the refusal
+   Vexa::HashMap< Key, EntryPtr, Kind::rememberedConstant > remembered_;
+   Vexa::HashMap< Key, U64, Kind::refusedConstant > refused_;  // with the number of the refusal
    std::vector< Key > changed_;                                // since the last rest, with a status that may be stale
    std::size_t keptChanged_ = 0;                               // of them when they were last looked through
 };

@@ -83,7 +83,7 @@ void moveRows( World & world, Choices & choices ) {
 void addAgain( World & world, Choices & choices ) {
    toAny( world, choices, [ & ]( AnyRule const & rule ) {
       world.unconfigure( keyOf( rule ) );
-      world.configure( Model::anew( rule ) );
+      configureIfFree( world, Model::anew( rule ) );
    } );
 }
 
@@ -151,6 +151,10 @@ constexpr Event events[] = {
    { "restart", 1, []( World & world, Choices & ) { world.restart(); } },
 };
 
+// What whoever watches the results does when one changes.
+constexpr void ( *reactions[] )( World & world, Choices & choices ) = {
+   events[ 0 ].happens, touch, update, change, remove, moveRows, addAgain };
+
 // One thing that happens. What exactly is drawn from `choice` when it happens, so that steps can be left out of a
 // history.
 struct Step {
@@ -180,8 +184,9 @@ rc::Gen< Step > anyStep() {
 
 class History {
  public:
-   History( U32 freeIds, Model::Chip const & chip, bool talkativeHardware = false )
-      : world_( freeIds, chip, talkativeHardware ) {
+   // Watched: whoever is told of a result's change may change rules then.
+   History( U32 freeIds, Model::Chip const & chip, bool watched, bool talkativeHardware = false )
+      : world_( freeIds, chip, talkativeHardware ), watched_( watched ) {
       if ( auto const * const level = std::getenv( "MODEL_TRACE" ) ) {
          Trace::enabledLevelIs( static_cast< U8 >( std::atoi( level ) ) );
       }
@@ -192,7 +197,18 @@ class History {
          std::cerr << "--- " << step << '\n';
       }
       Choices choices( step.choice + 1 );
+      if ( watched_ ) {
+         world_.whenResultChanges = [ this, reaction = Choices( step.choice / 2 + 1 ), left = 3U ]() mutable {
+            if ( left != 0 && reaction.oneIn( 2 ) ) {
+               --left;
+               // What comes while all is deleted would stay.
+               auto const react = reactions[ reaction.below( std::size( reactions ) ) ];
+               ( world_.isDeletingAll() ? remove : react )( world_, reaction );
+            }
+         };
+      }
       events[ step.event ].happens( world_, choices );
+      world_.whenResultChanges = {};
       world_.check();
       checkNoFaults( world_ );
    }
@@ -227,16 +243,17 @@ class History {
 
  private:
    World world_;
+   bool watched_;
 };
 
 std::vector< Step > anySteps() {
    return *rc::gen::resize( 250, rc::gen::container< std::vector< Step > >( rc::gen::noShrink( anyStep() ) ) );
 }
 
-RC_GTEST_PROP( History, LeavesExactlyWhatTheModelSays, ( bool vrfLess, bool fullConeProgrammed ) ) {
+RC_GTEST_PROP( History, LeavesExactlyWhatTheModelSays, ( bool vrfLess, bool fullConeProgrammed, bool watched ) ) {
    auto const freeIds = *rc::gen::element< U32 >( 4, 8, 60 );
    auto const steps = anySteps();
-   History history( freeIds, { vrfLess, fullConeProgrammed } );
+   History history( freeIds, { vrfLess, fullConeProgrammed }, watched );
    for ( auto const & step : steps ) {
       history.happens( step );
    }
@@ -248,9 +265,10 @@ RC_GTEST_PROP( History, LeavesExactlyWhatTheModelSays, ( bool vrfLess, bool full
 }
 
 // Overtaken operations report too, in the order in which they settle.
-RC_GTEST_PROP( History, ComesRightOnHardwareThatReportsEverything, ( bool vrfLess, bool fullConeProgrammed ) ) {
+RC_GTEST_PROP( History, ComesRightOnHardwareThatReportsEverything,
+               ( bool vrfLess, bool fullConeProgrammed, bool watched ) ) {
    auto const freeIds = *rc::gen::element< U32 >( 4, 8, 60 );
-   History history( freeIds, { vrfLess, fullConeProgrammed }, true );
+   History history( freeIds, { vrfLess, fullConeProgrammed }, watched, true );
    for ( auto const & step : anySteps() ) {
       history.happens( step );
    }

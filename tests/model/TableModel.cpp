@@ -31,6 +31,10 @@ template< class Table, class Function > void forEachRowLeft( Table & table, Func
          }
       },
       &unseen );
+   // Whoever is told of a removal, the row's last, finds nothing left of the row.
+   std::erase_if( unseen, []( Asic::Row const * row ) {
+      return !row->inHardware && row->outstanding == 1 && row->state() == Asic::EntryState::settled;
+   } );
    for ( auto const * row : unseen ) {
       std::ostringstream text;
       row->describe( text );

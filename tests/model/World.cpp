@@ -1,12 +1,9 @@
 #include "World.h"
-#include "FreshProgrammer.h"
 
 #include <algorithm>
 #include <utility>
 
 namespace Model {
-
-using PfeHelper::NatHwResult;
 
 unsigned World::programmersAlive = 0;
 
@@ -67,25 +64,48 @@ class World::Observed final : public Pfe::NatSwTableProgrammerSm {
  private:
    // The add that an update calls is not told again.
    template< class Operation > void adding( AnyRule const & rule, bool isUpdate, Operation && operation ) {
-      if ( inUpdate_ ) {
+      if ( world_.now_.inUpdate ) {
          operation();
          return;
       }
       world_.adding( rule, isUpdate );
-      inUpdate_ = isUpdate;
+      world_.now_.inUpdate = isUpdate;
       try {
          operation();
       } catch ( Vexa::RangeException const & error ) {
-         inUpdate_ = false;
+         world_.now_.inUpdate = false;
          world_.refused( error.what() == std::string_view( Pfe::NatId::rangeError ) );
          throw;
       }
-      inUpdate_ = false;
+      world_.now_.inUpdate = false;
       world_.accepted();
    }
 
    World & world_;
-   bool inUpdate_ = false;
+};
+
+class World::ResultWatcher final {
+ public:
+   ResultWatcher( World & world, Pfe::NatProgrammerStatus const & status )
+      : ofStatic_( world, status.staticStatus() ),
+        ofTwice_( world, status.twiceStatus() ),
+        ofDynamic_( world, status.dynamicStatus() ) {}
+
+ private:
+   template< class Results > struct Of final : Results::Watcher {
+      Of( World & w, Results const & r ) : world( w ), results( r ) { results.watcherIs( *this ); }
+      ~Of() { results.watcherDel( *this ); }
+      void onKey( typename Results::Key const &, typename Results::Value const *,
+                  typename Results::Value const * ) override {
+         world.resultChanged();
+      }
+      World & world;
+      Results const & results;
+   };
+
+   Of< Pfe::NatProgrammerStatus::StaticStatus > ofStatic_;
+   Of< Pfe::NatProgrammerStatus::TwiceStatus > ofTwice_;
+   Of< Pfe::NatProgrammerStatus::DynamicStatus > ofDynamic_;
 };
 
 // --- What the base programmer must call ------------------------------------------------------------------------------
@@ -104,25 +124,33 @@ bool World::isRefused( AnyKey const & key ) const {
    return std::ranges::any_of( refused_, [ & ]( Refused const & one ) { return keyOf( one.rule ) == key; } );
 }
 
+bool World::isConfigured( AnyRule const & rule ) const {
+   auto const rules = configured();
+   auto const known = rules.find( keyOf( rule ) );
+   return known != rules.end() && known->second == rule;
+}
+
 void World::adding( AnyRule const & rule, bool isUpdate ) {
    auto const key = keyOf( rule );
    auto const known = handedOver_.find( key );
    auto const nextToRetry = std::ranges::find_if( refused_, &Refused::byPool );
-   expect( configured().at( key ) == rule, "handed over, but configured otherwise", key );
-   expect( !undoing_, "the rule before it was not undone", key );
+   expect( isConfigured( rule ), "handed over, but configured otherwise", key );
+   expect( !now_.undoing, "the rule before it was not undone", key );
    expect( isUpdate == ( known != handedOver_.end() ), "add and update confused", key );
    expect( !isUpdate || haveSameRows( known->second, rule ), "update changes rows", key );
-   expect( !retrying_ || ( nextToRetry != refused_.end() && keyOf( nextToRetry->rule ) == key && !retryRaised_ ),
+   expect( !now_.retrying || ( nextToRetry != refused_.end() && keyOf( nextToRetry->rule ) == key &&
+                               !( now_.refusedAgain && isRefused( *now_.refusedAgain ) ) ),
            "retried out of turn", key );
    std::erase_if( refused_, [ & ]( Refused const & other ) { return keyOf( other.rule ) == key; } );
    handedOver_.insert_or_assign( key, rule );
    ++handOvers_[ key ];
    if ( !cleaningUp_ ) {
-      mustRaise_ = isOutOfRange( rule, chip_ ) ||
-                   ( !isRejected( rule ) && !tables_.program( directionsOf( rule ), config().fragmentationEnabled() ) );
+      now_.mustRaise =
+         isOutOfRange( rule, chip_ ) ||
+         ( !isRejected( rule ) && !tables_.program( directionsOf( rule ), config().fragmentationEnabled() ) );
       programmed_.insert( key );
    }
-   inFlight_ = rule;
+   now_.inFlight = rule;
 }
 
 bool World::haveSameRows( AnyRule const & a, AnyRule const & b ) const {
@@ -130,28 +158,29 @@ bool World::haveSameRows( AnyRule const & a, AnyRule const & b ) const {
 }
 
 void World::accepted() {
-   expect( !mustRaise_, "accepted without a free id, or out of range", keyOf( *inFlight_ ) );
-   mustRaise_ = false;
-   inFlight_.reset();
+   expect( !now_.mustRaise, "accepted without a free id, or out of range", keyOf( *now_.inFlight ) );
+   now_.mustRaise = false;
+   now_.inFlight.reset();
 }
 
 void World::refused( bool byPool ) {
-   expect( mustRaise_, "refused though ids are free", keyOf( *inFlight_ ) );
-   expect( byPool != isOutOfRange( *inFlight_, chip_ ), "refused for another reason", keyOf( *inFlight_ ) );
-   mustRaise_ = false;
-   retryRaised_ = true;
-   undoing_ = std::exchange( inFlight_, std::nullopt );
+   expect( now_.mustRaise, "refused though ids are free", keyOf( *now_.inFlight ) );
+   expect( byPool != isOutOfRange( *now_.inFlight, chip_ ), "refused for another reason", keyOf( *now_.inFlight ) );
+   now_.mustRaise = false;
+   now_.refusedAgain = keyOf( *now_.inFlight );
+   refusedMeanwhile_ = true;
+   now_.undoing = std::exchange( now_.inFlight, std::nullopt );
 }
 
 void World::deleting( AnyRule const & rule ) {
    auto const key = keyOf( rule );
-   if ( undoing_ ) {
-      expect( *undoing_ == rule, "something else is undone", key );
+   if ( now_.undoing ) {
+      expect( *now_.undoing == rule, "something else is undone", key );
       handedOver_.erase( key );
       refused_.push_back( { rule, !isOutOfRange( rule, chip_ ) } );
-      undoing_.reset();
-   } else if ( deletingAll_ ) {
-      expect( configured().at( key ) == rule, "deleted, but configured otherwise", key );
+      now_.undoing.reset();
+   } else if ( now_.deletingAll ) {
+      expect( isConfigured( rule ), "deleted, but configured otherwise", key );
    } else {
       auto const known = handedOver_.find( key );
       expect( known != handedOver_.end() && known->second == rule, "not the entry handed over last", key );
@@ -164,16 +193,29 @@ void World::deleting( AnyRule const & rule ) {
 }
 
 void World::sweeping() {
-   tables_.catchUp( Snapshot( running_->tables ) );
-   retrying_ = true;
-   retryRaised_ = false;
+   catchUp();
+   now_.retrying = true;
+   now_.refusedAgain.reset();
+   refusedMeanwhile_ = false;
+}
+
+// What runs goes on afterwards, whatever was changed meanwhile.
+void World::resultChanged() {
+   if ( whenResultChanges ) {
+      if ( settling_ ) {
+         catchUp();
+      }
+      auto const before = std::exchange( now_, {} );
+      whenResultChanges();
+      now_ = before;
+   }
 }
 
 void World::retryOver() {
-   if ( !retryRaised_ && std::ranges::any_of( refused_, &Refused::byPool ) ) {
+   if ( !refusedMeanwhile_ && std::ranges::any_of( refused_, &Refused::byPool ) ) {
       fault( "a refused rule was not retried" );
    }
-   retrying_ = false;
+   now_.retrying = false;
 }
 
 // --- What happens ----------------------------------------------------------------------------------------------------
@@ -200,11 +242,13 @@ void World::start() {
          programmer->hasNotificationActiveIs( true );
          return Pfe::NatSwTableProgrammerSm::Ptr( programmer );
       } );
+   watcher_ = std::make_unique< ResultWatcher >( *this, *running_->status );
    freeIdsAre( freeIds_ );
    replay();
 }
 
 void World::restart() {
+   watcher_.reset();
    running_.reset();
    if ( programmersAlive != 0 ) {
       fault( "the programmer outlives its tables" );
@@ -232,7 +276,11 @@ void World::unconfigure( AnyKey const & key ) {
    Support::unconfigure( *surroundings_.config, key );
 }
 
-void World::settle() { running_->settle(); }
+void World::settle() {
+   settling_ = true;
+   running_->settle();
+   settling_ = false;
+}
 
 void World::handsOverEverything( std::function< void() > const & action ) {
    handOvers_.clear();
@@ -252,14 +300,15 @@ void World::addAll() {
 }
 
 void World::deleteAll() {
-   deletingAll_ = true;
+   now_.deletingAll = deletingAll_ = true;
    running_->sm->deleteAllConnections();
-   deletingAll_ = false;
+   now_.deletingAll = deletingAll_ = false;
 }
 
 void World::retryRefused() {
-   retrying_ = true;
-   retryRaised_ = false;
+   now_.retrying = true;
+   now_.refusedAgain.reset();
+   refusedMeanwhile_ = false;
    running_->sm->retryRefused();
    retryOver();
 }
@@ -283,7 +332,12 @@ void World::endCleanup() {
    replay();
 }
 
-bool World::rest() { return running_->settleToRest(); }
+bool World::rest() {
+   settling_ = true;
+   bool const rests = running_->settleToRest();
+   settling_ = false;
+   return rests;
+}
 
 bool World::collides( AnyRule const & rule ) const {
    auto const directions = directionsOf( rule );
@@ -295,181 +349,11 @@ bool World::collides( AnyRule const & rule ) const {
    } );
 }
 
-// --- Checks ----------------------------------------------------------------------------------------------------------
-
-void World::check() {
-   if ( surroundings_.chip->wrongCalls != 0 ) {
-      fault( "the chip was given at once what must come one after the other" );
-   }
-   if ( surroundings_.chip->talkative ) {
-      faults_.clear();
-      if ( running_->tables.hardware->outstanding() == 0 ) {
-         running_->sm->atRest();
-         checkStatus( Snapshot( running_->tables ) );
-      }
-      return;
-   }
-   Snapshot const seen( running_->tables );
-   tables_.catchUp( seen );
-   checkHandOvers();
-   auto const & manager = *running_->sm->natIdManager();
-   tables_.check( seen, manager, faults_ );
-
-   auto const gone = std::exchange( surroundings_.mcast->cleaned, {} );
-   std::set< IngressKey > present;
-   for ( auto const & [ key, row ] : seen.matches ) {
-      if ( isMulticast( key ) ) {
-         present.insert( key );
-      }
-   }
-   std::set< IngressKey > const cleaned( gone.begin(), gone.end() );
-   std::erase_if( mcastRows_, [ & ]( IngressKey const & key ) { return present.contains( key ); } );
-   if ( cleaned != mcastRows_ || cleaned.size() != gone.size() ) {
-      fault( "the multicast hook was not told of exactly the rows that left the hardware" );
-   }
-   mcastRows_ = std::move( present );
-
-   if ( running_->tables.hardware->outstanding() == 0 ) {
-      running_->sm->atRest();
-      tables_.checkAtRest( seen, faults_ );
-      checkStatus( seen );
-      checkPackets( seen );
-   }
-   for ( auto const & [ key, outcome ] : Support::outcomes( *running_->status ) ) {
-      expect( outcome.result == NatHwResult::programmed || outcome.result == NatHwResult::failed ||
-                 outcome.result == NatHwResult::rejectedMulticast,
-              "no such result", key );
-   }
-}
-
-// Whatever is configured is handed over as it is configured, or refused.
-void World::checkHandOvers() {
-   auto remembered = handedOver_;
-   for ( auto const & [ rule, byPool ] : refused_ ) {
-      remembered.insert_or_assign( keyOf( rule ), rule );
-   }
-   if ( remembered != configured() || undoing_ || inFlight_ ) {
-      fault( "what is handed over is not what is configured" );
-   }
-   if ( running_->sm->refusedCount() != refused_.size() ) {
-      fault( "wrong number of refused rules" );
-   }
-}
-
-void World::checkStatus( Snapshot const & seen ) {
-   std::map< AnyKey, Support::Outcome > expected;
-   for ( auto const & [ rule, byPool ] : refused_ ) {
-      expected.insert( { keyOf( rule ), { NatHwResult::failed, rule } } );
-   }
-   for ( auto const & key : programmed_ ) {
-      auto const & rule = handedOver_.at( key );
-      if ( isRejected( rule ) ) {
-         expected.insert( { key, { NatHwResult::rejectedMulticast, rule } } );
-      } else if ( auto const directions = directionsOf( rule ); !directions.empty() ) {
-         bool const settled = std::ranges::all_of( directions, [ & ]( Direction const & direction ) {
-            auto const row = seen.matches.find( direction.key );
-            return row != seen.matches.end() && row->second.visible && row->second.state == Asic::EntryState::settled;
-         } );
-         expected.insert( { key, { settled ? NatHwResult::programmed : NatHwResult::failed, rule } } );
-      }
-   }
-   auto const found = Support::outcomes( *running_->status );
-   for ( auto const & [ key, outcome ] : found ) {
-      // A rule that took over another's row, was never written, and whose removal the hardware refused: from then on
-      // the row reports to the other. Its result goes with the replay that ends the clean-up.
-      bool const mayLinger = cleaningUp_ && !expected.contains( key ) && outcome.result == NatHwResult::failed &&
-                             configured().contains( key );
-      auto const known = expected.find( key );
-      expect( mayLinger || ( known != expected.end() && known->second == outcome ), "wrong status", key );
-   }
-   for ( auto const & [ key, outcome ] : expected ) {
-      expect( found.contains( key ), "no status", key );
-   }
-   if ( !running_->sm->checkStaleStatus().empty() ) {
-      fault( "a stale status at rest" );
-   }
-}
-
-// What goes out is translated and comes back, wherever the rule's rows are what it wants them to be.
-void World::checkPackets( Snapshot const & seen ) {
-   for ( auto const & key : programmed_ ) {
-      auto const & rule = handedOver_.at( key );
-      auto const directions = isRejected( rule ) ? std::vector< Direction >() : directionsOf( rule );
-      auto const all = [ & ]( bool ofTwins ) {
-         return !directions.empty() && std::ranges::all_of( directions, [ & ]( Direction const & direction ) {
-            bool const hasTwin = direction.twin == Direction::Twin::held;
-            return tables_.isAsWanted( direction, ofTwins && hasTwin, seen );
-         } );
-      };
-      if ( all( false ) ) {
-         checkExchange( rule, Agent::Packet::Part::whole );
-         checkExchange( rule, Agent::Packet::Part::firstFragment );
-      }
-      if ( config().fragmentationEnabled() && all( true ) ) {
-         checkExchange( rule, Agent::Packet::Part::laterFragment );
-      }
-   }
-}
-
-void World::checkExchange( AnyRule const & rule, Agent::Packet::Part part ) {
-   auto const exchange = exchangeOf( rule, chip_ );
-   auto const key = keyOf( rule );
-   auto const asPart = [ & ]( Agent::Packet packet ) {
-      packet.part = part;
-      if ( part == Agent::Packet::Part::laterFragment ) {
-         packet.source.port = packet.destination.port = 0;
-      }
-      return packet;
-   };
-   // What leaves of a packet that meets a row of the rule. It may meet one of another rule that matches it better or as
-   // well; then nothing.
-   auto const walked = [ & ]( Agent::Packet const & packet ) {
-      auto const passage = walk( running_->tables.all, packet, exchange.interfaces );
-      expect( !passage.matches.empty(), "a packet meets no row", key );
-      std::vector< Agent::Packet > leaving;
-      if ( passage.matches.size() == 1 &&
-           std::ranges::any_of( directionsOf( rule ), [ & ]( Direction const & direction ) {
-              return passage.matches[ 0 ].key == direction.key || passage.matches[ 0 ].key == direction.twinKey;
-           } ) ) {
-         std::ranges::transform( passage.copies, std::back_inserter( leaving ), &Agent::Copy::packet );
-         expect( !leaving.empty(), "a packet is lost", key );
-      }
-      return leaving;
-   };
-   auto const sent = asPart( exchange.sent );
-   auto const out = walked( sent );
-   if ( out.empty() ) {
-      return;
-   }
-   ++exchangesChecked[ rule.index() ];
-   expect( std::ranges::equal( out, exchange.received, {}, {}, asPart ), "a packet is not translated", key );
-   if ( isMulticast( rule ) || out.size() != 1 ) {
-      return;
-   }
-   auto const back = walked( replyTo( out[ 0 ] ) );
-   if ( back.empty() ) {
-      return;
-   }
-   auto const & [ destination, source ] = std::tie( back[ 0 ].destination, back[ 0 ].source );
-   bool const samePorts = destination.port == sent.source.port && source.port == sent.destination.port;
-   expect( destination.ip == sent.source.ip && source.ip == sent.destination.ip &&
-              ( samePorts || !exchange.portsComeBack ),
-           "an answer does not come back", key );
-}
-
-bool World::isAllProgrammed() const {
-   return std::ranges::none_of( refused_, &Refused::byPool ) &&
-          programmed_.size() + refused_.size() == configured().size() && running_->tables.failedRowCount() == 0;
-}
-
-void World::checkAgainstFresh() {
-   std::ranges::copy( differencesFromFresh( *running_ ), std::back_inserter( faults_ ) );
-}
-
 void World::checkEmpty() {
    if ( !running_->isEmpty() ) {
       fault( "something is left of deleted rules" );
    }
+   watcher_.reset();
    running_.reset();
    if ( programmersAlive != 0 ) {
       fault( "the programmer was not destroyed" );

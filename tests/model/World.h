@@ -45,7 +45,12 @@ class World {
    Pfe::NatProgrammerConfig const & config() const { return *surroundings_.config; }
    std::map< AnyKey, AnyRule > configured() const { return Support::configured( config() ); }
    bool isCleaningUp() const { return cleaningUp_; }
+   bool isDeletingAll() const { return deletingAll_; }
    bool isRefused( AnyKey const & key ) const;
+
+   // Runs inside every change of a result, and may change rules; empty: nobody watches.
+   std::function< void() > whenResultChanges;
+
    // Whether another configured rule than the one under `key` has a row of `rule`.
    bool collides( AnyRule const & rule ) const;
 
@@ -67,6 +72,7 @@ class World {
 
  private:
    class Observed;
+   class ResultWatcher;
 
    struct Refused {
       AnyRule rule;
@@ -79,13 +85,18 @@ class World {
    void refused( bool byPool );
    void deleting( AnyRule const & rule );
    void sweeping();
+   void resultChanged();
 
    std::vector< Direction > directionsOf( AnyRule const & rule ) const { return Model::directionsOf( rule, chip_ ); }
    bool haveSameRows( AnyRule const & a, AnyRule const & b ) const;
+   bool isConfigured( AnyRule const & rule ) const;
    bool isRejected( AnyRule const & rule ) const;
    void start();
    void retryOver();
    void handsOverEverything( std::function< void() > const & action );
+   // What settled since is known: ids are free again.
+   Snapshot catchUp();
+   void checkEverything();
    void checkHandOvers();
    void checkStatus( Snapshot const & seen );
    void checkPackets( Snapshot const & seen );
@@ -95,6 +106,7 @@ class World {
 
    Support::Surroundings surroundings_;
    std::unique_ptr< Support::Programmer > running_;
+   std::unique_ptr< ResultWatcher > watcher_;
    ExpectedTables tables_;
    U32 freeIds_;
    Chip const chip_;
@@ -105,13 +117,21 @@ class World {
    std::set< AnyKey > programmed_;  // handed over, and neither dropped by a clean-up nor refused
    std::map< AnyKey, unsigned > handOvers_;
 
-   std::optional< AnyRule > inFlight_;  // being added, and whether it must raise
-   bool mustRaise_ = false;
-   std::optional< AnyRule > undoing_;
-   bool deletingAll_ = false;
+   // What runs; of its own inside each change of a result.
+   struct Running {
+      std::optional< AnyRule > inFlight;  // being added, and whether it must raise
+      bool mustRaise = false;
+      bool inUpdate = false;
+      std::optional< AnyRule > undoing;
+      bool deletingAll = false;
+      bool retrying = false;
+      std::optional< AnyKey > refusedAgain;  // ends the retries
+   };
+   Running now_;
    bool cleaningUp_ = false;
-   bool retrying_ = false;
-   bool retryRaised_ = false;
+   bool deletingAll_ = false;
+   bool settling_ = false;
+   bool refusedMeanwhile_ = false;  // since the retries began
 
    std::set< IngressKey > mcastRows_;  // that held something when last looked at
    Lines faults_;

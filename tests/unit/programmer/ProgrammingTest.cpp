@@ -114,38 +114,6 @@ TEST_F( Programming, ADerivedProgrammerMayWidenTheSharing ) {
    }
 }
 
-// Whoever watches the results takes away a neighbour of each rule whose result goes.
-TEST_F( Programming, RulesMayGoWhileAllAreDeletedAndAddedAgain ) {
-   struct Watcher final : Pfe::NatProgrammerStatus::StaticStatus::Watcher {
-      explicit Watcher( Pfe::NatProgrammerConfig & c ) : config( c ) {}
-      void onKey( Support::StaticKey const & key, Pfe::NatProgrammerStaticStatusEntry const *,
-                  Pfe::NatProgrammerStaticStatusEntry const * current ) override {
-         if ( !current && key.key.port % 2 == 0 ) {
-            config.staticEntryDel( { key.natIntf, { {}, key.key.ip, static_cast< U16 >( key.key.port + 1 ) } } );
-         }
-      }
-      Pfe::NatProgrammerConfig & config;
-   };
-   constexpr U32 rules = 20;
-   for ( U32 port = 100; port < 100 + rules; ++port ) {
-      auto const end = ':' + std::to_string( port );
-      nat.config->staticEntryIs( staticKey( "10.0.0.1" + end ), staticEntry( "192.0.2.1" + end ) );
-   }
-   nat.chip->failEvery = 1;
-   nat->replay();
-   nat.settle();
-   Watcher watcher( *nat.config );
-   nat.status->staticStatus().watcherIs( watcher );
-   nat->deleteAllConnections();  // drops the results of failed rules at once
-   EXPECT_EQ( nat.config->staticEntry().count(), rules / 2 );
-   nat.chip->failEvery = 0;
-   nat->addAllConnections();
-   ASSERT_TRUE( nat.settleToRest() );
-   nat.status->staticStatus().watcherDel( watcher );
-   EXPECT_EQ( nat.status->staticStatus().count(), rules / 2 );
-   EXPECT_EQ( nat.tables.rowCount(), 4 * rules / 2 );
-}
-
 // --- Broken contracts ------------------------------------------------------------------------------------------------
 
 using ProgrammingDeathTest = Programming;
