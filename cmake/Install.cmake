@@ -1,6 +1,6 @@
 # What an installation holds, in two components: `runtime` (libraries, agent, documentation, configurations to try) and
-# `development` (headers, CMake package, pkg-config file, the embedding project). `cpack` makes a Debian package of each in
-# `packages` of the build folder, wherever it is called.
+# `development` (headers, CMake package, pkg-config file, projects that embed or port). `cpack` makes a Debian package of
+# each in `packages` of the build folder, wherever it is called.
 
 include( CMakePackageConfigHelpers )
 
@@ -47,8 +47,9 @@ set( doc_root ${CMAKE_INSTALL_DATAROOTDIR}/doc )
 file( GLOB guides CONFIGURE_DEPENDS docs/*.md docs/*.svg )
 install( FILES README.md DESTINATION ${doc_root}/pfe-nat COMPONENT runtime )
 install( FILES ${guides} DESTINATION ${doc_root}/pfe-nat/docs COMPONENT runtime )
-install( DIRECTORY examples/ DESTINATION ${doc_root}/pfe-nat/examples COMPONENT runtime PATTERN embedding EXCLUDE )
-install( DIRECTORY examples/embedding DESTINATION ${doc_root}/pfe-nat-dev/examples COMPONENT development )
+install( DIRECTORY examples/ DESTINATION ${doc_root}/pfe-nat/examples COMPONENT runtime USE_SOURCE_PERMISSIONS
+   PATTERN embedding EXCLUDE PATTERN chip EXCLUDE )
+install( DIRECTORY examples/embedding examples/chip DESTINATION ${doc_root}/pfe-nat-dev/examples COMPONENT development )
 install( FILES cmake/copyright DESTINATION ${doc_root}/pfe-nat COMPONENT runtime )
 install( FILES cmake/copyright DESTINATION ${doc_root}/pfe-nat-dev COMPONENT development )
 
@@ -76,7 +77,7 @@ file( GLOB runtime_scripts CONFIGURE_DEPENDS cmake/debian/* )
 set( CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${runtime_scripts}" )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME pfe-nat-dev )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel )
-set( CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers of the NAT table programmer and its platform, and a project that embeds them." )
+set( CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers of the NAT table programmer and its platform, and projects that embed or port them." )
 set( CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "pfe-nat (= ${PROJECT_VERSION}), libboost1.81-dev" )
 set( CPACK_COMPONENTS_ALL runtime development )
 include( CPack )
