@@ -364,9 +364,10 @@ TEST_F( Replay, RetriesKeepOneOrderForAllKindsAndStopWhileNoIdIsFree ) {
    sm->natIdDemandIs( std::make_shared< KeyAndThousandfold >() );
    sm->calls.clear();
    configure( 70'000, 1 );
+   configure( 80'000, 1 );
    configure( 2, 9, 5 );
    EXPECT_THAT( sm->calls, ElementsAre( "add 2 9" ) );
-   EXPECT_EQ( sm->refusedCount(), 1U );
+   EXPECT_EQ( sm->refusedCount(), 2U );
    EXPECT_EQ( sm->retryRefused(), 0U );
    pool->matchKeyToNatIdDel( Pfe::StaticNatMatchKey{ .vrfId = 7 } );
    pool->matchKeyToNatIdDel( Pfe::StaticNatMatchKey{ .vrfId = 8 } );
@@ -376,7 +377,9 @@ TEST_F( Replay, RetriesKeepOneOrderForAllKindsAndStopWhileNoIdIsFree ) {
    pool->matchKeyToNatIdIs( KeyAndThousandfold::keyOf( 70'000 ), Pfe::NatId( 1 ) );
    pool->matchKeyToNatIdDel( KeyAndThousandfold::keyOf( 70'001 ) );
    EXPECT_EQ( sm->retryRefused(), 1U );
-   EXPECT_THAT( sm->calls, ElementsAre( "add 2 9", "add 70000 1" ) );
+   pool->matchKeyToNatIdDel( KeyAndThousandfold::keyOf( 70'002 ) );
+   EXPECT_EQ( sm->retryRefused(), 1U );
+   EXPECT_THAT( sm->calls, ElementsAre( "add 2 9", "add 70000 1", "add 80000 1" ) );
    sm = nullptr;
 }
 
