@@ -325,8 +325,8 @@ FAULTS = [
     ),
     *faults_in(
         "agent/configuration/ConfigurationReader.cpp",
-        ("reading: a rule of other rules' rows is accepted", "if ( auto const other = claimRows( rule, index ) ) {",
-         "if ( auto const other = claimRows( rule, index ); false ) {"),
+        ("reading: a rule of other rules' rows is accepted", "if ( auto const conflict = claims_.claim( connection, result_, !faults_.areOnlyCounted() ) ) {",
+         "if ( auto const conflict = claims_.claim( connection, result_, !faults_.areOnlyCounted() ); false ) {"),
         ("reading: detected protocols are dropped", "instance.l4Detected.set( detection.protocol );", "(void)detection;"),
     ),
     *faults_in(
@@ -336,10 +336,13 @@ FAULTS = [
         ("a translation of both sides is learned as one of the source", "if ( sourceDiffers && destinationDiffers ) {", "if ( false ) {"),
     ),
     *faults_in(
+        "agent/packets/RowMatch.cpp",
+        ("walk: a row without the port matches as well as one with it", "++match.rank;", ""),
+    ),
+    *faults_in(
         "agent/packets/PacketWalk.cpp",
-        ("walk: a row without the port comes before one with it", "rank += !laterFragment && pair->port == 0;", "rank += !laterFragment && pair->port != 0;"),
-        ("walk: two rows that match equally well are one", "if ( *rank == best ) {", "if ( *rank == best && matches_.empty() ) {"),
-        ("walk: rows that failed translate", "if ( !handle.heldByHardware() ) {", "if ( false ) {"),
+        ("walk: two rows that match equally well are one", "if ( match.rank == found.best ) {", "if ( match.rank == found.best && found.rewrites.empty() ) {"),
+        ("walk: rows that failed translate", "held = table.hardwareEntry( key );\n            IngressRow", "held = table.entry( key );\n            IngressRow"),
     ),
     *faults_in(
         "agent/host/NatIdStore.cpp",
@@ -348,15 +351,15 @@ FAULTS = [
         ("store: a match key may have two ids", "if ( natIdInfo_->matchKeyToNatId().count() != ++restoredCount_ ) {", "if ( ++restoredCount_ == 0 ) {"),
     ),
     *faults_in(
-        "agent/reports/HostReport.cpp",
-        ("shown: a rule whose rows failed has no reason", "fault = !handle ?", "fault = true ? \"\" : !handle ?"),
-        ("shown: fragment ids without fragmentation", "if ( settings.fragmentation && !ignoresPorts( row ) ) {", "if ( ignoresPorts( row ) ) {"),
+        "agent/reports/ConnectionReport.cpp",
+        ("shown: a rule whose rows failed has no reason", "} else if ( handle->state() != Asic::EntryState::settled ) {", "} else if ( false ) {"),
+        ("shown: fragment ids are left out", "if ( settings.fragmentation && !ignoresPorts( ingressRow ) ) {", "if ( ignoresPorts( ingressRow ) ) {"),
     ),
     *faults_in(
         "agent/serving/Requests.cpp",
-        ("serving: a file that cannot be used ends the agent's rules", "throw Fault{ unusable, fault.what() };\n   }\n   call.host.reload",
-         "call.host.reload( {} );\n   }\n   call.host.reload"),
-        ("serving: notifications are answered", "return isNotification ? Json() : Json{", "return Json{"),
+        ("serving: a file that cannot be used ends the agent's rules", "throw Fault{ unusable, fault.what() };\n      }\n      host().reload",
+         "host().reload( {} );\n      }\n      host().reload"),
+        ("serving: notifications are answered", "if ( !request.isNotification ) {", "if ( true ) {"),
     ),
     *faults_in(
         "platform/Pfe/NatBaseProgrammerSm.cpp",
