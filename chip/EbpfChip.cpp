@@ -24,7 +24,14 @@ Chip::Chip( Settings settings )
      tables_( std::make_unique< Tables >( pipeline_->pins(), pipeline_->ports() ) ) {
    // Only now the look-ups that rows need are known.
    tables_->vrfLessIs( pipeline_->settings().vrfLess );
-   pipeline_->attachAll();
+   try {
+      pipeline_->attachAll();
+   } catch ( Refusal const & ) {
+      if ( found() != Found::itself ) {
+         pipeline_->pins().removeAll();  // whoever was refused leaves nothing behind
+      }
+      throw;
+   }
 }
 
 Chip::~Chip() = default;

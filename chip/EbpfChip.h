@@ -83,6 +83,9 @@ struct Status {
    U64 lastWriteNanoseconds = 0;  // since the Unix epoch; 0: none yet
 };
 
+// The folder that holds the pins of the chip in that place.
+std::string folderOf( Place const & place );
+
 // Absent when there is no chip in that place. Throws Refusal. Reads only; another process may use the chip.
 std::optional< Status > statusOf( Place const & place );
 

@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -50,6 +51,13 @@ void Pins::create() const {
    for ( auto const & path : { parent, folder_, folder_ + "/maps", folder_ + "/programs", folder_ + "/links" } ) {
       if ( mkdir( path.c_str(), S_IRWXU ) != 0 && errno != EEXIST ) {
          throw Refusal( withErrno( path + ": can not be made" ) );
+      }
+      // Whoever owns a folder above the pins may put others in their place.
+      struct stat made {};
+      if ( stat( path.c_str(), &made ) != 0 || made.st_uid != geteuid() ||
+           ( made.st_mode & ( S_IWGRP | S_IWOTH ) ) != 0 ) {
+         throw Refusal( path +
+                        ": belongs to somebody else, or others may write there; allowed: a folder of the agent's own" );
       }
    }
 }

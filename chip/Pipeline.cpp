@@ -162,6 +162,7 @@ void Chip::Pipeline::openOrMake() {
       return;
    }
    if ( found_ != Found::nothing ) {
+      requireMemory( memoryOf( *opened() ) );  // the chip that is there goes only for one that there is room for
       pins_.removeAll();
    }
    try {

@@ -95,6 +95,8 @@ std::vector< Status::Counter > named( Named const ( &names )[ count ], Totals co
 
 }  // namespace
 
+std::string folderOf( Place const & place ) { return Pins( place ).folder(); }
+
 std::optional< Status > statusOf( Place const & place ) {
    requireBpffs( place );
    Pins const pins( place );

@@ -99,7 +99,9 @@ class EbpfChip final : public KernelChip {
       }
       return "";
    }
-   bool wasThere() const override { return chip_->found() == Ebpf::Found::itself; }
+   bool wasThere() const override {
+      return chip_->found() != Ebpf::Found::nothing && chip_->found() != Ebpf::Found::unfinished;
+   }
    U64 rowsWritten() const override { return chip_->rowsWritten(); }
 
    void carryOut( std::span< Asic::ChipRequest const > requests, std::span< Asic::EntryState > outcomes ) override {
@@ -113,8 +115,11 @@ class EbpfChip final : public KernelChip {
    std::vector< Ebpf::Port > portsIn( Configuration const & configuration ) const {
       auto devices = options_.ports;
       for ( auto const & port : configuration.ports ) {
-         if ( std::ranges::find( options_.ports, port.intf, &PortDevice::intf ) == options_.ports.end() ) {
+         auto const given = std::ranges::find( devices, port.intf, &PortDevice::intf );
+         if ( given == devices.end() ) {
             devices.push_back( port );
+         } else {
+            given->vrfId = port.vrfId;  // the command line names another device alone
          }
       }
       std::vector< Ebpf::Port > ports;

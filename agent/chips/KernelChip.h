@@ -41,7 +41,7 @@ class KernelChip : public Asic::Chip {
 
    // How it was found, in words.
    virtual std::string_view found() const = 0;
-   // Whether it was there before this process, with its rows.
+   // Whether a whole chip was there before this process, though perhaps of another store or size.
    virtual bool wasThere() const = 0;
    // Rows written to the kernel, and removed from it, by this process.
    virtual U64 rowsWritten() const = 0;

@@ -68,7 +68,7 @@ bool reportKernelChip( Report & report, std::string const & stateFolder, std::st
    if ( !status ) {
       return false;
    }
-   auto const pins = bpffs + '/' + name;
+   auto const pins = Ebpf::folderOf( { name, bpffs } );
    report.fact( "chip", JsonObject{ { "pins", pins }, { "store", status->store } } );
    report.line( "The chip at " + pins + "\n" );
    report.table( "tables", tablesOf( *status ) );
