@@ -1,4 +1,5 @@
 #include "agent/basics/Text.h"
+#include "agent/host/NatIdNeeds.h"
 #include "agent/reports/HostReport.h"
 #include "agent/reports/InOrder.h"
 
@@ -22,36 +23,9 @@ using PfeHelper::NatHwResult;
 
 // --- NAT ids ---------------------------------------------------------------------------------------------------------
 
-Pfe::NatMatchKey matchKeyOf( Pfe::IngStaticNatTable::Key const & row ) {
-   return Pfe::StaticNatMatchKey{ .natIntf = row.natIntf,
-                                  .vrfId = row.vrfId,
-                                  .ipAndPortOld = row.ipAndPortOld,
-                                  .target = row.target,
-                                  .protocol = row.protocol };
-}
-
-Pfe::NatMatchKey matchKeyOf( Pfe::IngTwiceNatTable::Key const & row ) {
-   return Pfe::TwiceNatMatchKey{ .natIntf = row.natIntf,
-                                 .vrfId = row.vrfId,
-                                 .srcIpAndPortOld = row.srcIpAndPortOld,
-                                 .dstIpAndPortOld = row.dstIpAndPortOld,
-                                 .forward = row.forward };
-}
-
-template< class Tag > Pfe::NatMatchKey matchKeyOf( Pfe::IngDynamicNaptKey< Tag > const & row ) {
-   return Pfe::DynamicNatMatchKey{ .vrfId = row.vrfId,
-                                   .first = { row.firstIp, row.firstPort },
-                                   .second = { row.secondIp, row.secondPort },
-                                   .protocol = row.protocol };
-}
-
-template< class Tag > Pfe::NatMatchKey matchKeyOf( Pfe::IngDynamicAddrOnlyKey< Tag > const & row ) {
-   return Pfe::DynamicNatMatchKey{ .vrfId = row.vrfId, .first = { row.ip, 0 }, .second = {}, .protocol = 0 };
-}
-
 // Of the row; absent when it holds none.
 std::optional< Pfe::NatId > natIdOf( Host const & host, Pfe::IngNatTableKey const & row ) {
-   auto const matchKey = std::visit( []( auto const & key ) { return matchKeyOf( key ); }, row.storage() );
+   auto const matchKey = matchKeyOf( row );
    auto const * const holders = host.programmer().natIdManager()->matchKeyToIngKeySet().find( matchKey );
    auto const * const id = host.natIdInfo().matchKeyToNatId().find( matchKey );
    return holders && id && holders->entryHas( row ) ? std::optional( *id ) : std::nullopt;
