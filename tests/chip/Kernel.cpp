@@ -134,7 +134,7 @@ void framesAddressesAre( Bytes & frame, Bytes const & destination, Bytes const &
 
 namespace {
 
-std::string const mountPoint = "/tmp";  // hidden by the mount, in this process's view alone
+constexpr char mountPoint[] = "/tmp";  // hidden by the mount, in this process's view alone
 
 constexpr char const * devices = R"(set -e
 ip link set lo up
@@ -158,7 +158,7 @@ std::string madeKernel() {
       return std::string( "namespaces of its own: " ) + std::strerror( errno );
    }
    if ( mount( "none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr ) != 0 ||
-        mount( "bpf", mountPoint.c_str(), "bpf", 0, nullptr ) != 0 ) {
+        mount( "bpf", mountPoint, "bpf", 0, nullptr ) != 0 ) {
       return std::string( "a mount of pins: " ) + std::strerror( errno );
    }
    return std::system( devices ) == 0 ? "" : "devices: ip (iproute2) could not make them";
@@ -171,7 +171,10 @@ std::string whyNoKernel() {
    return why.empty() ? "" : "this machine does not permit " + why;
 }
 
-std::string const & bpffs() { return mountPoint; }
+std::string const & bpffs() {
+   static std::string const path = mountPoint;  // asked for by what is made before main()
+   return path;
+}
 
 std::vector< Ebpf::Port > ports( PortChoice ethernet1, PortChoice vlan10 ) {
    return { { Support::intf( "ethernet1" ), "p1", ethernet1.vrfId, ethernet1.qualifier },
