@@ -264,8 +264,8 @@ std::size_t Chip::Pipeline::trapsAre( Pfe::NatTrapConfig const & traps ) const {
    auto const count = std::min< std::size_t >( wanted.size(), chipTraps );
    auto const now = shared().trapList;
    auto const inUse = ( *traps_ ).elements().subspan( now >> 31 ? chipTraps : 0, chipTraps );
-   bool const isSame =
-      ( now & 0x7FFFFFFF ) == count && std::memcmp( inUse.data(), wanted.data(), count * sizeof( ChipTrap ) ) == 0;
+   bool const isSame = ( now & 0x7FFFFFFF ) == count &&
+                       ( count == 0 || std::memcmp( inUse.data(), wanted.data(), count * sizeof( ChipTrap ) ) == 0 );
    if ( !isSame ) {
       auto const other = ( *traps_ ).elements().subspan( now >> 31 ? 0 : chipTraps, chipTraps );
       std::copy_n( wanted.begin(), count, other.begin() );
