@@ -93,6 +93,10 @@ void addChipOptions( CLI::App & app, ChipOptions & options ) {
          }
       } else {
          std::ranges::for_each( ofKernelChip, [ & ]( char const * name ) { refuse( name, "ebpf" ); } );
+         auto const * const follows = app.get_option_no_throw( "--follow-conntrack" );
+         if ( app.count( "--netns" ) != 0 && ( !follows || follows->count() == 0 ) ) {
+            throw CLI::RequiresError( "--netns", "--follow-conntrack" );
+         }
       }
    } );
 }
