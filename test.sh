@@ -16,8 +16,6 @@ tools/api-reference.sh
 build_preset asan
 build_preset release
 
-ctest --preset asan "$@"
-
 # What is shipped differs from what the sanitizers see: it is optimised, and memory comes from pools.
 run_with_release() {
    local said
@@ -29,3 +27,5 @@ if [ $# -eq 0 ]; then
    export -f run_with_release
    printf '%s\n' tests/system/[a-z]*.py | grep -v embedding | xargs -P 2 -I{} bash -c 'run_with_release {}'
 fi
+
+exec ctest --preset asan "$@"
